@@ -1,0 +1,152 @@
+#include "client/domain/crypto.hpp"
+
+#include <array>
+#include <fstream>
+#include <mutex>
+
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+
+#include "client/domain/error.hpp"
+#include "client/domain/identifier.hpp"
+
+namespace zorvi {
+namespace {
+
+constexpr std::size_t file_buffer_size = 65536;
+
+struct MdContextFree {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+using MdContext = std::unique_ptr<EVP_MD_CTX, MdContextFree>;
+
+int nibble(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+std::string finish_hex(EVP_MD_CTX* context, const char* message) {
+  std::array<std::uint8_t, EVP_MAX_MD_SIZE> raw{};
+  unsigned int length = 0;
+  require(EVP_DigestFinal_ex(context, raw.data(), &length) == 1, "crypto_failure", message);
+  return hex(std::span(raw.data(), length));
+}
+
+MdContext start_context(std::string_view algorithm_name, const char* message) {
+  const EVP_MD* md = algorithm(algorithm_name);
+  MdContext context(EVP_MD_CTX_new());
+  require(context && EVP_DigestInit_ex(context.get(), md, nullptr) == 1, "crypto_failure", message);
+  return context;
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> unhex(std::string_view text, std::size_t maximum) {
+  require(text.size() % 2 == 0 && text.size() <= maximum, "invalid_hex", "Invalid hexadecimal data");
+  std::vector<std::uint8_t> bytes(text.size() / 2);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const int high = nibble(text[2 * i]);
+    const int low = nibble(text[2 * i + 1]);
+    require(high >= 0 && low >= 0, "invalid_hex", "Invalid hexadecimal character");
+    bytes[i] = static_cast<std::uint8_t>(high << 4 | low);
+  }
+  return bytes;
+}
+
+std::string hex(std::span<const std::uint8_t> bytes) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text(bytes.size() * 2, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    text[2 * i] = digits[bytes[i] >> 4];
+    text[2 * i + 1] = digits[bytes[i] & 0x0f];
+  }
+  return text;
+}
+
+const EVP_MD* algorithm(std::string_view name) {
+  if (name == "sha256") return EVP_sha256();
+  if (name == "sha512") return EVP_sha512();
+  throw Error("unsupported_hash", "Only SHA-256 and SHA-512 hashes are supported");
+}
+
+std::string digest(std::string_view content, std::string_view algorithm_name) {
+  const EVP_MD* md = algorithm(algorithm_name);
+  std::array<std::uint8_t, EVP_MAX_MD_SIZE> raw{};
+  unsigned int length = 0;
+  require(EVP_Digest(content.data(), content.size(), raw.data(), &length, md, nullptr) == 1,
+          "crypto_failure", "Could not hash content");
+  return hex(std::span(raw.data(), length));
+}
+
+std::string digest_file(const std::filesystem::path& path, std::string_view algorithm_name) {
+  return digest_file_progress(path, algorithm_name, Progress());
+}
+
+std::string digest_file_progress(const std::filesystem::path& path, std::string_view algorithm_name,
+                                 const Progress& progress) {
+  std::ifstream stream(path, std::ios::binary);
+  require(stream.is_open(), "file_read", "Could not open file for verification: " + path_utf8(path));
+  MdContext context = start_context(algorithm_name, "Could not initialize file hash");
+
+  std::uint64_t total = 0;
+  if (progress) {
+    std::error_code ignored;
+    const auto size = std::filesystem::file_size(path, ignored);
+    total = ignored ? 0 : size;
+  }
+  std::uint64_t processed = 0;
+  const auto report = [&] {
+    if (progress && !progress(processed, total)) throw Error("cancelled", "File verification cancelled");
+  };
+  report();
+  std::vector<char> buffer(file_buffer_size);
+  while (stream) {
+    stream.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    const auto count = static_cast<std::size_t>(stream.gcount());
+    require(EVP_DigestUpdate(context.get(), buffer.data(), count) == 1, "crypto_failure", "Could not hash file");
+    processed += count;
+    require(!progress || processed <= total, "content_mismatch", "File grew beyond its verification bound");
+    report();
+  }
+  require(stream.eof(), "file_read", "Error reading file during verification");
+  return finish_hex(context.get(), "Could not finish file hash");
+}
+
+struct DigestState::Impl {
+  MdContext context;
+};
+
+DigestState::DigestState(std::string_view algorithm_name)
+    : impl_(new Impl{start_context(algorithm_name, "Cannot initialize incremental target hash")}) {}
+
+DigestState::~DigestState() = default;
+
+void DigestState::update(std::string_view bytes) {
+  require(EVP_DigestUpdate(impl_->context.get(), bytes.data(), bytes.size()) == 1, "crypto_failure",
+          "Cannot update target hash");
+}
+
+std::string DigestState::value() const {
+  MdContext copy(EVP_MD_CTX_new());
+  require(copy && EVP_MD_CTX_copy_ex(copy.get(), impl_->context.get()) == 1, "crypto_failure",
+          "Cannot snapshot incremental target hash");
+  return finish_hex(copy.get(), "Cannot snapshot incremental target hash");
+}
+
+std::string random_id() {
+  std::array<std::uint8_t, 16> bytes{};
+  require(RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) == 1, "crypto_failure",
+          "Could not create random identifier");
+  return hex(bytes);
+}
+
+void initialize_client_runtime() {
+  static std::once_flag once;
+  static bool initialized = false;
+  std::call_once(once, [] { initialized = OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1; });
+  require(initialized, "crypto_failure", "Cannot initialize native cryptography");
+}
+
+}  // namespace zorvi

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <openssl/evp.h>
+
+#include "client/domain/json.hpp"
+
+namespace zorvi {
+
+// Progress of a long operation in bytes; returning false cancels it.
+using Progress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
+
+// Decodes hexadecimal of either case; `maximum` bounds the text, not the result.
+std::vector<std::uint8_t> unhex(std::string_view text, std::size_t maximum);
+std::string hex(std::span<const std::uint8_t> bytes);
+
+// "sha256" or "sha512", spelled exactly so.
+const EVP_MD* algorithm(std::string_view name);
+
+std::string digest(std::string_view content, std::string_view algorithm_name);
+std::string digest_file(const std::filesystem::path& path, std::string_view algorithm_name);
+std::string digest_file_progress(const std::filesystem::path& path, std::string_view algorithm_name,
+                                 const Progress& progress);
+
+// An incremental digest whose value can be read at any point without ending it.
+class DigestState {
+public:
+  explicit DigestState(std::string_view algorithm_name);
+  ~DigestState();
+  DigestState(const DigestState&) = delete;
+  DigestState& operator=(const DigestState&) = delete;
+
+  void update(std::string_view bytes);
+  std::string value() const;
+
+private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// 32 lower-case hexadecimal characters from the system's random source.
+std::string random_id();
+
+// Makes OpenSSL ignore any configuration file on the machine; once per process.
+void initialize_client_runtime();
+
+// Checks one signature by a key in TUF's key form. Never raises: anything
+// malformed is simply not a valid signature.
+bool verify_signature(const json& key, std::string_view message, std::string_view signature);
+
+}  // namespace zorvi

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+
+namespace zorvi {
+
+// Creates a missing chain of private directories, or proves an existing one.
+void private_directory(const std::filesystem::path& path);
+
+// Creates a private directory at a name that must not exist, under parents that must.
+void private_directory_new(const std::filesystem::path& path);
+
+namespace posix_files {
+
+// A flush that reaches stable storage, retried on EINTR; returns 0 or -1 with errno set.
+int sync(int descriptor);
+
+// Claims `size` bytes of real storage and sets the length; 0 or an error number.
+int reserve(int descriptor, std::uint64_t size);
+
+// Turns a just-created, still empty entry into a private one.
+void secure_new_private(int descriptor, bool directory);
+
+// Refuses an ACL that grants anyone but the owner access.
+void require_private_acl(int descriptor);
+
+// Refuses unless the absolute path is a private entry of the stated kind.
+void require_private_path(const std::filesystem::path& path, bool directory);
+
+void private_directory(const std::filesystem::path& path);
+
+}  // namespace posix_files
+}  // namespace zorvi
