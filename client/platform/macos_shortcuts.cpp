@@ -39,8 +39,8 @@ void bounded_text(std::string_view text, std::size_t limit) {
 void absolute_path(const std::filesystem::path& path) {
   const std::string text = path_utf8(path);
   bounded_text(text, max_shortcut_path);
-  require(path.has_root_directory() && path == path.lexically_normal() && text.back() != '/' &&
-              path != path.root_path(),
+  // Compared as text: path equality would let "/a//b" pass as "/a/b".
+  require(path.has_root_directory() && text == path.lexically_normal().native() && text.back() != '/',
           "shortcut_path", "Shortcut paths must be absolute and normalized below a filesystem root");
 }
 
