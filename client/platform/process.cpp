@@ -390,7 +390,8 @@ ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<
   const bool isolated = group == ChildGroup::Isolated;
   std::unique_ptr<InterruptPipe> interrupt;
   if (control == ChildControl::Interrupt) {
-    require(console && isolated, "process_control", "Only an isolated console launcher child receives interrupt control");
+    require(console && isolated, "process_control",
+            "Only an isolated console launcher child receives interrupt control");
     interrupt = std::make_unique<InterruptPipe>();
   }
 

@@ -177,7 +177,8 @@ TEST(ProcessNotifications, RefusesWhatItCannotTake) {
       {"1024 bytes", json::array({sized(1024)}), "ok"},
       {"empty", json::array(), "ok"},
   };
-  for (const auto& row : rows) EXPECT_EQ(outcome([&] { notifications.update(row.identities); }), row.expected) << row.name;
+  for (const auto& row : rows)
+    EXPECT_EQ(outcome([&] { notifications.update(row.identities); }), row.expected) << row.name;
   notifications.stop();
   notifications.stop();
   EXPECT_EQ(outcome([&] { notifications.update(json::array()); }),

@@ -124,7 +124,8 @@ TEST(ChildProcess, ConstructorChecksComeBeforeAnyResource) {
   } rows[] = {
       {"nine handles", [](Launch& l) { l.handles.assign(9, 3); },
        "launch_handles: Too many private native child handles"},
-      {"one handle", [](Launch& l) { l.handles = {3}; }, "launch_handles: Native handle inheritance is Windows-only"},
+      {"one handle", [](Launch& l) { l.handles.assign(1, 3); },
+       "launch_handles: Native handle inheritance is Windows-only"},
       {"relative image", [](Launch& l) { l.path = "bin/true"; },
        "launch_executable: The installed game executable is missing or linked"},
       {"missing image", [&](Launch& l) { l.path = dir / "missing"; },
@@ -471,6 +472,7 @@ TEST(ChildProcess, StartFailuresFromExhaustedResources) {
     ChildControl control;
     bool free_standard_input;
     std::string expected;
+    ChildStreams streams = ChildStreams::Console;
   } rows[] = {
       {0, ChildControl::NoControl, false, "process_start: Cannot allocate process-start channel"},
       {2, ChildControl::NoControl, false, "process_start: Cannot create game input stream"},
@@ -478,16 +480,28 @@ TEST(ChildProcess, StartFailuresFromExhaustedResources) {
       {0, ChildControl::Interrupt, false, "process_control: Cannot create launcher interrupt pipe"},
       {1, ChildControl::Interrupt, true, "process_control: Cannot relocate launcher interrupt pipe"},
       {8, ChildControl::Interrupt, false, "ok"},
+      // Refused before any descriptor is needed.
+      {0, ChildControl::Interrupt, false,
+       "process_control: Only an isolated console launcher child receives interrupt control", ChildStreams::Separated},
   };
   for (const auto& row : rows) {
     const std::string result = in_subprocess([&] {
-      testing::leave_free_descriptors(row.free_slots);
+      testing::DescriptorSqueeze squeeze(row.free_slots);
       if (row.free_standard_input) ::close(0);
       Launch launch = interruptible_launch();
       launch.path = "/bin/true";
       launch.arguments = {};
       launch.control = row.control;
-      return start_outcome(launch);
+      launch.streams = row.streams;
+      try {
+        ChildProcess child = launch.start();
+        squeeze.release();
+        child.terminate(0);
+        return std::string("ok");
+      } catch (const Error& error) {
+        squeeze.release();
+        return error.code + ": " + error.what();
+      }
     });
     EXPECT_EQ(result, row.expected) << row.free_slots;
   }
@@ -561,7 +575,7 @@ TEST(ReplaceProcess, FailedExecLeavesTheDirectoryAlone) {
   fs::permissions(dir / "no-execute", fs::perms(0644));
   const std::string result = in_subprocess([&] {
     fs::current_path(dir.path());
-    const std::string failure = outcome([&] { exec_process(dir / "no-execute", {}, "/", {}); });
+    const std::string failure = outcome([&] { replace_process(dir / "no-execute", {}, "/", {}); });
     return failure + " in " + fs::current_path().string();
   });
   EXPECT_EQ(result, "process_start: Cannot replace this process (native error 13) in " + dir.path().string());
@@ -595,7 +609,9 @@ TEST(OpenDirectory, RunsTheOpenerOnPath) {
   fs::create_directory_symlink(dir / "shown", dir / "shown-link");
   const auto opener = [&](int status) {
     const std::string log = (dir / "log").string();
-    testing::write_text(dir / "bin/xdg-open", "#!/bin/sh\nout=$(readlink /proc/$$/fd/1)\nprintf '%s\\n' \"$@\" \"$out\" > " +
+    // The opener records its arguments and where its output went.
+    testing::write_text(dir / "bin/xdg-open", "#!/bin/sh\nout=$(readlink /proc/$$/fd/1)\n"
+                                              "printf '%s\\n' \"$@\" \"$out\" > " +
                                                   log + "\nexit " + std::to_string(status) + "\n");
     fs::permissions(dir / "bin/xdg-open", fs::perms(0755));
   };

@@ -59,20 +59,24 @@ std::string in_subprocess(const std::function<std::string()>& work) {
   return text;
 }
 
-void leave_free_descriptors(int free_slots) {
+DescriptorSqueeze::DescriptorSqueeze(int free_slots) {
   const rlimit limit{64, 64};
   if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) throw std::runtime_error("setrlimit failed");
-  std::vector<int> taken;
   for (;;) {
     const int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (descriptor < 0) break;
-    taken.push_back(descriptor);
+    taken_.push_back(descriptor);
   }
-  if (errno != EMFILE || static_cast<int>(taken.size()) < free_slots) throw std::runtime_error("cannot fill");
+  if (errno != EMFILE || static_cast<int>(taken_.size()) < free_slots) throw std::runtime_error("cannot fill");
   for (int i = 0; i < free_slots; ++i) {
-    ::close(taken.back());
-    taken.pop_back();
+    ::close(taken_.back());
+    taken_.pop_back();
   }
+}
+
+void DescriptorSqueeze::release() {
+  for (const int descriptor : taken_) ::close(descriptor);
+  taken_.clear();
 }
 
 void drop_to_nobody() {

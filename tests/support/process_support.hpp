@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "client/domain/json.hpp"
 
@@ -21,8 +22,20 @@ std::string outcome(const std::function<void()>& work);
 std::string in_subprocess(const std::function<std::string()>& work);
 
 // In a subprocess: lowers the descriptor limit and fills the table so that
-// exactly `free_slots` descriptors can still be opened.
-void leave_free_descriptors(int free_slots);
+// exactly `free_slots` descriptors can still be opened, until `release`.
+// Release before looking at an exception: the sanitizers' own checks need a
+// descriptor or two.
+class DescriptorSqueeze {
+public:
+  explicit DescriptorSqueeze(int free_slots);
+  ~DescriptorSqueeze() { release(); }
+  DescriptorSqueeze(const DescriptorSqueeze&) = delete;
+  DescriptorSqueeze& operator=(const DescriptorSqueeze&) = delete;
+  void release();
+
+private:
+  std::vector<int> taken_;
+};
 
 // In a subprocess: becomes the unprivileged user 65534 for good.
 void drop_to_nobody();
