@@ -128,14 +128,10 @@ TEST(ChildProcess, ConstructorChecksComeBeforeAnyResource) {
        "launch_handles: Native handle inheritance is Windows-only"},
       {"relative image", [](Launch& l) { l.path = "bin/true"; },
        "launch_executable: The installed game executable is missing or linked"},
-      {"missing image", [&](Launch& l) { l.path = dir / "missing"; },
-       "launch_executable: The installed game executable is missing or linked"},
       {"linked image", [&](Launch& l) { l.path = dir / "image-link"; },
        "launch_executable: The installed game executable is missing or linked"},
       {"directory as image", [](Launch& l) { l.path = "/"; },
        "launch_executable: The installed game executable is missing or linked"},
-      {"relative directory", [](Launch& l) { l.directory = "tmp"; },
-       "launch_directory: Game working directory is missing or linked"},
       {"linked directory", [&](Launch& l) { l.directory = dir / "directory-link"; },
        "launch_directory: Game working directory is missing or linked"},
       {"file as directory", [](Launch& l) { l.directory = "/bin/true"; },
@@ -149,19 +145,11 @@ TEST(ChildProcess, ConstructorChecksComeBeforeAnyResource) {
        "argument_limit: Launch arguments exceed the total bound"},
       {"empty key", [](Launch& l) { l.overrides = {{"", "x"}}; },
        "argument_encoding: Process environment entry is invalid"},
-      {"key with =", [](Launch& l) { l.overrides = {{"A=B", "x"}}; },
-       "argument_encoding: Process environment entry is invalid"},
       {"value with NUL", [](Launch& l) { l.overrides = {{"A", std::string("x\0y", 3)}}; },
        "argument_encoding: Process environment entry is invalid"},
       {"reserved name",
        [](Launch& l) { l.overrides = {{std::string(launcher_interrupt_reader_environment), "1:3"}}; },
        "process_control: Launcher interrupt authority cannot be supplied as an environment override"},
-      {"interrupt, separated streams",
-       [](Launch& l) {
-         l.control = ChildControl::Interrupt;
-         l.group = ChildGroup::Isolated;
-       },
-       "process_control: Only an isolated console launcher child receives interrupt control"},
       {"interrupt, shared group",
        [](Launch& l) {
          l.control = ChildControl::Interrupt;
@@ -547,7 +535,6 @@ TEST(ReplaceProcess, ChecksComeFirst) {
     std::string expected;
   } rows[] = {
       {"linked image", dir / "image-link", "/", {}, {}, "process_start: Replacement image or directory is unavailable"},
-      {"relative image", "bin/true", "/", {}, {}, "process_start: Replacement image or directory is unavailable"},
       {"linked directory", "/bin/true", dir / "directory-link", {}, {},
        "process_start: Replacement image or directory is unavailable"},
       {"file as directory", "/bin/true", "/bin/true", {}, {},
@@ -555,7 +542,6 @@ TEST(ReplaceProcess, ChecksComeFirst) {
       {"65 arguments", "/bin/true", "/", std::vector<std::string>(65, "a"), {},
        "argument_limit: Too many replacement arguments"},
       {"4097 bytes", "/bin/true", "/", {limit_argument + "a"}, {}, "argument_limit: Invalid maintenance argument"},
-      {"NUL inside", "/bin/true", "/", {std::string("a\0b", 3)}, {}, "argument_limit: Invalid maintenance argument"},
       {"nine of 4096", "/bin/true", "/", std::vector<std::string>(9, limit_argument), {},
        "argument_limit: Maintenance arguments exceed their bound"},
       {"key with =", "/bin/true", "/", {}, {{"A=B", "x"}}, "argument_encoding: Invalid maintenance environment"},
