@@ -3,6 +3,7 @@
 //   files_probe write TARGET TEXT          one atomic_write
 //   files_probe loop TARGET GENERATION PAD atomic_write of one document, forever
 //   files_probe private DIR                private_directory
+//   files_probe reserve FILE SIZE          posix_files::reserve on an existing file
 //   files_probe fsize TARGET               atomic_write past RLIMIT_FSIZE
 //   files_probe full MOUNT                 writers on a full tmpfs mounted at MOUNT
 //   files_probe volumes MOUNT OTHER        commit and exchange between OTHER and a tmpfs
@@ -119,6 +120,11 @@ int main(int argc, char** argv) {
   if (command == "loop" && args.size() == 4) return loop(args[1], std::stoull(args[2]), std::stoull(args[3]));
   if (command == "private" && args.size() == 2) {
     std::cout << outcome([&] { zorvi::private_directory(args[1]); }) << std::endl;
+    return 0;
+  }
+  if (command == "reserve" && args.size() == 3) {
+    const zorvi::UniqueFd file(::open(args[1].c_str(), O_RDWR | O_CLOEXEC));
+    std::cout << zorvi::posix_files::reserve(file.get(), std::stoull(args[2])) << std::endl;
     return 0;
   }
   if (command == "fsize" && args.size() == 2) return fsize(args[1]);
