@@ -58,6 +58,19 @@ std::string entry_state(const std::filesystem::path& path) {
   return out.str();
 }
 
+std::string mask_transaction_names(std::string text, const std::string& target) {
+  const std::string prefix = target + ".";
+  constexpr std::size_t id_length = 32;
+  for (std::size_t at = text.find(prefix); at != std::string::npos; at = text.find(prefix, at + 1)) {
+    const std::size_t id = at + prefix.size();
+    if (text.size() < id + id_length + 4 || text.compare(id + id_length, 4, ".tmp") != 0) continue;
+    const std::string_view digits = std::string_view(text).substr(id, id_length);
+    if (digits.find_first_not_of("0123456789abcdef") != std::string_view::npos) continue;
+    text.replace(id, id_length, "ID");
+  }
+  return text;
+}
+
 std::vector<std::string> directory_names(const std::filesystem::path& directory) {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(directory)) names.push_back(entry.path().filename());

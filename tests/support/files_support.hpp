@@ -16,6 +16,10 @@ std::string error_of(const std::function<void()>& action);
 // bytes: what "left as it was" compares.
 std::string entry_state(const std::filesystem::path& path);
 
+// `text` with every transaction name of `target` ("<target>.<32 hex>.tmp")
+// written as "<target>.ID.tmp".
+std::string mask_transaction_names(std::string text, const std::string& target);
+
 // Names in a directory, sorted.
 std::vector<std::string> directory_names(const std::filesystem::path& directory);
 
