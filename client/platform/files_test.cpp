@@ -78,6 +78,7 @@ TEST(ReadFile, RefusesWhatIsNoOrdinaryFileWithoutBlocking) {
       {dir / "fifo", "unsafe_path|Expected an ordinary file: " + base + "/fifo"},
       // A proc file claims size 0 and then delivers bytes: it grew while read.
       {"/proc/self/stat", "file_read|File changed while reading"},
+      {base + std::string("/file\0.json", 11), "unsafe_path|Native path contains a NUL byte"},
   };
   for (const auto& item : cases) {
     EXPECT_EQ(error_of([&] { read_file(item.path, 1024); }), item.expected) << item.path;
@@ -159,6 +160,11 @@ TEST(AtomicWrite, EveryFailureLeavesTargetAndNoTransactionFile) {
       {[&] { atomic_create(dir / "existing", "new"); },
        "file_write|Cannot create export; the destination may already exist (17)"},
       {[&] { atomic_write(dir / "occupied", "new"); }, "file_write|Cannot commit transaction file (21)"},
+      {[&] { atomic_create("", "new"); }, export_parent},
+      {[&] { atomic_write("", "new"); },
+       "unsafe_path|macOS private directory needs a bounded path below a root"},
+      {[&] { atomic_write((dir / "existing").string() + std::string("\0x", 2), "new"); },
+       "unsafe_path|Native path contains a NUL byte"},
   };
   const std::vector<std::string> names = directory_names(dir.path());
   const std::string existing = entry_state(dir / "existing");

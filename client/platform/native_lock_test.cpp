@@ -161,6 +161,7 @@ TEST(FileLock, RefusesLockFilesItCannotTrustAndLeavesThem) {
       {dir / "symlink", "lock_failed|Cannot open operation lock"},
       {dir / "directory", "lock_failed|Cannot open operation lock"},
       {dir / "linked-parent" / ".lock", "unsafe_path|macOS directory ancestry is missing or linked"},
+      {"", "unsafe_path|macOS private directory needs a bounded path below a root"},
   };
   for (const auto& item : cases) {
     const std::string before = entry_state(item.path);
