@@ -127,7 +127,7 @@ struct Inspection {
 };
 
 bool normal_absolute(const std::filesystem::path& path) {
-  return path.has_root_directory() && path == path.lexically_normal();
+  return path.has_root_directory() && path.native() == path.lexically_normal().native();
 }
 
 Inspection inspect(const std::filesystem::path& normal, bool allow_file) {
