@@ -1,0 +1,534 @@
+#include "client/platform/process.hpp"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string_view>
+#include <thread>
+
+#include "client/domain/error.hpp"
+#include "client/domain/identifier.hpp"
+#include "client/platform/interrupt.hpp"
+#include "client/platform/posix_process.hpp"
+#include "client/platform/unique_fd.hpp"
+
+extern char** environ;
+
+namespace zorvi {
+namespace {
+
+constexpr std::size_t max_own_argc = max_own_arguments + 1;
+constexpr auto poll_interval = std::chrono::milliseconds(5);
+constexpr auto kill_allowance = std::chrono::milliseconds(500);
+constexpr unsigned char activation_byte = 1;
+
+struct ArgumentMessages {
+  const char* too_many;
+  const char* invalid;
+  const char* total;
+};
+
+constexpr ArgumentMessages launch_argument_messages{
+    "Too many launch arguments", "Launch argument is invalid or too long", "Launch arguments exceed the total bound"};
+constexpr ArgumentMessages replacement_argument_messages{
+    "Too many replacement arguments", "Invalid maintenance argument", "Maintenance arguments exceed their bound"};
+
+struct OverrideMessages {
+  const char* invalid;
+  const char* reserved;
+};
+
+constexpr OverrideMessages launch_override_messages{
+    "Process environment entry is invalid",
+    "Launcher interrupt authority cannot be supplied as an environment override"};
+constexpr OverrideMessages replacement_override_messages{
+    "Invalid maintenance environment", "Maintenance cannot inherit launcher interrupt authority"};
+
+bool is_plain_file(const std::filesystem::path& path) {
+  std::error_code error;
+  return path.has_root_directory() && !std::filesystem::is_symlink(std::filesystem::symlink_status(path, error)) &&
+         std::filesystem::is_regular_file(std::filesystem::status(path, error));
+}
+
+bool is_plain_directory(const std::filesystem::path& path) {
+  std::error_code error;
+  return path.has_root_directory() && std::filesystem::is_directory(std::filesystem::symlink_status(path, error));
+}
+
+void check_arguments(const std::vector<std::string>& arguments, const ArgumentMessages& messages) {
+  require(arguments.size() <= max_child_arguments, "argument_limit", messages.too_many);
+  std::size_t total = 0;
+  for (const auto& argument : arguments) {
+    require(argument.size() <= max_child_argument && argument.find('\0') == std::string::npos, "argument_limit",
+            messages.invalid);
+    total += argument.size();  // at most 64 * 4096: no overflow
+  }
+  require(total <= max_child_arguments_bytes, "argument_limit", messages.total);
+}
+
+bool valid_override(const std::string& key, const std::string& value) {
+  return !key.empty() && key.find_first_of(std::string_view("=\0", 2)) == std::string::npos &&
+         value.find('\0') == std::string::npos;
+}
+
+void check_override(const std::string& key, const std::string& value, const OverrideMessages& messages) {
+  require(valid_override(key, value), "argument_encoding", messages.invalid);
+  require(key != launcher_interrupt_reader_environment, "process_control", messages.reserved);
+}
+
+bool is_loader_variable(std::string_view name) { return name.starts_with("LD_") || name.starts_with("DYLD_"); }
+
+// Texts and the NULL-terminated pointer vector over them, made before a fork
+// so that the child only reads memory that already exists.
+class NativeVector {
+public:
+  void add(std::string text) { texts_.push_back(std::move(text)); }
+  char* const* seal() {
+    pointers_.clear();
+    for (auto& text : texts_) pointers_.push_back(text.data());
+    pointers_.push_back(nullptr);
+    return pointers_.data();
+  }
+
+private:
+  std::vector<std::string> texts_;
+  std::vector<char*> pointers_;
+};
+
+// The inherited environment without the reserved variable, without names
+// the overrides replace and, when asked, without loader variables; then the
+// overrides in key order. `check_each` checks overrides as they are added.
+NativeVector build_environment(const EnvironmentOverrides& overrides, bool drop_loader,
+                               const std::string* interrupt_value, const OverrideMessages* check_each) {
+  NativeVector environment;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+    const std::string_view text(*entry);
+    const auto equals = text.find('=');
+    if (equals == std::string_view::npos) continue;
+    const std::string name(text.substr(0, equals));
+    if (name == launcher_interrupt_reader_environment || overrides.contains(name) ||
+        (drop_loader && is_loader_variable(name)))
+      continue;
+    environment.add(std::string(text));
+  }
+  for (const auto& [key, value] : overrides) {
+    if (check_each != nullptr) check_override(key, value, *check_each);
+    environment.add(key + "=" + value);
+  }
+  if (interrupt_value != nullptr)
+    environment.add(std::string(launcher_interrupt_reader_environment) + "=" + *interrupt_value);
+  return environment;
+}
+
+NativeVector argument_vector(const std::filesystem::path& path, const std::vector<std::string>& arguments) {
+  NativeVector vector;
+  vector.add(path.native());
+  for (const auto& argument : arguments) vector.add(argument);
+  return vector;
+}
+
+bool is_close_on_exec(const UniqueFd& descriptor) {
+  const int flags = ::fcntl(descriptor.get(), F_GETFD);
+  return flags >= 0 && (flags & FD_CLOEXEC) != 0;
+}
+
+void reap(pid_t pid) {
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
+// Everything the forked child touches, prepared before the fork.
+struct ChildPlan {
+  const char* path;
+  char* const* argv;
+  char* const* envp;
+  const char* directory;
+  int start_read;
+  int start_write;
+  int activation_parent;
+  int activation_child;
+  int null_device;
+  InterruptPipe* interrupt;
+  bool console;
+  bool isolated;
+};
+
+[[noreturn]] void report_and_exit(const ChildPlan& plan, int error) noexcept {
+  (void)!::write(plan.start_write, &error, sizeof error);
+  ::_exit(127);
+}
+
+// The new image starts with default dispositions and nothing blocked: the
+// parent's Ctrl+C handling, an ignored SIGPIPE or a signal blocked around
+// the fork are not the game's business.
+void reset_signals() noexcept {
+  struct sigaction standard {};
+  standard.sa_handler = SIG_DFL;
+  sigemptyset(&standard.sa_mask);
+  for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
+    if (signal_number != SIGKILL && signal_number != SIGSTOP) ::sigaction(signal_number, &standard, nullptr);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// Runs in the forked copy: only async-signal-safe calls on the plan.
+[[noreturn]] void run_child(const ChildPlan& plan) noexcept {
+  reset_signals();
+  posix_process::close_descriptors_on_exec(3);
+  ::close(plan.start_read);
+  ::close(plan.activation_parent);
+  if (plan.interrupt != nullptr && !plan.interrupt->prepare_child()) report_and_exit(plan, errno);
+  if (plan.isolated && ::setpgid(0, 0) != 0) report_and_exit(plan, errno);
+  unsigned char byte = 0;
+  ssize_t count = 0;
+  do {
+    count = ::read(plan.activation_child, &byte, 1);
+  } while (count < 0 && errno == EINTR);
+  // Without the byte the parent has not recorded this child: leave quietly.
+  if (count != 1 || byte != activation_byte) ::_exit(127);
+  ::close(plan.activation_child);
+  if (::chdir(plan.directory) != 0) report_and_exit(plan, errno);
+  if (::dup2(plan.null_device, 0) < 0) report_and_exit(plan, errno);
+  if (plan.null_device == 0) {
+    if (::fcntl(0, F_SETFD, 0) != 0) report_and_exit(plan, errno);
+  } else {
+    ::close(plan.null_device);
+  }
+  if (!plan.console && ::dup2(2, 1) < 0) report_and_exit(plan, errno);
+  ::execve(plan.path, plan.argv, plan.envp);
+  report_and_exit(plan, errno);
+}
+
+struct StartChannels {
+  UniqueFd start_read;
+  UniqueFd start_write;
+  UniqueFd null_device;
+  UniqueFd activation_parent;
+  UniqueFd activation_child;
+};
+
+// Every descriptor is made close-on-exec at creation, so that a fork in
+// another thread cannot carry one into a foreign image.
+StartChannels open_start_channels() {
+  StartChannels channels;
+  int ends[2] = {-1, -1};
+  require(::pipe2(ends, O_CLOEXEC) == 0, "process_start", "Cannot allocate process-start channel");
+  channels.start_read.reset(ends[0]);
+  channels.start_write.reset(ends[1]);
+  require(is_close_on_exec(channels.start_read) && is_close_on_exec(channels.start_write), "process_start",
+          "Cannot protect process-start channel");
+  channels.null_device.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  require(static_cast<bool>(channels.null_device), "process_start", "Cannot create game input stream");
+  require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "process_start",
+          "Cannot allocate process activation channel");
+  channels.activation_parent.reset(ends[0]);
+  channels.activation_child.reset(ends[1]);
+  // Linux has no SO_NOSIGPIPE; the activation send uses MSG_NOSIGNAL instead.
+  require(is_close_on_exec(channels.activation_parent) && is_close_on_exec(channels.activation_child),
+          "process_start", "Cannot protect process activation channel");
+  return channels;
+}
+
+pid_t fork_with_signals_blocked(const ChildPlan& plan) {
+  // Blocked across the fork so that no parent handler runs in the child
+  // before the child has reset the dispositions.
+  sigset_t all;
+  sigset_t saved;
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &saved);
+  const pid_t pid = ::fork();
+  if (pid == 0) run_child(plan);
+  const int error = errno;
+  ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  errno = error;
+  return pid;
+}
+
+bool send_activation(const UniqueFd& activation) {
+  ssize_t sent = 0;
+  do {
+    sent = ::send(activation.get(), &activation_byte, 1, MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  return sent == 1;
+}
+
+// 0 when the image was replaced (end of file), else the count of bytes or -1.
+ssize_t read_start_report(const UniqueFd& start_read) {
+  int report = 0;
+  std::size_t used = 0;
+  while (used < sizeof report) {
+    const ssize_t count = ::read(start_read.get(), reinterpret_cast<char*>(&report) + used, sizeof report - used);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return -1;
+    if (count == 0) break;
+    used += static_cast<std::size_t>(count);
+  }
+  return static_cast<ssize_t>(used);
+}
+
+[[noreturn]] void replace_image(const std::filesystem::path& path, const std::vector<std::string>& arguments,
+                                const std::filesystem::path& directory, const EnvironmentOverrides& overrides,
+                                bool drop_loader) {
+  require(is_plain_file(path) && is_plain_directory(directory), "process_start",
+          "Replacement image or directory is unavailable");
+  check_arguments(arguments, replacement_argument_messages);
+  auto environment = build_environment(overrides, drop_loader, nullptr, &replacement_override_messages);
+  auto argv = argument_vector(path, arguments);
+  char* const* envp = environment.seal();
+  char* const* argp = argv.seal();
+  const UniqueFd previous(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  require(previous && ::chdir(directory.c_str()) == 0, "process_start",
+          "Cannot enter the external maintenance runtime");
+  ::execve(path.c_str(), argp, envp);
+  const int error = errno;
+  (void)!::fchdir(previous.get());
+  throw Error("process_start", "Cannot replace this process (native error " + std::to_string(error) + ")");
+}
+
+}  // namespace
+
+std::string bounded_bytes(const char* pointer, std::size_t limit, const char* code) {
+  require(pointer != nullptr, code, "Native process text is missing");
+  const std::size_t length = ::strnlen(pointer, limit + 1);
+  require(length <= limit, code, "Native process text exceeds its byte bound");
+  return std::string(pointer, length);
+}
+
+std::vector<std::string> process_arguments(int argc, const char* const* argv) {
+  require(argc > 0 && argv != nullptr, "argument_encoding", "Native command arguments are missing");
+  require(static_cast<std::size_t>(argc) <= max_own_argc, "argument_limit", "Too many native command arguments");
+  std::vector<std::string> arguments;
+  std::size_t left = max_own_arguments_bytes;
+  for (int index = 1; index < argc; ++index) {
+    arguments.push_back(bounded_bytes(argv[index], left, "argument_limit"));
+    left -= arguments.back().size();
+  }
+  return arguments;
+}
+
+std::optional<std::string> process_environment(const std::string& name, std::size_t limit) {
+  const bool name_valid = !name.empty() && name.size() <= max_environment_name &&
+                          name.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_") ==
+                              std::string::npos;
+  require(name_valid, "environment_key", "Native environment key is invalid");
+  require(limit >= 1 && limit <= max_environment_value, "environment_limit", "Native environment bound is invalid");
+  const char* value = std::getenv(name.c_str());
+  if (value == nullptr) return std::nullopt;
+  return bounded_bytes(value, limit, "environment_limit");
+}
+
+std::filesystem::path current_executable_path() {
+  const auto text = posix_process::executable_link(max_executable_path);
+  require(text.has_value(), "launcher_identity", "Cannot identify this native executable within its path bound");
+  std::error_code error;
+  auto path = std::filesystem::weakly_canonical(std::filesystem::absolute(path_from_utf8(*text)), error);
+  require(!error, "launcher_identity", "Cannot identify this native executable within its path bound");
+  return path;
+}
+
+void replace_process(const std::filesystem::path& path, const std::vector<std::string>& arguments,
+                     const std::filesystem::path& directory, const EnvironmentOverrides& overrides) {
+  replace_image(path, arguments, directory, overrides, true);
+}
+
+void exec_process(const std::filesystem::path& path, const std::vector<std::string>& arguments,
+                  const std::filesystem::path& directory, const EnvironmentOverrides& overrides) {
+  replace_image(path, arguments, directory, overrides, false);
+}
+
+void open_directory(const std::filesystem::path& path) {
+  require(is_plain_directory(path), "location_unavailable", "Local directory is unavailable");
+  posix_spawn_file_actions_t actions;
+  require(::posix_spawn_file_actions_init(&actions) == 0, "desktop_unavailable",
+          "Cannot initialize native directory opening");
+  struct ActionsGuard {
+    posix_spawn_file_actions_t* actions;
+    ~ActionsGuard() { ::posix_spawn_file_actions_destroy(actions); }
+  } guard{&actions};
+  // The opener writes to the caller's error stream, never to its output.
+  require(::posix_spawn_file_actions_adddup2(&actions, 2, 1) == 0, "desktop_unavailable",
+          "Cannot initialize native directory opening");
+  std::string program = posix_process::directory_opener;
+  std::string target = path.native();
+  char* argv[] = {program.data(), target.data(), nullptr};
+  pid_t pid = 0;
+  require(::posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv, environ) == 0, "desktop_unavailable",
+          "No native directory opener is available");
+  int status = 0;
+  pid_t waited = 0;
+  do {
+    waited = ::waitpid(pid, &status, 0);
+  } while (waited < 0 && errno == EINTR);
+  require(waited == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0, "desktop_unavailable",
+          "Native directory opening failed");
+}
+
+ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<std::string>& arguments,
+                           const std::filesystem::path& directory, const EnvironmentOverrides& overrides,
+                           ChildStreams streams, ChildEnvironment environment, const SpawnCallback& on_spawn,
+                           ChildGroup group, ChildControl control, const std::vector<NativeHandle>& handles) {
+  require(handles.size() <= max_child_handles, "launch_handles", "Too many private native child handles");
+  require(handles.empty(), "launch_handles", "Native handle inheritance is Windows-only");
+  require(is_plain_file(path), "launch_executable", "The installed game executable is missing or linked");
+  require(is_plain_directory(directory), "launch_directory", "Game working directory is missing or linked");
+  check_arguments(arguments, launch_argument_messages);
+  for (const auto& [key, value] : overrides)
+    require(valid_override(key, value), "argument_encoding", launch_override_messages.invalid);
+  require(!overrides.contains(std::string(launcher_interrupt_reader_environment)), "process_control",
+          launch_override_messages.reserved);
+  const bool console = streams == ChildStreams::Console;
+  const bool isolated = group == ChildGroup::Isolated;
+  std::unique_ptr<InterruptPipe> interrupt;
+  if (control == ChildControl::Interrupt) {
+    require(console && isolated, "process_control", "Only an isolated console launcher child receives interrupt control");
+    interrupt = std::make_unique<InterruptPipe>();
+  }
+
+  const std::string interrupt_value = interrupt ? interrupt->child_environment() : std::string();
+  auto environment_texts = build_environment(overrides, environment == ChildEnvironment::Clean,
+                                             interrupt ? &interrupt_value : nullptr, nullptr);
+  auto argument_texts = argument_vector(path, arguments);
+  StartChannels channels = open_start_channels();
+  const ChildPlan plan{path.c_str(),
+                       argument_texts.seal(),
+                       environment_texts.seal(),
+                       directory.c_str(),
+                       channels.start_read.get(),
+                       channels.start_write.get(),
+                       channels.activation_parent.get(),
+                       channels.activation_child.get(),
+                       channels.null_device.get(),
+                       interrupt.get(),
+                       console,
+                       isolated};
+  const pid_t pid = fork_with_signals_blocked(plan);
+  channels.null_device.reset();
+  channels.start_write.reset();
+  channels.activation_child.reset();
+  if (interrupt) interrupt->close_reader();
+  require(pid > 0, "process_start", "Cannot create game process");
+
+  if (on_spawn) {
+    try {
+      on_spawn(static_cast<std::uint64_t>(pid));
+    } catch (...) {
+      // The child reads end of file instead of its byte and leaves.
+      channels.activation_parent.reset();
+      channels.start_read.reset();
+      reap(pid);
+      throw;
+    }
+  }
+  if (!send_activation(channels.activation_parent)) {
+    channels.start_read.reset();
+    reap(pid);
+    throw Error("process_start", "Cannot activate the prepared game");
+  }
+  channels.activation_parent.reset();
+  const ssize_t report = read_start_report(channels.start_read);
+  channels.start_read.reset();
+  if (report != 0) {
+    // A failed read leaves the child's fate open; make sure it is over.
+    if (report < 0) ::kill(pid, SIGKILL);
+    reap(pid);
+    throw Error("process_start", "Cannot execute the installed game", {"verify GAME", "repair GAME"});
+  }
+  pid_ = pid;
+  interrupt_ = std::move(interrupt);
+}
+
+ChildProcess::~ChildProcess() { release(); }
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : pid_(std::exchange(other.pid_, 0)),
+      exit_code_(std::exchange(other.exit_code_, std::nullopt)),
+      ended_by_signal_(other.ended_by_signal_),
+      interrupt_(std::move(other.interrupt_)) {}
+
+ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
+  if (this != &other) {
+    release();
+    pid_ = std::exchange(other.pid_, 0);
+    exit_code_ = std::exchange(other.exit_code_, std::nullopt);
+    ended_by_signal_ = other.ended_by_signal_;
+    interrupt_ = std::move(other.interrupt_);
+  }
+  return *this;
+}
+
+// A child that has ended is reaped; one still running goes on running.
+void ChildProcess::release() noexcept {
+  if (pid_ > 0 && !exit_code_) {
+    int status = 0;
+    ::waitpid(pid_, &status, WNOHANG);
+  }
+  pid_ = 0;
+  interrupt_.reset();
+}
+
+std::optional<int> ChildProcess::poll() {
+  if (exit_code_ || pid_ <= 0) return exit_code_;
+  int status = 0;
+  pid_t result = 0;
+  do {
+    result = ::waitpid(pid_, &status, WNOHANG);
+  } while (result < 0 && errno == EINTR);
+  require(result >= 0, "process_wait", "Cannot inspect game process");
+  if (result == 0) return std::nullopt;
+  if (WIFEXITED(status)) {
+    exit_code_ = WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    exit_code_ = 128 + WTERMSIG(status);
+    ended_by_signal_ = true;
+  }
+  return exit_code_;
+}
+
+int ChildProcess::wait(const std::function<bool()>& should_interrupt) {
+  require(!should_interrupt || interrupt_, "process_control",
+          "Interruptible waiting needs this owned child's private channel");
+  if (const auto code = poll()) return *code;
+  bool delivered = false;
+  for (;;) {
+    if (!delivered && should_interrupt && should_interrupt() && !poll()) delivered = interrupt_->request();
+    std::this_thread::sleep_for(poll_interval);
+    if (const auto code = poll()) return *code;
+  }
+}
+
+bool ChildProcess::request_interrupt() {
+  if (!interrupt_ || poll()) return false;
+  return interrupt_->request();
+}
+
+bool ChildProcess::terminate(unsigned grace_ms) {
+  require(grace_ms <= max_terminate_grace_ms, "process_wait", "Child termination grace must be bounded to two seconds");
+  if (poll()) return true;
+  // The pid alone, not its group: a game's own helpers are its business.
+  if (::kill(pid_, SIGTERM) != 0 && errno != ESRCH) return false;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(grace_ms);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(poll_interval);
+    if (poll()) return true;
+  }
+  if (poll()) return true;
+  if (::kill(pid_, SIGKILL) != 0 && errno != ESRCH) return false;
+  const auto kill_deadline = std::chrono::steady_clock::now() + kill_allowance;
+  while (std::chrono::steady_clock::now() < kill_deadline) {
+    std::this_thread::sleep_for(poll_interval);
+    if (poll()) return true;
+  }
+  return poll().has_value();
+}
+
+}  // namespace zorvi
