@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "client/domain/error.hpp"
+#include "client/platform/native_lock.hpp"
 #include "tests/support/helper_install.hpp"
 
 namespace zorvi {
@@ -64,6 +66,7 @@ TEST(ShortcutHelper, StartsTheBootstrapForEachKindOfDocument) {
     ASSERT_EQ(runs.size(), 1u);
     EXPECT_EQ(runs[0]["arguments"], c.arguments);
     EXPECT_EQ(runs[0]["directory"], root);
+    EXPECT_EQ(runs[0]["group"], runs[0]["pid"]) << "the bootstrap leads a process group of its own";
     const json& environment = runs[0]["environment"];
     EXPECT_FALSE(environment.contains("LD_ZORVI_PROBE"));
     EXPECT_FALSE(environment.contains("ZORVI_LAUNCH_DOCUMENT"));
@@ -89,6 +92,14 @@ TEST(ShortcutHelper, RefusesEveryArgumentBeforeSdlStarts) {
     EXPECT_EQ(run.err, usage_line);
   }
   EXPECT_TRUE(install.runs().empty());
+
+  // The lifetime lock comes first: while an update holds it, even a usage
+  // mistake is refused by the lock.
+  NativeFileLock update(install.root() / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install,
+                        LockMode::exclusive);
+  const auto run = run_helper(install, {}, {"x"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.err, "Another worker owns this native installation\n");
 }
 
 TEST(ShortcutHelper, GivesUpWhenNoDocumentArrives) {
@@ -257,10 +268,14 @@ TEST(ShortcutHelper, RunsSixteenLaunchesAtOnceAndRefusesTheSeventeenth) {
       << helper.err();
   EXPECT_EQ(shown_lines(helper.err()), Lines{"Too many Zorvi shortcut launches are still running"});
   EXPECT_TRUE(helper.running());
+  // The running helper holds the installation's lifetime lock shared.
+  const fs::path lifetime = install.root() / ".native-bootstrap.lock";
+  EXPECT_THROW(NativeFileLock(lifetime, false, NativeLockSharing::exclusive_install, LockMode::exclusive), Error);
   fs::remove(install.hold());
   EXPECT_EQ(helper.wait(), 0) << helper.err();
   EXPECT_EQ(install.runs().size(), 16u);
   EXPECT_EQ(shown_lines(helper.err()).size(), 1u);
+  EXPECT_NO_THROW(NativeFileLock(lifetime, false, NativeLockSharing::exclusive_install, LockMode::exclusive));
 }
 
 TEST(ShortcutHelper, HandlesAQueuedDocumentAfterARefusedOne) {

@@ -170,14 +170,14 @@ std::string key_or_refusal(const fs::path& path) {
 TEST(MacosPaths, GivesABindMountAndItsSourceOneKey) {
   TempDir dir;
   fs::create_directories(dir / "source" / "inner");
-  fs::create_directories(dir / "view");
+  fs::create_directories(dir / "view dir");
   fs::create_directories(dir / "memory");
   const std::vector<std::string> lines = in_mount_namespace([&]() -> std::vector<std::string> {
-    if (::mount((dir / "source").c_str(), (dir / "view").c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+    if (::mount((dir / "source").c_str(), (dir / "view dir").c_str(), nullptr, MS_BIND, nullptr) != 0 ||
         ::mount("tmpfs", (dir / "memory").c_str(), "tmpfs", 0, nullptr) != 0) {
       return {"unavailable"};
     }
-    return {key_or_refusal(dir / "source" / "inner" / "new"), key_or_refusal(dir / "view" / "inner" / "new"),
+    return {key_or_refusal(dir / "source" / "inner" / "new"), key_or_refusal(dir / "view dir" / "inner" / "new"),
             key_or_refusal(dir / "memory"), key_or_refusal(dir / "memory" / "a"), file_system_identity(dir / "memory")};
   });
   ASSERT_FALSE(lines.empty());

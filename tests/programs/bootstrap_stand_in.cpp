@@ -34,7 +34,8 @@ nlohmann::json record(int argc, char** argv) {
   return {{"arguments", arguments},
           {"directory", std::filesystem::current_path().native()},
           {"environment", environment},
-          {"pid", ::getpid()}};
+          {"pid", ::getpid()},
+          {"group", ::getpgrp()}};
 }
 
 // Written beside and renamed into place, so a reader never sees half a record.
