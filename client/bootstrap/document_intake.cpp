@@ -14,11 +14,13 @@ namespace {
 // document's path in this variable.
 constexpr const char* launch_document_variable = "ZORVI_LAUNCH_DOCUMENT";
 
-// Tests only: further documents, one path per line, each delivered as if
-// the desktop had opened it while the helper runs.
+#ifdef ZORVI_SHORTCUT_TEST_INTAKE
+// Only in the test build of the helper: further documents, one path per
+// line, each delivered as if the desktop had opened it while the helper runs.
 constexpr const char* test_documents_variable = "ZORVI_SHORTCUT_TEST_DOCUMENTS";
 constexpr std::size_t max_test_documents = 32;
 constexpr std::size_t max_test_documents_bytes = 65536;
+#endif
 
 // One byte more than the longest path the helper accepts: enough for its
 // own check to see that a longer one is too long.
@@ -30,6 +32,8 @@ bool DocumentIntake::deliver() {
   if (const char* value = std::getenv(launch_document_variable)) {
     documents_.emplace_back(value, ::strnlen(value, document_scan));
   }
+  ::unsetenv(launch_document_variable);
+#ifdef ZORVI_SHORTCUT_TEST_INTAKE
   if (const auto more = process_environment(test_documents_variable, max_test_documents_bytes)) {
     std::size_t start = 0;
     while (start < more->size() && documents_.size() <= max_test_documents) {
@@ -38,8 +42,8 @@ bool DocumentIntake::deliver() {
       start = end + 1;
     }
   }
-  ::unsetenv(launch_document_variable);
   ::unsetenv(test_documents_variable);
+#endif
 
   // The texts are final now; the events point into them.
   for (const std::string& document : documents_) {

@@ -2,12 +2,12 @@
 // stand-in as its bootstrap.
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <functional>
 #include <sstream>
 
 #include "client/domain/error.hpp"
@@ -27,10 +27,18 @@ using testing::shown_lines;
 
 using Lines = std::vector<std::string>;
 
-constexpr const char* usage_line = "Open a Zorvi launch document with this helper.\n";
 constexpr const char* child_failed =
     "Zorvi could not complete this shortcut launch. Open Zorvi to inspect the game and operation history.";
 constexpr const char* ordinary = "Choose an ordinary Zorvi launch document";
+
+std::string setup_unfinished(const fs::path& folder) {
+  return "Zorvi setup did not finish in " + folder.native() + ". Run the Zorvi installer again to repair it.";
+}
+
+NativeFileLock update_lock(const HelperInstall& install) {
+  return NativeFileLock(install.root() / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install,
+                        LockMode::exclusive);
+}
 
 // A path of exactly `length` bytes below `base` ending in `name_end`; none
 // of it exists.
@@ -41,264 +49,166 @@ std::string path_of_length(const fs::path& base, std::size_t length, const std::
   return path;
 }
 
-void lchown_to_nobody(const fs::path& path) { ASSERT_EQ(::lchown(path.c_str(), 65534, 65534), 0); }
-
 TEST(ShortcutHelper, StartsTheBootstrapForEachKindOfDocument) {
-  HelperInstall install;
-  const std::string root = install.root().native();
-  struct Case {
-    const char* game;
-    json arguments;
-  };
-  const Case cases[] = {
-      {"star-harbor", json::array({"--data-dir", root, "--gui", "--game", "star-harbor"})},
-      {"", json::array({"--data-dir", root, "--gui"})},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.game);
-    fs::remove_all(install.records());
-    fs::create_directories(install.records());
-    const fs::path document = install.document("game.zorvi-launch", c.game);
+  for (const char* game : {"star-harbor", ""}) {
+    SCOPED_TRACE(game);
+    HelperInstall install;
+    const std::string root = install.root().native();
+    const fs::path document = install.document("game.zorvi-launch", game);
     const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}, {"LD_ZORVI_PROBE", "1"}});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(shown_lines(run.err), Lines{});
     const std::vector<json> runs = install.runs();
     ASSERT_EQ(runs.size(), 1u);
-    EXPECT_EQ(runs[0]["arguments"], c.arguments);
+    const json arguments = *game != '\0' ? json::array({"--data-dir", root, "--gui", "--game", game})
+                                          : json::array({"--data-dir", root, "--gui"});
+    EXPECT_EQ(runs[0]["arguments"], arguments);
     EXPECT_EQ(runs[0]["directory"], root);
     EXPECT_EQ(runs[0]["group"], runs[0]["pid"]) << "the bootstrap leads a process group of its own";
-    const json& environment = runs[0]["environment"];
-    EXPECT_FALSE(environment.contains("LD_ZORVI_PROBE"));
-    EXPECT_FALSE(environment.contains("ZORVI_LAUNCH_DOCUMENT"));
-    EXPECT_EQ(environment["ZORVI_STAND_IN_RECORDS"], install.records().native());
+    EXPECT_FALSE(runs[0]["environment"].contains("LD_ZORVI_PROBE"));
+    EXPECT_FALSE(runs[0]["environment"].contains("ZORVI_LAUNCH_DOCUMENT"));
   }
 }
 
-TEST(ShortcutHelper, ShowsOneFixedTextWhenTheBootstrapFails) {
+// SDL turns SIGTERM and SIGINT into SDL_EVENT_QUIT, which must not end the
+// helper while its child runs; the child's failure then gives the fixed box.
+TEST(ShortcutHelper, OutlivesQuitWhileAChildRunsAndReportsItsFailure) {
   HelperInstall install;
-  const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", install.document("g.zorvi-launch", "g")},
-                                        {"ZORVI_STAND_IN_STATUS", "3"}});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(shown_lines(run.err), Lines{child_failed});
-  EXPECT_EQ(install.runs().size(), 1u);
-}
-
-TEST(ShortcutHelper, RefusesEveryArgumentBeforeSdlStarts) {
-  HelperInstall install;
-  for (const Lines& arguments : {Lines{"x"}, Lines{""}, Lines{install.document("g.zorvi-launch", "g")}}) {
-    // A video driver that does not exist proves that SDL is never asked.
-    const auto run = run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, arguments);
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.err, usage_line);
-  }
-  EXPECT_TRUE(install.runs().empty());
-
-  // The lifetime lock comes first: while an update holds it, even a usage
-  // mistake is refused by the lock.
-  NativeFileLock update(install.root() / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install,
-                        LockMode::exclusive);
-  const auto run = run_helper(install, {}, {"x"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.err, "Another worker owns this native installation\n");
-}
-
-TEST(ShortcutHelper, GivesUpWhenNoDocumentArrives) {
-  HelperInstall install;
-  const auto run = run_helper(install, {});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(shown_lines(run.err), Lines{"No launch document arrived"});
-}
-
-TEST(ShortcutHelper, RefusesDocumentsWithoutStartingAChild) {
-  HelperInstall install;
-  const fs::path good = install.document("game.zorvi-launch", "star-harbor");
-  const fs::path folder = install.folder();
-
-  const fs::path upper = install.document("game.Zorvi-Launch", "star-harbor");
-  const fs::path wide = install.document("wide.zorvi-launch", "star-harbor");
-  fs::permissions(wide, fs::perms::group_read, fs::perm_options::add);
-  const fs::path large = folder / "documents/large.zorvi-launch";
-  testing::write_text(large, std::string(32769, ' '));
-  fs::permissions(large, fs::perms::owner_read | fs::perms::owner_write);
-  const fs::path extra = folder / "documents/extra.zorvi-launch";
-  json seven = json::parse(testing::read_text(good));
-  seven["extra"] = 1;
-  testing::write_text(extra, seven.dump());
-  fs::permissions(extra, fs::perms::owner_read | fs::perms::owner_write);
-  fs::create_directory_symlink(folder / "documents", folder / "linked");
-  lchown_to_nobody(folder / "linked");
-
-  const fs::path unfinished = folder / "unfinished";
-  fs::create_directories(unfinished);
-  testing::write_text(unfinished / ".zorvi-setup-incomplete", "");
-  const fs::path unfinished_document = install.document("unfinished.zorvi-launch", "g", unfinished);
-  fs::create_directory_symlink(install.root(), folder / "root-link");
-  lchown_to_nobody(folder / "root-link");
-  const fs::path linked_root_document = install.document("linked-root.zorvi-launch", "g", folder / "root-link");
-
-  const std::string bound = "Launch-document path exceeds its bound";
-  struct Case {
-    std::string document;
-    std::string message;
-  };
-  const Case cases[] = {
-      {"", bound},
-      {path_of_length(folder, 4097, ".zorvi-launch"), bound},
-      // 4096 bytes pass the length check; the file does not exist.
-      {path_of_length(folder, 4096, ".zorvi-launch"), "Cannot open ordinary macOS private storage"},
-      {"documents/game.zorvi-launch", ordinary},
-      {upper, ordinary},
-      {(folder / "documents/../documents/game.zorvi-launch").native(), ordinary},
-      {(folder / "documents/./game.zorvi-launch").native(), ordinary},
-      {folder.native() + "//documents/game.zorvi-launch", ordinary},
-      {(folder / "documents").native(), ordinary},
-      {(folder / "linked/game.zorvi-launch").native(), "macOS setup ancestry is linked, unavailable or changed"},
-      {wide, "macOS private storage must be ordinary, owned and accessible only to this user"},
-      {(folder / "documents/missing.zorvi-launch").native(), "Cannot open ordinary macOS private storage"},
-      {large, "File exceeds read limit"},
-      {extra, "Unknown launch document fields"},
-      {unfinished_document,
-       "Zorvi setup did not finish in " + unfinished.native() + ". Run the Zorvi installer again to repair it."},
-      {linked_root_document, "macOS setup ancestry is linked, unavailable or changed"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.document);
-    const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", c.document}});
-    EXPECT_EQ(run.status, 1) << run.err;
-    EXPECT_EQ(shown_lines(run.err), Lines{c.message});
-  }
-  EXPECT_TRUE(install.runs().empty());
-}
-
-TEST(ShortcutHelper, RefusesAnImageBelowAnyUnfinishedLevel) {
-  const char* unfinished_package = "This image belongs to an unfinished package; it cannot start";
-  struct Case {
-    const char* level;  // below the temporary folder
-    const char* marker;
-  };
-  const Case cases[] = {
-      {"", ".zorvi-setup-incomplete"},
-      {"Zorvi Data", ".zorvi-setup-incomplete"},
-      {"Zorvi Data/native/bootstrap/bin", ".zorvi-setup-incomplete"},
-      {"Zorvi Data/native/bootstrap/bin/ZorviShortcut.app/Contents/MacOS", ".zorvi-setup-incomplete"},
-      {"", ".zorvi-native-bundle-incomplete.json"},
-      {"Zorvi Data/native", ".zorvi-initial-package-incomplete.json"},
-      {"Zorvi Data/native/bootstrap/bin/ZorviShortcut.app", ".zorvi-launcher-package-incomplete.json"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.level) + "/" + c.marker);
-    HelperInstall install;
-    const fs::path level = *c.level != '\0' ? install.folder() / c.level : install.folder();
-    testing::write_text(level / c.marker, "");
-    const std::string expected = std::string(c.marker) == ".zorvi-setup-incomplete"
-                                     ? "Zorvi setup did not finish in " + level.native() +
-                                           ". Run the Zorvi installer again to repair it.\n"
-                                     : std::string(unfinished_package) + "\n";
-    const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", install.document("g.zorvi-launch", "g")}});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.err, expected);
-    EXPECT_TRUE(install.runs().empty());
-  }
-}
-
-TEST(ShortcutHelper, NeedsItsAppBundleAndTheBootstrapBesideIt) {
-  struct Case {
-    std::function<fs::path(const HelperInstall&)> arrange;  // gives the image to run
-    std::string err;
-  };
-  const Case cases[] = {
-      {[](const HelperInstall& install) {
-         const fs::path renamed = install.bin() / "ZorviShortcut 2.app/Contents/MacOS/zorvi-shortcut";
-         fs::create_directories(renamed.parent_path());
-         fs::copy_file(install.helper(), renamed);
-         return renamed;
-       },
-       "Unknown installed bootstrap entry\n"},
-      {[](const HelperInstall& install) {
-         // The bootstrap's own shape passes the installation check, not the bundle check.
-         fs::remove(install.bootstrap());
-         fs::copy_file(install.helper(), install.bootstrap());
-         return install.bootstrap();
-       },
-       "zorvi: Launch-document handler needs its installed app bundle\n"},
-      {[](const HelperInstall& install) {
-         fs::remove(install.bootstrap());
-         return install.helper();
-       },
-       "zorvi: The signed helper's stable bootstrap is missing\n"},
-      {[](const HelperInstall& install) {
-         fs::rename(install.bootstrap(), install.bin() / "real-bootstrap");
-         fs::create_symlink("real-bootstrap", install.bootstrap());
-         return install.helper();
-       },
-       "zorvi: The signed helper's stable bootstrap is missing\n"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.err);
-    HelperInstall install;
-    const fs::path document = install.document("g.zorvi-launch", "g");
-    const fs::path image = c.arrange(install);
-    auto environment = testing::helper_environment(install);
-    environment["ZORVI_LAUNCH_DOCUMENT"] = document;
-    HelperProcess helper(image, {}, environment);
-    EXPECT_EQ(helper.wait(), 1);
-    EXPECT_EQ(helper.err(), c.err);
-    EXPECT_TRUE(install.runs().empty());
-  }
-}
-
-// Delivers `documents` to one helper as if the desktop had opened them one
-// after another while it runs.
-std::map<std::string, std::string> several(const HelperInstall& install, const std::vector<std::string>& documents) {
-  auto environment = testing::helper_environment(install);
-  environment["ZORVI_LAUNCH_DOCUMENT"] = documents.front();
-  std::string more;
-  for (std::size_t i = 1; i < documents.size(); ++i) more += (i > 1 ? "\n" : "") + documents[i];
-  if (!more.empty()) environment["ZORVI_SHORTCUT_TEST_DOCUMENTS"] = more;
-  return environment;
-}
-
-TEST(ShortcutHelper, RunsSixteenLaunchesAtOnceAndRefusesTheSeventeenth) {
-  HelperInstall install;
-  const std::vector<std::string> documents(17, install.document("g.zorvi-launch", "g"));
-  auto environment = several(install, documents);
-  environment["ZORVI_STAND_IN_HOLD"] = install.hold();
-  HelperProcess helper(install.helper(), {}, environment);
-  ASSERT_TRUE(eventually([&] { return install.runs().size() == 16 && !shown_lines(helper.err()).empty(); }))
-      << helper.err();
-  EXPECT_EQ(shown_lines(helper.err()), Lines{"Too many Zorvi shortcut launches are still running"});
-  EXPECT_TRUE(helper.running());
+  HelperProcess helper(install.helper(), {},
+                       install.environment({{"ZORVI_LAUNCH_DOCUMENT", install.document("g.zorvi-launch", "g")},
+                                            {"ZORVI_STAND_IN_HOLD", install.hold()},
+                                            {"ZORVI_STAND_IN_STATUS", "3"}}));
+  ASSERT_TRUE(eventually([&] { return install.runs().size() == 1; })) << helper.err();
   // The running helper holds the installation's lifetime lock shared.
-  const fs::path lifetime = install.root() / ".native-bootstrap.lock";
-  EXPECT_THROW(NativeFileLock(lifetime, false, NativeLockSharing::exclusive_install, LockMode::exclusive), Error);
-  fs::remove(install.hold());
-  EXPECT_EQ(helper.wait(), 0) << helper.err();
-  EXPECT_EQ(install.runs().size(), 16u);
-  EXPECT_EQ(shown_lines(helper.err()).size(), 1u);
-  EXPECT_NO_THROW(NativeFileLock(lifetime, false, NativeLockSharing::exclusive_install, LockMode::exclusive));
-}
-
-TEST(ShortcutHelper, HandlesAQueuedDocumentAfterARefusedOne) {
-  HelperInstall install;
-  const auto environment = several(install, {"relative.zorvi-launch", install.document("g.zorvi-launch", "g")});
-  HelperProcess helper(install.helper(), {}, environment);
-  EXPECT_EQ(helper.wait(), 0) << helper.err();
-  EXPECT_EQ(shown_lines(helper.err()), Lines{ordinary});
-  EXPECT_EQ(install.runs().size(), 1u);
-}
-
-TEST(ShortcutHelper, StaysWhileAChildRunsEvenWhenAskedToQuit) {
-  HelperInstall install;
-  auto environment = several(install, {install.document("g.zorvi-launch", "g")});
-  environment["ZORVI_STAND_IN_HOLD"] = install.hold();
-  HelperProcess helper(install.helper(), {}, environment);
-  ASSERT_TRUE(eventually([&] { return install.runs().size() == 1; }));
-  // SDL turns both signals into SDL_EVENT_QUIT.
+  EXPECT_THROW(update_lock(install), Error);
   helper.signal(SIGTERM);
   helper.signal(SIGINT);
   EXPECT_FALSE(eventually([&] { return !helper.running(); }, 300ms));
   fs::remove(install.hold());
   EXPECT_EQ(helper.wait(), 0) << helper.err();
+  EXPECT_EQ(shown_lines(helper.err()), Lines{child_failed});
+  EXPECT_NO_THROW(update_lock(install));
+}
+
+TEST(ShortcutHelper, RefusesArgumentsAndWaitsOnlyFiveSecondsForADocument) {
+  HelperInstall install;
+  // A video driver that does not exist proves that SDL is never asked.
+  const auto usage = run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {install.document("g.zorvi-launch", "g")});
+  EXPECT_EQ(usage.status, 2);
+  EXPECT_EQ(usage.err, "Open a Zorvi launch document with this helper.\n");
+  const auto none = run_helper(install, {});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(shown_lines(none.err), Lines{"No launch document arrived"});
+  EXPECT_TRUE(install.runs().empty());
+
+  // The lifetime lock comes before the arguments: while an update holds it,
+  // even a usage mistake is refused by the lock.
+  const NativeFileLock update = update_lock(install);
+  const auto locked = run_helper(install, {}, {"x"});
+  EXPECT_EQ(locked.status, 1);
+  EXPECT_EQ(locked.err, "Another worker owns this native installation\n");
+}
+
+TEST(ShortcutHelper, RefusesDocumentsWithoutStartingAChild) {
+  HelperInstall install;
+  const fs::path folder = install.folder();
+  const fs::path wide = install.document("wide.zorvi-launch", "star-harbor");
+  fs::permissions(wide, fs::perms::group_read, fs::perm_options::add);
+  const fs::path large = folder / "documents/large.zorvi-launch";
+  testing::write_text(large, std::string(32769, ' '));
+  fs::permissions(large, fs::perms::owner_read | fs::perms::owner_write);
+  const fs::path unfinished = folder / "unfinished";
+  fs::create_directories(unfinished);
+  testing::write_text(unfinished / ".zorvi-setup-incomplete", "");
+  // A data folder reached through a link anyone could have made.
+  fs::create_directory_symlink(install.root(), folder / "root-link");
+  ASSERT_EQ(::lchown((folder / "root-link").c_str(), 65534, 65534), 0);
+
+  const std::string bound = "Launch-document path exceeds its bound";
+  const std::pair<std::string, std::string> cases[] = {
+      {path_of_length(folder, 4097, ".zorvi-launch"), bound},
+      // 4096 bytes pass the length check; the file does not exist.
+      {path_of_length(folder, 4096, ".zorvi-launch"), "Cannot open ordinary macOS private storage"},
+      {"documents/game.zorvi-launch", ordinary},
+      {install.document("game.Zorvi-Launch", "star-harbor"), ordinary},
+      {(folder / "documents/../documents/game.zorvi-launch").native(), ordinary},
+      {wide, "macOS private storage must be ordinary, owned and accessible only to this user"},
+      {large, "File exceeds read limit"},
+      {install.document("unfinished.zorvi-launch", "g", unfinished), setup_unfinished(unfinished)},
+      {install.document("linked.zorvi-launch", "g", folder / "root-link"),
+       "macOS setup ancestry is linked, unavailable or changed"},
+  };
+  for (const auto& [document, message] : cases) {
+    SCOPED_TRACE(document);
+    const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}});
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_EQ(shown_lines(run.err), Lines{message});
+  }
+  EXPECT_TRUE(install.runs().empty());
+}
+
+// Each case arranges the installation and gives the image to run with what
+// it must print. Failures before SDL starts have no "zorvi: " prefix.
+TEST(ShortcutHelper, RefusesAnImageOutsideAFinishedInstallation) {
+  using Outcome = std::pair<fs::path, std::string>;
+  const std::function<Outcome(const HelperInstall&)> cases[] = {
+      [](const HelperInstall& install) {
+        testing::write_text(install.folder() / ".zorvi-setup-incomplete", "");
+        return Outcome{install.helper(), setup_unfinished(install.folder()) + "\n"};
+      },
+      [](const HelperInstall& install) {
+        testing::write_text(install.helper().parent_path() / ".zorvi-initial-package-incomplete.json", "");
+        return Outcome{install.helper(), "This image belongs to an unfinished package; it cannot start\n"};
+      },
+      [](const HelperInstall& install) {
+        const fs::path renamed = install.bin() / "ZorviShortcut 2.app/Contents/MacOS/zorvi-shortcut";
+        fs::create_directories(renamed.parent_path());
+        fs::copy_file(install.helper(), renamed);
+        return Outcome{renamed, "Unknown installed bootstrap entry\n"};
+      },
+      [](const HelperInstall& install) {
+        // The bootstrap's own shape passes the installation check, not the bundle check.
+        fs::remove(install.bootstrap());
+        fs::copy_file(install.helper(), install.bootstrap());
+        return Outcome{install.bootstrap(), "zorvi: Launch-document handler needs its installed app bundle\n"};
+      },
+      [](const HelperInstall& install) {
+        fs::rename(install.bootstrap(), install.bin() / "real-bootstrap");
+        fs::create_symlink("real-bootstrap", install.bootstrap());
+        return Outcome{install.helper(), "zorvi: The signed helper's stable bootstrap is missing\n"};
+      },
+  };
+  for (const auto& arrange : cases) {
+    HelperInstall install;
+    const fs::path document = install.document("g.zorvi-launch", "g");
+    const auto [image, err] = arrange(install);
+    SCOPED_TRACE(err);
+    const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}}, {}, image);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, err);
+    EXPECT_TRUE(install.runs().empty());
+  }
+}
+
+// Several documents in one run need the helper's test build, which takes
+// them from the environment as if the desktop had opened them one by one.
+TEST(ShortcutHelper, RunsSixteenLaunchesAtOnceAfterARefusedDocumentAndRefusesTheSeventeenth) {
+  HelperInstall install("zorvi-shortcut-test-intake");
+  const std::string good = install.document("g.zorvi-launch", "g");
+  std::string more = good;
+  for (int i = 1; i < 17; ++i) more += "\n" + good;
+  HelperProcess helper(install.helper(), {},
+                       install.environment({{"ZORVI_LAUNCH_DOCUMENT", "relative.zorvi-launch"},
+                                            {"ZORVI_SHORTCUT_TEST_DOCUMENTS", more},
+                                            {"ZORVI_STAND_IN_HOLD", install.hold()}}));
+  ASSERT_TRUE(eventually([&] { return install.runs().size() == 16 && shown_lines(helper.err()).size() == 2; }))
+      << helper.err();
+  EXPECT_EQ(shown_lines(helper.err()), (Lines{ordinary, "Too many Zorvi shortcut launches are still running"}));
+  EXPECT_TRUE(helper.running());
+  fs::remove(install.hold());
+  EXPECT_EQ(helper.wait(), 0) << helper.err();
+  EXPECT_EQ(install.runs().size(), 16u);
+  EXPECT_EQ(shown_lines(helper.err()).size(), 2u);
 }
 
 // The number of distinct colours in a PNG; 0 when it cannot be read.
@@ -326,11 +236,11 @@ TEST(ShortcutHelper, ShowsItsBoxOnARealDisplay) {
     return !display.empty();
   })) << server.err();
 
-  auto environment = several(install, {install.document("g.zorvi-launch", "g")});
-  environment["SDL_VIDEODRIVER"] = "x11";
-  environment["DISPLAY"] = display;
-  environment["ZORVI_STAND_IN_STATUS"] = "3";
-  HelperProcess helper(install.helper(), {}, environment);
+  HelperProcess helper(install.helper(), {},
+                       install.environment({{"ZORVI_LAUNCH_DOCUMENT", install.document("g.zorvi-launch", "g")},
+                                            {"SDL_VIDEODRIVER", "x11"},
+                                            {"DISPLAY", display},
+                                            {"ZORVI_STAND_IN_STATUS", "3"}}));
   ASSERT_TRUE(eventually([&] { return !shown_lines(helper.err()).empty(); })) << helper.err();
   EXPECT_EQ(shown_lines(helper.err()), Lines{child_failed});
 

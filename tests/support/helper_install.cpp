@@ -2,12 +2,13 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -16,9 +17,9 @@
 namespace zorvi::testing {
 namespace fs = std::filesystem;
 
-HelperInstall::HelperInstall() {
+HelperInstall::HelperInstall(const char* built) {
   fs::create_directories(helper().parent_path());
-  fs::copy_file(binary_dir() / "zorvi-shortcut", helper());
+  fs::copy_file(binary_dir() / built, helper());
   fs::copy_file(binary_dir() / "bootstrap_stand_in", bootstrap());
   fs::create_directories(records());
   fs::create_directories(folder() / "documents");
@@ -49,7 +50,7 @@ std::vector<json> HelperInstall::runs() const {
 }
 
 HelperProcess::HelperProcess(const fs::path& program, const std::vector<std::string>& arguments,
-                             const std::map<std::string, std::string>& environment) {
+                             const Environment& environment) {
   std::vector<std::string> argv_text{program.native()};
   argv_text.insert(argv_text.end(), arguments.begin(), arguments.end());
   std::vector<std::string> env_text;
@@ -60,19 +61,15 @@ HelperProcess::HelperProcess(const fs::path& program, const std::vector<std::str
   std::vector<char*> envp;
   for (auto& text : env_text) envp.push_back(text.data());
   envp.push_back(nullptr);
-  const fs::path err_path = scratch_ / "err";
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    const int in = ::open("/dev/null", O_RDONLY);
-    const int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (in < 0 || err < 0) ::_exit(126);
-    ::dup2(in, 0);
-    ::dup2(err, 1);
-    ::dup2(err, 2);
-    ::execve(argv[0], argv.data(), envp.data());
-    ::_exit(127);
-  }
-  if (pid_ < 0) throw std::runtime_error("fork failed");
+  const fs::path err = scratch_ / "err";
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  ::posix_spawn_file_actions_addopen(&actions, 1, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ::posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  const int failed = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
+  ::posix_spawn_file_actions_destroy(&actions);
+  if (failed != 0) throw std::runtime_error("cannot start " + program.native());
 }
 
 HelperProcess::~HelperProcess() {
@@ -92,51 +89,38 @@ bool HelperProcess::running() {
 }
 
 int HelperProcess::wait(std::chrono::milliseconds limit) {
-  if (!eventually([this] { return !running(); }, limit)) {
-    ::kill(pid_, SIGKILL);
-    while (running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    return -1;
-  }
-  return status_;
+  if (eventually([this] { return !running(); }, limit)) return status_;
+  ::kill(pid_, SIGKILL);
+  while (running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return -1;
 }
 
 void HelperProcess::signal(int number) { ::kill(pid_, number); }
 
 std::string HelperProcess::err() const { return read_text(scratch_ / "err"); }
 
-std::map<std::string, std::string> helper_environment(const HelperInstall& install) {
-  std::map<std::string, std::string> environment = {
-      {"LANG", "C.UTF-8"},
-      {"SDL_VIDEODRIVER", "dummy"},
-      {"ZORVI_STAND_IN_RECORDS", install.records().native()},
-  };
-  // Whatever the test itself runs under (the sanitizers' settings among
-  // them) applies to the helper too; a display does not.
+Environment HelperInstall::environment(const Environment& extra) const {
+  Environment environment = {{"LANG", "C.UTF-8"}, {"SDL_VIDEODRIVER", "dummy"}, {"ZORVI_STAND_IN_RECORDS", records()}};
+  // A display of the test's own does not pass on.
   for (const char* name : {"PATH", "HOME", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
     if (const char* value = std::getenv(name)) environment[name] = value;
   }
+  for (const auto& [name, value] : extra) environment[name] = value;
   return environment;
 }
 
-HelperRun run_helper(const HelperInstall& install, const std::map<std::string, std::string>& extra,
-                     const std::vector<std::string>& arguments) {
-  std::map<std::string, std::string> environment = helper_environment(install);
-  for (const auto& [name, value] : extra) environment[name] = value;
-  HelperProcess helper(install.helper(), arguments, environment);
-  HelperRun run;
-  run.status = helper.wait();
-  run.err = helper.err();
-  return run;
+HelperRun run_helper(const HelperInstall& install, const Environment& extra, const std::vector<std::string>& arguments,
+                     const fs::path& image) {
+  HelperProcess helper(image.empty() ? install.helper() : image, arguments, install.environment(extra));
+  const int status = helper.wait();
+  return {status, helper.err()};
 }
 
 std::vector<std::string> shown_lines(const std::string& text) {
   std::vector<std::string> lines;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    const std::size_t end = std::min(text.find('\n', start), text.size());
-    const std::string line = text.substr(start, end - start);
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
     if (line.starts_with("zorvi: ")) lines.push_back(line.substr(7));
-    start = end + 1;
   }
   return lines;
 }

@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,13 +14,17 @@
 
 namespace zorvi::testing {
 
-// An installed tree in a temporary folder with the built zorvi-shortcut in
-// its app bundle and the recording stand-in as its bootstrap:
+using Environment = std::map<std::string, std::string>;
+
+// An installed tree in a temporary folder with a built helper in its app
+// bundle and the recording stand-in as its bootstrap:
 //   <dir>/Zorvi Data/native/bootstrap/bin/zorvi-bootstrap
 //   <dir>/Zorvi Data/native/bootstrap/bin/ZorviShortcut.app/Contents/MacOS/zorvi-shortcut
 class HelperInstall {
 public:
-  HelperInstall();
+  // `built` names the helper build to install: the shipped one, or its test
+  // build that also takes several documents from the environment.
+  explicit HelperInstall(const char* built = "zorvi-shortcut");
 
   const std::filesystem::path& folder() const { return dir_.path(); }
   std::filesystem::path root() const;       // the data folder
@@ -39,18 +42,20 @@ public:
   // One parsed record per stand-in run so far.
   std::vector<json> runs() const;
 
+  // What a headless run needs (a dummy video driver, stand-ins recording
+  // here, the sanitizers' settings), with `extra` on top.
+  Environment environment(const Environment& extra = {}) const;
+
 private:
   TempDir dir_;
 };
 
-// The helper, or any program, run as a child with a chosen environment and
-// its standard error captured.
+// A program run as a child with exactly `environment`, its standard output
+// and error captured together.
 class HelperProcess {
 public:
-  // Starts `program` with `arguments` behind its name and exactly
-  // `environment`.
   HelperProcess(const std::filesystem::path& program, const std::vector<std::string>& arguments,
-                const std::map<std::string, std::string>& environment);
+                const Environment& environment);
   ~HelperProcess();
   HelperProcess(const HelperProcess&) = delete;
   HelperProcess& operator=(const HelperProcess&) = delete;
@@ -61,7 +66,6 @@ public:
   bool running();
   void signal(int number);
   std::string err() const;
-  pid_t pid() const { return pid_; }
 
 private:
   TempDir scratch_;
@@ -69,18 +73,13 @@ private:
   int status_ = -1;
 };
 
-// What a headless helper run needs: a dummy video driver, no display to
-// block on, and stand-ins that record into `install`.
-std::map<std::string, std::string> helper_environment(const HelperInstall& install);
-
-// Runs the installed helper to its end with the headless environment and
-// `extra` on top.
+// Runs `image` (the installed helper by default) to its end.
 struct HelperRun {
   int status = -1;
   std::string err;
 };
-HelperRun run_helper(const HelperInstall& install, const std::map<std::string, std::string>& extra,
-                     const std::vector<std::string>& arguments = {});
+HelperRun run_helper(const HelperInstall& install, const Environment& extra,
+                     const std::vector<std::string>& arguments = {}, const std::filesystem::path& image = {});
 
 // The lines of `text` that begin "zorvi: ", without that prefix.
 std::vector<std::string> shown_lines(const std::string& text);
