@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "client/platform/unique_fd.hpp"
+
 namespace zorvi {
 
 // Creates a missing chain of private directories, or proves an existing one.
@@ -29,6 +31,22 @@ void require_private_acl(int descriptor);
 void require_private_path(const std::filesystem::path& path, bool directory);
 
 void private_directory(const std::filesystem::path& path);
+
+// Components below the root that a walked chain may hold.
+inline constexpr std::size_t max_ancestry = 128;
+
+// Opens an existing directory by walking its absolute path from the root with
+// no-follow opens, so that no link anywhere on the way is crossed. The caller
+// words the failure.
+enum class WalkFailure { none, root, depth, component };
+struct DirectoryWalk {
+  UniqueFd directory;
+  WalkFailure failure = WalkFailure::none;
+};
+DirectoryWalk open_ordinary_directory(const std::filesystem::path& absolute);
+
+// The owner, mode and link rule of private storage, then the ACL rule.
+void require_private_node(int descriptor, bool directory);
 
 }  // namespace posix_files
 }  // namespace zorvi
