@@ -282,6 +282,41 @@ TEST(SnapshotExtraction, TrailingFrameBehindALargeTarIsRefusedAtTheEnd) {
                "Trailing or concatenated Zstandard frames are forbidden");
 }
 
+// ---- Space, on small file systems mounted where nobody else sees them ------
+
+struct SpaceCase {
+  const char* file_system;
+  const char* extract_options;
+  const char* expected;
+};
+
+TEST(SnapshotExtractionSpace, SpaceIsClaimedBeforeTheFirstByte) {
+  // The big file comes first in the tar, so a refusal there means no file
+  // data at all reached the volume.
+  Packed packed({{"a/big.bin", std::string(2 << 20, 'q')}, {"bin/game", "#!/bin/sh\n", true}, {"z", "last"}});
+  testing::write_text(packed.dir / "manifest.json", packed.manifest.document.dump());
+  const std::string refused =
+      "error insufficient_space: Cannot reserve file data; free space or choose other game storage\n";
+  const std::vector<SpaceCase> cases{
+      {"-t tmpfs -o size=1m tmpfs", "", "files=0 used=0"},
+      {"-t tmpfs -o size=1m tmpfs", "--reserve", "files=0 used=0"},
+      {"-t tmpfs -o size=4m tmpfs", "", "files=3 used=2105344"},  // 2 MiB and a page for each small file
+      {"-t ramfs ramfs", "", "files=3 used=0"},  // ramfs cannot reserve, and counts nothing
+  };
+  const std::string mount = (packed.dir / "mnt").string();
+  std::filesystem::create_directory(mount);
+  for (const SpaceCase& row : cases) {
+    SCOPED_TRACE(std::string(row.file_system) + " " + row.extract_options);
+    const auto result = testing::run_in_private_mounts(
+        "mount " + std::string(row.file_system) + " '" + mount + "' && \"$TOOL\" extract '" +
+        (packed.dir / "manifest.json").string() + "' '" + packed.archive.string() + "' '" + mount + "/staging' " +
+        row.extract_options + "; echo files=$(find '" + mount + "' -type f | wc -l) used=$(df --output=used -B1 '" +
+        mount + "' | tail -1 | tr -d ' ')");
+    const bool fits = std::string(row.expected) != "files=0 used=0";
+    EXPECT_EQ(result.out, (fits ? std::string("ok\n") : refused) + row.expected + "\n") << result.err;
+  }
+}
+
 // ---- The bounded decoder ----------------------------------------------------
 
 TEST(BoundedZstdDecoder, DeliversExactlyTheLimitAndNoMore) {

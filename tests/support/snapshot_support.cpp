@@ -107,6 +107,27 @@ SnapshotManifest parsed_manifest(const std::filesystem::path& root, const std::f
   return SnapshotManifest::parse(python_manifest(root, archive));
 }
 
+SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files) {
+  json entries = json::array();
+  std::uint64_t total = 0;
+  for (const auto& [path, length] : files) {
+    entries.push_back({{"path", path}, {"length", length}, {"mode", entries.empty() ? 493 : 420},
+                       {"sha256", std::string(64, '0')}});
+    total += length;
+  }
+  return SnapshotManifest::parse({{"schema_version", 1},
+                                  {"build_id", "b1"},
+                                  {"platform", "linux-x86_64"},
+                                  {"executable", files.front().first},
+                                  {"archive",
+                                   {{"format", "tar.zst-v1"},
+                                    {"target", "a.tar.zst"},
+                                    {"length", 1},
+                                    {"sha256", std::string(64, '0')}}},
+                                  {"files", entries},
+                                  {"expanded_length", total}});
+}
+
 void craft_tar(const std::filesystem::path& tar, const json& entries) {
   run_python(craft_script, {tar.string(), entries.dump()});
 }

@@ -34,6 +34,10 @@ void compress(const std::filesystem::path& tar, const std::filesystem::path& arc
 json python_manifest(const std::filesystem::path& root, const std::filesystem::path& archive);
 SnapshotManifest parsed_manifest(const std::filesystem::path& root, const std::filesystem::path& archive);
 
+// A manifest of files with the given lengths and placeholder digests; the
+// first file is the executable.
+SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files);
+
 // Crafts a tar file with Python's tarfile from a JSON list of entries:
 // {"name", "type": "file"|"dir"|"symlink"|"hardlink", "content", "mode",
 //  "link", "xattr": true, "raw_name_hex", "bare": true (a directory name without its final slash)}.
