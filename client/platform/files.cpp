@@ -28,8 +28,14 @@ ssize_t read_retrying(int descriptor, char* buffer, std::size_t count) {
   return result;
 }
 
+// The system would read a path only up to its first NUL byte: another file.
+void require_no_nul(const std::filesystem::path& path) {
+  require(path.native().find('\0') == std::string::npos, "unsafe_path", "Native path contains a NUL byte");
+}
+
 std::string read_bounded(const std::filesystem::path& path, std::uint64_t limit, bool tail,
                          std::uint64_t* size_out) {
+  require_no_nul(path);
   UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
   if (!file) {
     throw Error(errno == ELOOP ? "unsafe_path" : "file_read", "Cannot open file: " + path_utf8(path));
@@ -93,8 +99,10 @@ std::filesystem::path normal_absolute(const std::filesystem::path& path) {
 
 bool is_root(const std::filesystem::path& normal) { return !normal.has_relative_path(); }
 
+// An empty path has no parent, and the parent checks refuse it.
 std::filesystem::path parent_of(const std::filesystem::path& path) {
-  return path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+  if (path.has_parent_path() || path.empty()) return path.parent_path();
+  return ".";
 }
 
 // Space failures tell the user what to do; every other failure names its step.
@@ -156,6 +164,7 @@ void commit_transaction(const std::filesystem::path& temporary, const std::files
 
 void atomic_file(const std::filesystem::path& path, std::string_view bytes, bool replace, bool is_private,
                  bool durable) {
+  require_no_nul(path);
   const std::filesystem::path parent = parent_of(path);
   require_writable_parent(parent, is_private);
   struct stat existing {};
@@ -193,6 +202,7 @@ void sync_file(const std::filesystem::path& path) {
 }
 
 void sync_directory(const std::filesystem::path& path) {
+  require_no_nul(path);
   const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   require(static_cast<bool>(directory), "file_sync", "Cannot open directory for synchronization");
   require(posix_files::sync(directory.get()) == 0, "file_sync", "Could not durably synchronize directory");

@@ -75,8 +75,7 @@ bool private_lock_file(const struct stat& status) { return ordinary_lock_file(st
 }  // namespace
 
 FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) {
-  const std::filesystem::path absolute = std::filesystem::absolute(path);
-  private_directory(absolute.parent_path());
+  private_directory(path.empty() ? path : std::filesystem::absolute(path).parent_path());
   UniqueFd file = open_lock_file(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   require(static_cast<bool>(file), "lock_failed", "Cannot open operation lock");
   struct stat status {};
