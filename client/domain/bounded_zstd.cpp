@@ -134,6 +134,8 @@ la_ssize_t BoundedZstd::callback(struct archive* reader, void* client_data, cons
     text = error.what();
   } catch (const std::exception& error) {
     text = error.what();
+  } catch (...) {
+    // Nothing may unwind through libarchive's C frames.
   }
   if (!decoder.failed()) {
     decoder.impl_->failure_code = code;

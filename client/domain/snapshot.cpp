@@ -51,7 +51,9 @@ std::uint64_t walk_tree(const SnapshotManifest& manifest, const std::filesystem:
     const std::filesystem::file_status status = walk->symlink_status();
     require(!std::filesystem::is_symlink(status), "unsafe_path", "Game tree contains a symbolic link");
     const std::string relative = path_utf8(walk->path().lexically_relative(root));
-    safe_join(root, relative, true);
+    // The path rules of safe_join; its link probe of every prefix would only
+    // repeat what this walk, which follows no link, has just seen.
+    validate_relative_path(relative, true);
     if (std::filesystem::is_directory(status)) continue;
     if (!std::filesystem::is_regular_file(status) || !manifest.files.contains(relative)) {
       foreign(relative);
@@ -157,6 +159,7 @@ struct Extraction {
   struct archive* reader;
   std::vector<char> buffer = std::vector<char>(data_chunk);
   std::uint64_t done = 0;
+  std::filesystem::path proved_directory = {};
 
   void copy_data(AllocatedFile& file, std::uint64_t length) {
     std::uint64_t remaining = length;
@@ -180,7 +183,12 @@ struct Extraction {
     const std::string path(name);
     const std::filesystem::path target = safe_join(staging, path, true);
     const PackageFile& listed = admit_entry(manifest, entry, path, seen);
-    private_directory(target.parent_path());
+    // Entries come in path order, so most share the folder just proved
+    // private; a new folder is proved once, before its first file.
+    if (target.parent_path() != proved_directory) {
+      private_directory(target.parent_path());
+      proved_directory = target.parent_path();
+    }
     // Space for the whole file is claimed here, before its first byte.
     AllocatedFile file = reserved_tree != nullptr ? AllocatedFile(reserved_tree->file(path, listed.length))
                                                   : AllocatedFile(target, listed.length, ReservationObserver());
