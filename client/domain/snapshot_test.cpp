@@ -200,6 +200,9 @@ std::vector<Hostile> hostile_archives() {
              "python3 -c \"import sys; b=bytearray(open('full','rb').read()); b[len(b)//2]^=0xff; "
              "open(sys.argv[1],'wb').write(b)\" \"$1\""),
        "archive", "Snapshot decoding failed or exceeds the 64 MiB window limit"},
+      {"tar cut inside a file", {{"bin/game", std::string(3000, 'g'), true}},
+       shell("tar --format=gnu -C tree -cf - bin/game | head -c 2000 | zstd -q -c > \"$1\""), "archive",
+       "Snapshot decompression failed"},
       {"not a tar", one_game, shell("head -c 3000 /dev/urandom | zstd -q -c > \"$1\""), "archive",
        "Cannot open snapshot archive"},
       {"tar cut short", game_and_data,
@@ -341,6 +344,7 @@ TEST(BoundedZstdDecoder, DeliversExactlyTheLimitAndNoMore) {
       },
       "size_limit", "Decoded tar stream exceeds authenticated expansion bounds");
   expect_error([&] { BoundedZstd missing(dir / "absent.zst", 10); }, "archive", "Cannot open bounded snapshot decoder");
+  expect_error([&] { BoundedZstd folder(dir.path(), 10); }, "archive", "Snapshot read failed");
   testing::write_text(dir / "short", "\x28\xb5");
   expect_error([&] { BoundedZstd too_short(dir / "short", 10); }, "archive",
                "Snapshot must contain exactly one ordinary Zstandard frame");

@@ -1,6 +1,8 @@
 #include "client/platform/allocated_file.hpp"
 
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <functional>
@@ -272,6 +274,17 @@ TEST(AllocatedFile, IdentityOfRecordedAndCacheFiles) {
   ::chmod((dir / "public").c_str(), 0644);
   expect_error([&] { AllocatedFile::inspect_file(dir / "public"); }, "permissions",
                "macOS allocation must remain private and owned");
+}
+
+TEST(AllocatedFile, ReservationRefusedForAnotherReasonKeepsItsNumber) {
+  TempDir dir;
+  struct statfs volume {};
+  ASSERT_EQ(::statfs(dir.path().c_str(), &volume), 0);
+  if (volume.f_type != EXT4_SUPER_MAGIC) GTEST_SKIP() << "needs ext4, whose files stop below 16 TiB";
+  // ext4 refuses to reserve past its largest file with EFBIG: not a lack of space.
+  expect_error([&] { AllocatedFile(dir / "huge", std::uint64_t{1} << 45, ReservationObserver()); },
+               "space_reservation", "Native file allocation failed (27)");
+  EXPECT_FALSE(std::filesystem::exists(dir / "huge"));
 }
 
 // ---- Space, on small file systems mounted where nobody else sees them ------

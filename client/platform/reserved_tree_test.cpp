@@ -106,6 +106,21 @@ TEST(ReservedTree, RootReplacedWhileRecordingIsLeftAlone) {
   EXPECT_TRUE(std::filesystem::exists(dir / "moved"));
 }
 
+TEST(ReservedTree, RootReplacedDuringReservationIsReported) {
+  TempDir dir;
+  const auto root = dir / "staging";
+  const auto swap_at_end = [&](std::uint64_t done, std::uint64_t total) {
+    if (done == total) {
+      std::filesystem::rename(root, dir / "moved");
+      std::filesystem::create_directory(root);
+    }
+    return true;
+  };
+  expect_error([&] { ReservedTree(sample, root, swap_at_end, RootObserver()); }, "allocation_changed",
+               "Prepared directory changed during reservation");
+  EXPECT_TRUE(std::filesystem::exists(dir / "moved/data/deep/b"));
+}
+
 TEST(ReservedTreeSpace, TreeThatCannotFitFailsAtReservation) {
   TempDir dir;
   testing::write_text(dir / "manifest.json", testing::manifest_of_lengths({{"big", 3000000}, {"small", 10}})
