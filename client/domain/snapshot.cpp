@@ -1,0 +1,284 @@
+#include "client/domain/snapshot.hpp"
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "client/domain/bounded_zstd.hpp"
+#include "client/domain/error.hpp"
+#include "client/domain/identifier.hpp"
+#include "client/platform/allocated_file.hpp"
+#include "client/platform/files.hpp"
+#include "client/platform/native_platform.hpp"
+#include "client/platform/posix_files.hpp"
+#include "client/platform/reserved_tree.hpp"
+
+namespace zorvi {
+namespace {
+
+constexpr std::uint64_t max_walk_entries = 250000;
+constexpr std::size_t max_tar_entries = 100000;
+constexpr std::size_t data_chunk = 65536;
+constexpr std::uint64_t tar_overhead_per_file = 8192;
+constexpr std::uint64_t tar_overhead = 10240;
+
+void report(const Progress& progress, std::uint64_t done, std::uint64_t total) {
+  if (progress && !progress(done, total)) throw Error("cancelled", "Operation cancelled at a safe boundary");
+}
+
+bool status_of(const std::filesystem::path& path, struct stat& status) { return ::lstat(path.c_str(), &status) == 0; }
+
+// ---- Verification -------------------------------------------------------
+
+// Walks the tree without following links. Every entry must have a safe
+// name; `foreign` is told of each entry that is neither a directory nor a
+// listed regular file. Returns the number of listed files found.
+template <typename Foreign>
+std::uint64_t walk_tree(const SnapshotManifest& manifest, const std::filesystem::path& root, Foreign foreign) {
+  struct stat top {};
+  require(status_of(root, top) && S_ISDIR(top.st_mode), "unsafe_path", "Game content directory is missing or linked");
+  std::uint64_t entries = 0;
+  std::uint64_t files = 0;
+  std::error_code error;
+  auto walk = std::filesystem::recursive_directory_iterator(root, error);
+  for (; !error && walk != std::filesystem::recursive_directory_iterator(); walk.increment(error)) {
+    require(++entries <= max_walk_entries, "size_limit", "Game directory entry count exceeds bounds");
+    const std::filesystem::file_status status = walk->symlink_status();
+    require(!std::filesystem::is_symlink(status), "unsafe_path", "Game tree contains a symbolic link");
+    const std::string relative = path_utf8(walk->path().lexically_relative(root));
+    // The path rules of safe_join; its link probe of every prefix would only
+    // repeat what this walk, which follows no link, has just seen.
+    validate_relative_path(relative, true);
+    if (std::filesystem::is_directory(status)) continue;
+    if (!std::filesystem::is_regular_file(status) || !manifest.files.contains(relative)) {
+      foreign(relative);
+      continue;
+    }
+    require(++files <= manifest.files.size(), "size_limit", "Game tree contains too many files");
+  }
+  if (error) throw Error("file_read", with_errno("Cannot walk game content directory", error.value()));
+  return files;
+}
+
+// The file's digest; with progress, reports stay inside the file's share of
+// the total, and a file that changes beyond its listed length is refused.
+std::string file_digest(const std::filesystem::path& target, const PackageFile& file, const Progress& progress,
+                        std::uint64_t done, std::uint64_t total) {
+  Progress inner;
+  if (progress) {
+    inner = [&](std::uint64_t file_done, std::uint64_t file_total) {
+      require(file_total == file.length && file_done <= file.length, "content_mismatch",
+              "File changed beyond its declared verification bound");
+      report(progress, done + file_done, total);
+      return true;
+    };
+  }
+  return digest_file_progress(target, "sha256", inner);
+}
+
+void sync_tree_directories(const std::filesystem::path& root) {
+  std::vector<std::filesystem::path> directories{root};
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+    if (entry.is_directory() && !entry.is_symlink()) directories.push_back(entry.path());
+  }
+  for (auto directory = directories.rbegin(); directory != directories.rend(); ++directory) sync_directory(*directory);
+}
+
+// ---- Extraction ---------------------------------------------------------
+
+struct ReaderFree {
+  void operator()(struct archive* reader) const { archive_read_free(reader); }
+};
+using TarReader = std::unique_ptr<struct archive, ReaderFree>;
+
+// A failure the decoder saw inside libarchive's callback explains the
+// reader's failure better than the reader can; raise it first.
+[[noreturn]] void reader_failure(BoundedZstd& decoder, const char* code, const char* message) {
+  if (decoder.failed()) decoder.finish();
+  throw Error(code, message);
+}
+
+void check_archive(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
+  struct stat status {};
+  const bool matches = status_of(archive, status) && S_ISREG(status.st_mode) &&
+                       static_cast<std::uint64_t>(status.st_size) == manifest.archive_length &&
+                       digest_file(archive, "sha256") == manifest.archive_sha256;
+  require(matches, "content_mismatch", "Snapshot differs from its verified application manifest");
+}
+
+void prepare_staging(const SnapshotManifest& manifest, const std::filesystem::path& staging,
+                     const ReservedTree* reserved_tree) {
+  if (reserved_tree != nullptr) {
+    reserved_tree->validate(manifest, staging);
+    return;
+  }
+  struct stat existing {};
+  require(!status_of(staging, existing) && errno == ENOENT, "staging_exists", "A fresh staging directory is required");
+  private_directory(staging);
+}
+
+TarReader open_tar_reader(BoundedZstd& decoder) {
+  TarReader reader(archive_read_new());
+  require(reader != nullptr, "archive", "Cannot allocate archive decoder");
+  if (archive_read_support_filter_none(reader.get()) != ARCHIVE_OK ||
+      archive_read_support_format_tar(reader.get()) != ARCHIVE_OK ||
+      archive_read_open(reader.get(), &decoder, nullptr, BoundedZstd::callback, nullptr) != ARCHIVE_OK)
+    reader_failure(decoder, "archive", "Cannot open snapshot archive");
+  return reader;
+}
+
+// Steps that judge one tar entry before a byte of it is read.
+const PackageFile& admit_entry(const SnapshotManifest& manifest, struct archive_entry* entry, const std::string& path,
+                               std::set<std::string>& seen) {
+  const bool ordinary = archive_entry_filetype(entry) == AE_IFREG && archive_entry_symlink(entry) == nullptr &&
+                        archive_entry_hardlink(entry) == nullptr && archive_entry_sparse_count(entry) == 0 &&
+                        archive_entry_xattr_count(entry) == 0;
+  require(ordinary, "archive_type", "Only ordinary files are accepted in snapshots");
+  const auto listed = manifest.files.find(path);
+  require(seen.size() < max_tar_entries && listed != manifest.files.end() && seen.insert(path).second,
+          "archive_inventory", "Archive contains an unexpected or duplicate file");
+  const PackageFile& file = listed->second;
+  const bool shaped = archive_entry_size_is_set(entry) && archive_entry_size(entry) >= 0 &&
+                      static_cast<std::uint64_t>(archive_entry_size(entry)) == file.length &&
+                      archive_entry_perm(entry) == (file.executable ? 0755 : 0644);
+  require(shaped, "archive_inventory", "Archive file length or mode differs from manifest");
+  return file;
+}
+
+struct Extraction {
+  const SnapshotManifest& manifest;
+  const std::filesystem::path& staging;
+  const Progress& progress;
+  const ReservedTree* reserved_tree;
+  BoundedZstd& decoder;
+  struct archive* reader;
+  std::vector<char> buffer = std::vector<char>(data_chunk);
+  std::uint64_t done = 0;
+  std::filesystem::path proved_directory = {};
+
+  void copy_data(AllocatedFile& file, std::uint64_t length) {
+    std::uint64_t remaining = length;
+    while (true) {
+      const la_ssize_t count = archive_read_data(reader, buffer.data(), buffer.size());
+      if (count == 0) break;
+      if (count < 0) reader_failure(decoder, "archive", "Snapshot decompression failed");
+      const auto piece = static_cast<std::uint64_t>(count);
+      require(piece <= remaining, "size_limit", "Archive expands beyond authenticated file length");
+      file.write(std::string_view(buffer.data(), static_cast<std::size_t>(count)));
+      remaining -= piece;
+      done += piece;
+      report(progress, done, manifest.expanded_length);
+    }
+    require(remaining == 0, "archive", "Snapshot file is truncated");
+  }
+
+  void extract_entry(struct archive_entry* entry, std::set<std::string>& seen) {
+    const char* name = archive_entry_pathname_utf8(entry);
+    require(name != nullptr, "archive_path", "Archive path is not valid UTF-8");
+    const std::string path(name);
+    const std::filesystem::path target = safe_join(staging, path, true);
+    const PackageFile& listed = admit_entry(manifest, entry, path, seen);
+    // Entries come in path order, so most share the folder just proved
+    // private; a new folder is proved once, before its first file.
+    if (target.parent_path() != proved_directory) {
+      private_directory(target.parent_path());
+      proved_directory = target.parent_path();
+    }
+    // Space for the whole file is claimed here, before its first byte.
+    AllocatedFile file = reserved_tree != nullptr ? AllocatedFile(reserved_tree->file(path, listed.length))
+                                                  : AllocatedFile(target, listed.length, ReservationObserver());
+    copy_data(file, listed.length);
+    file.set_executable(listed.executable);
+    file.finish(true);
+    require(digest_file(target, "sha256") == listed.sha256, "content_mismatch",
+            "Extracted file hash differs from manifest");
+  }
+
+  void run() {
+    std::set<std::string> seen;
+    struct archive_entry* entry = nullptr;
+    int status;
+    while ((status = archive_read_next_header(reader, &entry)) == ARCHIVE_OK) {
+      report(progress, done, manifest.expanded_length);
+      extract_entry(entry, seen);
+    }
+    if (status != ARCHIVE_EOF || seen.size() != manifest.files.size())
+      reader_failure(decoder, "archive", "Snapshot is incomplete or malformed");
+  }
+};
+
+}  // namespace
+
+void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
+                          const Progress& progress) {
+  const std::uint64_t files = walk_tree(manifest, root, [](const std::string&) {
+    throw Error("unexpected_file", "Game tree contains an unmanaged file");
+  });
+  require(files == manifest.files.size(), "missing_file", "Game content is incomplete; repair is available");
+  std::uint64_t done = 0;
+  for (const auto& [path, file] : manifest.files) {
+    report(progress, done, manifest.expanded_length);
+    const std::filesystem::path target = safe_join(root, path, true);
+    struct stat status {};
+    const bool intact = status_of(target, status) && S_ISREG(status.st_mode) &&
+                        static_cast<std::uint64_t>(status.st_size) == file.length &&
+                        file_digest(target, file, progress, done, manifest.expanded_length) == file.sha256;
+    require(intact, "content_mismatch", "Game content differs from the verified manifest: " + path);
+    require(!file.executable || (status.st_mode & S_IXUSR) != 0, "content_mode",
+            "Game executable permission is missing");
+    done += file.length;
+  }
+  report(progress, done, manifest.expanded_length);
+}
+
+DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std::filesystem::path& root,
+                                    const Progress& progress, std::size_t limit) {
+  DamagedFiles damaged;
+  const auto add_damage = [&](const std::string& path) {
+    ++damaged.count;
+    if (damaged.paths.size() < limit) damaged.paths.push_back(path);
+  };
+  walk_tree(manifest, root, add_damage);
+  std::uint64_t done = 0;
+  for (const auto& [path, file] : manifest.files) {
+    report(progress, done, manifest.expanded_length);
+    const std::filesystem::path target = safe_join(root, path, true);
+    struct stat status {};
+    bool intact = status_of(target, status) && S_ISREG(status.st_mode) &&
+                  static_cast<std::uint64_t>(status.st_size) == file.length;
+    if (intact) {
+      try {
+        intact = file_digest(target, file, progress, done, manifest.expanded_length) == file.sha256;
+      } catch (const Error& error) {
+        if (error.code == "cancelled") throw;
+        intact = false;
+      }
+    }
+    if (!intact || (file.executable && (status.st_mode & S_IXUSR) == 0)) add_damage(path);
+    done += file.length;
+  }
+  report(progress, done, manifest.expanded_length);
+  return damaged;
+}
+
+void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
+                      const std::filesystem::path& staging, const Progress& progress,
+                      const ReservedTree* reserved_tree) {
+  check_archive(manifest, archive);
+  prepare_staging(manifest, staging, reserved_tree);
+  const std::uint64_t limit =
+      manifest.expanded_length + tar_overhead_per_file * manifest.files.size() + tar_overhead;
+  BoundedZstd decoder(archive, limit);
+  const TarReader reader = open_tar_reader(decoder);
+  Extraction{manifest, staging, progress, reserved_tree, decoder, reader.get()}.run();
+  decoder.finish();
+  verify_snapshot_tree(manifest, staging, progress);
+  sync_tree_directories(staging);
+}
+
+}  // namespace zorvi

@@ -1,0 +1,142 @@
+#include "tests/support/snapshot_support.hpp"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace zorvi::testing {
+namespace {
+
+std::string quoted(const std::filesystem::path& path) {
+  std::string text = "'";
+  for (char c : path.string()) text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return text + "'";
+}
+
+void run_shell(const std::string& script) {
+  const CommandResult result = run_command({"sh", "-c", script});
+  if (result.status != 0) throw std::runtime_error(script + ": " + result.err);
+}
+
+constexpr const char* manifest_script = R"PY(
+import hashlib, json, os, sys
+root, archive = sys.argv[1], sys.argv[2]
+def sha256(path):
+    digest = hashlib.sha256()
+    with open(path, 'rb') as stream:
+        for block in iter(lambda: stream.read(1 << 20), b''):
+            digest.update(block)
+    return digest.hexdigest()
+files = []
+for folder, _, names in os.walk(root):
+    for name in names:
+        path = os.path.join(folder, name)
+        executable = bool(os.lstat(path).st_mode & 0o100)
+        files.append({'path': os.path.relpath(path, root), 'length': os.lstat(path).st_size,
+                      'mode': 0o755 if executable else 0o644, 'sha256': sha256(path)})
+files.sort(key=lambda entry: entry['path'].encode())
+print(json.dumps({
+    'schema_version': 1, 'build_id': 'test-build', 'platform': 'linux-x86_64',
+    'executable': next(entry['path'] for entry in files if entry['mode'] == 0o755),
+    'archive': {'format': 'tar.zst-v1', 'target': 'snapshots/test.tar.zst',
+                'length': os.path.getsize(archive), 'sha256': sha256(archive)},
+    'files': files, 'expanded_length': sum(entry['length'] for entry in files)}))
+)PY";
+
+constexpr const char* craft_script = R"PY(
+import io, json, sys, tarfile
+entries = json.loads(sys.argv[2])
+pax = any(entry.get('xattr') for entry in entries)
+class BareInfo(tarfile.TarInfo):
+    # tarfile always ends a directory's name with '/'; this one keeps it bare.
+    def get_info(self):
+        info = super().get_info()
+        info['name'] = info['name'].rstrip('/')
+        return info
+kinds = {'file': tarfile.REGTYPE, 'dir': tarfile.DIRTYPE, 'symlink': tarfile.SYMTYPE, 'hardlink': tarfile.LNKTYPE}
+with tarfile.open(sys.argv[1], 'w', format=tarfile.PAX_FORMAT if pax else tarfile.GNU_FORMAT,
+                  encoding='utf-8', errors='surrogateescape') as archive:
+    for entry in entries:
+        name = entry.get('name')
+        if 'raw_name_hex' in entry:
+            name = bytes.fromhex(entry['raw_name_hex']).decode('utf-8', 'surrogateescape')
+        info = (BareInfo if entry.get('bare') else tarfile.TarInfo)(name)
+        info.type = kinds[entry.get('type', 'file')]
+        info.mode = entry.get('mode', 0o755 if info.type == tarfile.DIRTYPE else 0o644)
+        info.linkname = entry.get('link', '')
+        if entry.get('xattr'):
+            info.pax_headers = {'SCHILY.xattr.user.origin': 'elsewhere'}
+        content = entry.get('content', '').encode()
+        info.size = len(content) if info.type == tarfile.REGTYPE else 0
+        archive.addfile(info, io.BytesIO(content) if info.type == tarfile.REGTYPE else None)
+)PY";
+
+}  // namespace
+
+void write_tree(const std::filesystem::path& root, const std::vector<TreeFile>& files) {
+  for (const TreeFile& file : files) {
+    const std::filesystem::path path = root / file.path;
+    std::filesystem::create_directories(path.parent_path());
+    write_text(path, file.content);
+    if (::chmod(path.c_str(), file.executable ? 0755 : 0644) != 0) throw std::runtime_error("chmod failed");
+  }
+}
+
+void pack_tree(const std::filesystem::path& root, const std::filesystem::path& archive,
+               const std::string& zstd_options, const std::string& tar_options) {
+  run_shell("cd " + quoted(root) +
+            " && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../.files && tar --format=gnu --owner=0 --group=0 "
+            "--numeric-owner --no-recursion " +
+            tar_options + " -cf - -T ../.files | zstd -q -c " + zstd_options + " > " + quoted(archive) +
+            " && rm ../.files");
+}
+
+void compress(const std::filesystem::path& tar, const std::filesystem::path& archive,
+              const std::string& zstd_options) {
+  run_shell("zstd -q -c " + zstd_options + " < " + quoted(tar) + " > " + quoted(archive));
+}
+
+json python_manifest(const std::filesystem::path& root, const std::filesystem::path& archive) {
+  return json::parse(run_python(manifest_script, {root.string(), archive.string()}));
+}
+
+SnapshotManifest parsed_manifest(const std::filesystem::path& root, const std::filesystem::path& archive) {
+  return SnapshotManifest::parse(python_manifest(root, archive));
+}
+
+SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files) {
+  json entries = json::array();
+  std::uint64_t total = 0;
+  for (const auto& [path, length] : files) {
+    entries.push_back({{"path", path}, {"length", length}, {"mode", entries.empty() ? 493 : 420},
+                       {"sha256", std::string(64, '0')}});
+    total += length;
+  }
+  return SnapshotManifest::parse({{"schema_version", 1},
+                                  {"build_id", "b1"},
+                                  {"platform", "linux-x86_64"},
+                                  {"executable", files.front().first},
+                                  {"archive",
+                                   {{"format", "tar.zst-v1"},
+                                    {"target", "a.tar.zst"},
+                                    {"length", 1},
+                                    {"sha256", std::string(64, '0')}}},
+                                  {"files", entries},
+                                  {"expanded_length", total}});
+}
+
+void craft_tar(const std::filesystem::path& tar, const json& entries) {
+  run_python(craft_script, {tar.string(), entries.dump()});
+}
+
+CommandResult run_in_private_mounts(const std::string& script) {
+  return run_command({"unshare", "--mount", "--propagation", "private", "env", "TOOL=" + snapshot_tool().string(),
+                      "sh", "-c", script});
+}
+
+std::filesystem::path snapshot_tool() { return binary_dir() / "snapshot_tool"; }
+
+}  // namespace zorvi::testing
