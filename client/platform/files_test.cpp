@@ -95,8 +95,7 @@ TEST(AtomicWrite, WritersDifferInPrivacyAndReplacement) {
   fs::create_directory(dir / "export");
   fs::permissions(dir / "export", static_cast<fs::perms>(0750));
   atomic_create(dir / "export" / "file", "five");
-  const std::string listing = "cd \"$1\" && find . -mindepth 1 -printf '%p %m\\n' | sort";
-  EXPECT_EQ(testing::run_command({"sh", "-c", listing, "sh", dir.path().string()}).out,
+  EXPECT_EQ(testing::modes(dir.path()),
             "./export 750\n./export/file 600\n./new 700\n./new/created 600\n./new/marker 600\n./new/state 700\n"
             "./new/state/doc.json 600\n");
   EXPECT_EQ(read_file(dir / "new" / "state" / "doc.json", 10), "two");

@@ -25,35 +25,31 @@ using testing::user_symlink;
 const std::string busy = "busy|Another Zorvi operation is using this state";
 const fs::perms private_file = fs::perms::owner_read | fs::perms::owner_write;
 
-struct LockKind {
-  std::string name;  // as lock_holder takes it
-  std::string busy;
-  std::function<void(const fs::path&, LockMode)> take;
-};
-
-// The other process holds its lock until it is killed.
+// The other process is files_probe, holding its lock until it is killed.
 TEST(Locks, ExclusiveAndSharedBetweenProcesses) {
   TempDir dir;
-  const LockKind kinds[] = {
-      {"file", busy, [](const fs::path& path, LockMode mode) { FileLock lock(path, false, mode); }},
-      {"native", "busy|Another worker owns this native installation",
-       [](const fs::path& path, LockMode mode) { NativeFileLock lock(path, true, NativeLockSharing::shared_install, mode); }},
-  };
-  for (const LockKind& kind : kinds) {
-    const fs::path path = dir / (kind.name + ".lock");
-    const auto attempt = [&](LockMode mode) { return error_of([&] { kind.take(path, mode); }); };
+  for (const bool native : {false, true}) {
+    const fs::path path = dir / (native ? "native.lock" : "file.lock");
+    const std::string held = native ? "busy|Another worker owns this native installation" : busy;
+    const std::string hold = native ? "hold_native_lock" : "hold_lock";
+    const auto attempt = [&](LockMode mode) {
+      return error_of([&] {
+        if (native) NativeFileLock lock(path, true, NativeLockSharing::shared_install, mode);
+        else FileLock lock(path, false, mode);
+      });
+    };
     {
-      ProgramChild holder("lock_holder", {kind.name, path.string(), "exclusive"});
+      ProgramChild holder("files_probe", {hold, path.string(), "exclusive"});
       ASSERT_EQ(holder.read_line(), "locked");
-      EXPECT_EQ(attempt(LockMode::exclusive), kind.busy);
-      EXPECT_EQ(attempt(LockMode::shared), kind.busy);
+      EXPECT_EQ(attempt(LockMode::exclusive), held);
+      EXPECT_EQ(attempt(LockMode::shared), held);
     }
     EXPECT_EQ(attempt(LockMode::exclusive), "no error");
     {
-      ProgramChild holder("lock_holder", {kind.name, path.string(), "shared"});
+      ProgramChild holder("files_probe", {hold, path.string(), "shared"});
       ASSERT_EQ(holder.read_line(), "locked");
       EXPECT_EQ(attempt(LockMode::shared), "no error");
-      EXPECT_EQ(attempt(LockMode::exclusive), kind.busy);
+      EXPECT_EQ(attempt(LockMode::exclusive), held);
     }
     // The lock file stays, private and empty.
     EXPECT_EQ(fs::file_size(path), 0u);
@@ -62,11 +58,10 @@ TEST(Locks, ExclusiveAndSharedBetweenProcesses) {
   const fs::path path = dir / "file.lock";
   {
     FileLock mine(path, false, LockMode::exclusive);
-    ProgramChild holder("lock_holder", {"file", path.string(), "shared"});
-    EXPECT_EQ(holder.read_line(), "error|" + busy);
+    EXPECT_EQ(ProgramChild("files_probe", {"hold_lock", path.string(), "shared"}).read_line(), busy);
   }
   // A waiting lock is granted once the holder lets go.
-  ProgramChild holder("lock_holder", {"file", path.string(), "exclusive"});
+  ProgramChild holder("files_probe", {"hold_lock", path.string(), "exclusive"});
   ASSERT_EQ(holder.read_line(), "locked");
   std::thread releaser([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));

@@ -34,8 +34,9 @@ const std::string long_path = "/" + std::string(4096, 'a');
 
 fs::perms mode_of(const fs::path& path) { return fs::symlink_status(path).permissions(); }
 
-std::string as_nobody(const std::string& command) {
-  return "setpriv --reuid=65534 --regid=65534 --clear-groups " + command;
+testing::CommandResult as_nobody(std::vector<std::string> argv) {
+  argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+  return testing::run_command(argv);
 }
 
 // The entries of an ACL that holds more than the mode bits, numerically; empty for none.
@@ -45,26 +46,20 @@ std::string extended_acl(const fs::path& path) {
 
 TEST(PrivateDirectory, CreatesAMissingChainPrivateAndNarrowsTheLastComponent) {
   TempDir dir;
-  fs::create_directory(dir / "open");
-  fs::permissions(dir / "open", static_cast<fs::perms>(0755));
+  for (const char* name : {"open", "owner-rule"}) {
+    fs::create_directory(dir / name);
+    fs::permissions(dir / name, static_cast<fs::perms>(0755));
+  }
+  shell("setfacl -m u:0:rwx " + (dir / "owner-rule").string());  // grants nobody else anything
+  fs::create_directory_symlink(dir / "open", dir / "system");     // root's link in root's folder
   private_directory(dir / "open" / "a" / "b");
-  private_directory(dir / "open" / "a" / "b");
-  EXPECT_EQ(mode_of(dir / "open" / "a"), fs::perms::owner_all);
-  EXPECT_EQ(mode_of(dir / "open" / "a" / "b"), fs::perms::owner_all);
-  EXPECT_EQ(mode_of(dir / "open"), static_cast<fs::perms>(0755));  // an existing ancestor is left alone
+  private_directory(dir / "system" / "a" / "b" / "c");
+  EXPECT_EQ(testing::modes(dir.path()),
+            "./open 755\n./open/a 700\n./open/a/b 700\n./open/a/b/c 700\n./owner-rule 775\n./system 777\n");
   private_directory((dir / "open").string() + "/");
-  EXPECT_EQ(mode_of(dir / "open"), fs::perms::owner_all);
-
-  // A rule naming the owner grants nobody else anything.
-  fs::create_directory(dir / "owner-rule");
-  shell("setfacl -m u:0:rwx " + (dir / "owner-rule").string());
   private_directory(dir / "owner-rule");
-  EXPECT_EQ(mode_of(dir / "owner-rule"), fs::perms::owner_all);
-
-  // Root's link in root's folder is the system's; a user's link is refused.
-  fs::create_directory_symlink(dir / "open", dir / "system");
-  private_directory(dir / "system" / "inside");
-  EXPECT_TRUE(fs::is_directory(dir / "open" / "inside"));
+  EXPECT_EQ(testing::modes(dir.path()),
+            "./open 700\n./open/a 700\n./open/a/b 700\n./open/a/b/c 700\n./owner-rule 700\n./system 777\n");
   user_symlink(dir / "open", dir / "user");
   expect_rows({{[&] { private_directory(dir / "user" / "other"); }, linked_ancestry},
                {[&] { private_directory(dir / "user"); }, linked_ancestry}},
@@ -172,10 +167,9 @@ TEST(PrivateStorage, NewEntriesDropInheritedRulesAndKeepStrangersOut) {
   posix_files::secure_new_private(file.get(), false);
   for (const fs::path& path : {dir / "shared" / "new", dir / "shared" / "new" / "leaf", fresh})
     EXPECT_EQ(extended_acl(path), "") << path;
-  EXPECT_EQ(mode_of(dir / "shared" / "new" / "leaf"), fs::perms::owner_all);
-  EXPECT_EQ(mode_of(fresh), fs::perms::owner_read | fs::perms::owner_write);
-  EXPECT_NE(testing::run_command({"sh", "-c", as_nobody("ls " + (dir / "shared" / "new").string())}).status, 0);
-  EXPECT_EQ(testing::run_command({"sh", "-c", as_nobody("ls " + (dir / "shared").string())}).status, 0);
+  EXPECT_EQ(testing::modes(dir / "shared"), "./fresh 600\n./new 700\n./new/leaf 700\n");
+  EXPECT_NE(as_nobody({"ls", (dir / "shared" / "new").string()}).status, 0);
+  EXPECT_EQ(as_nobody({"ls", (dir / "shared").string()}).status, 0);
 
   // Only a fresh entry is taken: one with content, or of the other kind, is refused.
   ASSERT_EQ(::write(file.get(), "x", 1), 1);
@@ -193,8 +187,7 @@ TEST(PrivateDirectory, AnOrdinaryUserGetsTheSameRules) {
   fs::create_directory(dir / "home");
   ASSERT_EQ(::chown((dir / "home").c_str(), 65534, 65534), 0);
   const auto probe = [&](const fs::path& path) {
-    const std::string program = (testing::binary_dir() / "files_probe").string();
-    return testing::run_command({"sh", "-c", as_nobody(program + " private_directory " + path.string())}).out;
+    return as_nobody({(testing::binary_dir() / "files_probe").string(), "private_directory", path.string()}).out;
   };
   EXPECT_EQ(probe(dir / "home" / "data"), "ok\n");
   EXPECT_EQ(probe(dir / "home"), "ok\n");

@@ -3,8 +3,12 @@
 //   files_probe atomic_write|atomic_create|atomic_private_create|replace_private_file TARGET TEXT
 //   files_probe private_directory DIR
 //   files_probe commit|exchange FIRST SECOND
+//   files_probe hold_lock|hold_native_lock PATH exclusive|shared
+//                                    prints "locked" and holds the lock until killed
 //   files_probe loop TARGET TEXT     prints "ready", then atomic_write forever
 // Prints "ok" or "CODE|MESSAGE".
+#include <unistd.h>
+
 #include <functional>
 #include <iostream>
 #include <map>
@@ -13,7 +17,21 @@
 
 #include "client/domain/error.hpp"
 #include "client/platform/files.hpp"
+#include "client/platform/native_lock.hpp"
 #include "client/platform/posix_files.hpp"
+
+namespace {
+
+zorvi::LockMode lock_mode(const std::string& name) {
+  return name == "shared" ? zorvi::LockMode::shared : zorvi::LockMode::exclusive;
+}
+
+[[noreturn]] void hold() {
+  std::cout << "locked" << std::endl;
+  for (;;) ::pause();
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
@@ -26,6 +44,16 @@ int main(int argc, char** argv) {
       {"private_directory", [](auto& path, auto&) { zorvi::private_directory(path); }},
       {"commit", [](auto& first, auto& second) { zorvi::commit_private_path_new(first, second, {}); }},
       {"exchange", [](auto& first, auto& second) { zorvi::exchange_private_directories(first, second, {}); }},
+      {"hold_lock",
+       [](auto& path, auto& mode) {
+         zorvi::FileLock lock(path, false, lock_mode(mode));
+         hold();
+       }},
+      {"hold_native_lock",
+       [](auto& path, auto& mode) {
+         zorvi::NativeFileLock lock(path, true, zorvi::NativeLockSharing::exclusive_install, lock_mode(mode));
+         hold();
+       }},
   };
   if (args.size() == 3 && args[0] == "loop") {
     std::cout << "ready" << std::endl;

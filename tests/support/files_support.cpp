@@ -29,6 +29,11 @@ std::string tree_state(const std::filesystem::path& root) {
   return run_command({"sh", "-c", script, "sh", root.string()}).out;
 }
 
+std::string modes(const std::filesystem::path& root) {
+  const std::string script = "cd \"$1\" && find . -mindepth 1 -printf '%p %m\\n' | sort";
+  return run_command({"sh", "-c", script, "sh", root.string()}).out;
+}
+
 void expect_rows(const std::vector<Row>& rows, const std::filesystem::path& root) {
   const std::string before = tree_state(root);
   for (std::size_t index = 0; index < rows.size(); ++index) {

@@ -17,6 +17,9 @@ std::string error_of(const std::function<void()>& action);
 // compares. Links are not followed.
 std::string tree_state(const std::filesystem::path& root);
 
+// Each entry below `root` as "./relative/path octal-mode", sorted, one a line.
+std::string modes(const std::filesystem::path& root);
+
 // A call and the outcome it must have, as error_of gives it.
 struct Row {
   std::function<void()> call;
