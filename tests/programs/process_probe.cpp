@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -57,12 +56,6 @@ std::string link_of(const char* path) {
   return length > 0 ? std::string(buffer, static_cast<std::size_t>(length)) : "";
 }
 
-bool same_file(int first, int second) {
-  struct stat a {};
-  struct stat b {};
-  return ::fstat(first, &a) == 0 && ::fstat(second, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 int report(const char* path) {
   // Gathered before the report file adds a descriptor of its own.
   json out;
@@ -76,7 +69,6 @@ int report(const char* path) {
   out["blocked"] = status_line("SigBlk");
   out["ignored"] = status_line("SigIgn");
   out["stdin"] = link_of("/proc/self/fd/0");
-  out["stdout_is_stderr"] = same_file(1, 2);
   std::ofstream(path) << out.dump();
   return 0;
 }
