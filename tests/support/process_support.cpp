@@ -44,9 +44,10 @@ std::string in_subprocess(const std::function<std::string()>& work) {
   ::close(ends[1]);
   std::string text;
   char buffer[4096];
-  ssize_t count = 0;
-  while ((count = ::read(ends[0], buffer, sizeof buffer)) > 0 || (count < 0 && errno == EINTR)) {
+  // A signal the work sends to this process may interrupt the reads.
+  for (ssize_t count; (count = ::read(ends[0], buffer, sizeof buffer)) != 0;) {
     if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
+    if (count < 0 && errno != EINTR) break;
   }
   ::close(ends[0]);
   int status = 0;
