@@ -1,15 +1,11 @@
-// A child for the process tests: reports what it inherited, or plays one of
-// the small parts the tests need (stubborn, interruptible, replacing itself).
+// A child for the process tests: reports what it inherited, waits for its
+// parent's interrupt, or replaces itself.
 #include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -57,12 +53,6 @@ std::string link_of(const char* path) {
   return length > 0 ? std::string(buffer, static_cast<std::size_t>(length)) : "";
 }
 
-bool same_file(int first, int second) {
-  struct stat a {};
-  struct stat b {};
-  return ::fstat(first, &a) == 0 && ::fstat(second, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 int report(const char* path) {
   // Gathered before the report file adds a descriptor of its own.
   json out;
@@ -76,30 +66,11 @@ int report(const char* path) {
   out["blocked"] = status_line("SigBlk");
   out["ignored"] = status_line("SigIgn");
   out["stdin"] = link_of("/proc/self/fd/0");
-  out["stdout_is_stderr"] = same_file(1, 2);
   std::ofstream(path) << out.dump();
-  return 0;
-}
-
-int streams() {
-  std::fputs("probe-out\n", stdout);
+  std::fputs("out\n", stdout);
   std::fflush(stdout);
-  std::fputs("probe-err\n", stderr);
+  std::fputs("err\n", stderr);
   return 0;
-}
-
-int touch(const char* path) {
-  std::ofstream(path) << "touched";
-  return 0;
-}
-
-// Waits to be killed; a marker file says that SIGTERM is ignored first when
-// asked, so that the parent knows when to start.
-int linger(bool stubborn, const char* marker) {
-  if (stubborn) ::signal(SIGTERM, SIG_IGN);
-  if (marker != nullptr) std::ofstream(marker) << "ready";
-  for (int i = 0; i < patience_steps; ++i) std::this_thread::sleep_for(step);
-  return 4;
 }
 
 // 0: asked to stop; 3: the parent went away without asking; 5: no channel.
@@ -135,11 +106,6 @@ int replace(const std::string& mode, const char* path) {
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (mode == "report" && argc == 3) return report(argv[2]);
-  if (mode == "streams") return streams();
-  if (mode == "touch" && argc == 3) return touch(argv[2]);
-  if (mode == "exit" && argc == 3) return std::atoi(argv[2]);
-  if (mode == "linger") return linger(false, argc == 3 ? argv[2] : nullptr);
-  if (mode == "stubborn" && argc == 3) return linger(true, argv[2]);
   if (mode == "interruptible") return interruptible();
   if (mode == "replace" && argc == 4) return replace(argv[2], argv[3]);
   std::fprintf(stderr, "process_probe: unknown mode\n");

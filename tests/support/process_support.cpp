@@ -3,15 +3,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
-#include <sstream>
 #include <thread>
-#include <vector>
 
 #include "client/domain/error.hpp"
 #include "tests/support/test_support.hpp"
@@ -47,9 +44,10 @@ std::string in_subprocess(const std::function<std::string()>& work) {
   ::close(ends[1]);
   std::string text;
   char buffer[4096];
-  ssize_t count = 0;
-  while ((count = ::read(ends[0], buffer, sizeof buffer)) > 0 || (count < 0 && errno == EINTR)) {
+  // A signal the work sends to this process may interrupt the reads.
+  for (ssize_t count; (count = ::read(ends[0], buffer, sizeof buffer)) != 0;) {
     if (count > 0) text.append(buffer, static_cast<std::size_t>(count));
+    if (count < 0 && errno != EINTR) break;
   }
   ::close(ends[0]);
   int status = 0;
@@ -57,26 +55,6 @@ std::string in_subprocess(const std::function<std::string()>& work) {
   }
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) text += " [subprocess status " + std::to_string(status) + "]";
   return text;
-}
-
-DescriptorSqueeze::DescriptorSqueeze(int free_slots) {
-  const rlimit limit{64, 64};
-  if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) throw std::runtime_error("setrlimit failed");
-  for (;;) {
-    const int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) break;
-    taken_.push_back(descriptor);
-  }
-  if (errno != EMFILE || static_cast<int>(taken_.size()) < free_slots) throw std::runtime_error("cannot fill");
-  for (int i = 0; i < free_slots; ++i) {
-    ::close(taken_.back());
-    taken_.pop_back();
-  }
-}
-
-void DescriptorSqueeze::release() {
-  for (const int descriptor : taken_) ::close(descriptor);
-  taken_.clear();
 }
 
 void drop_to_nobody() {
@@ -93,16 +71,18 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
   return true;
 }
 
-char process_state_letter(long pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(stat, line)) return 0;
-  const auto close = line.rfind(')');
-  return close != std::string::npos && close + 2 < line.size() ? line[close + 2] : 0;
+bool kill_unreaped(long pid) {
+  ::kill(static_cast<pid_t>(pid), SIGKILL);
+  return eventually([pid] {
+    // The state letter follows the command name in parentheses.
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const auto close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'Z';
+  });
 }
 
 bool pid_exists(long pid) { return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM; }
-
-json read_json(const std::filesystem::path& path) { return json::parse(read_text(path)); }
 
 }  // namespace zorvi::testing

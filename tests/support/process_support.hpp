@@ -4,9 +4,6 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <vector>
-
-#include "client/domain/json.hpp"
 
 namespace zorvi::testing {
 
@@ -17,25 +14,9 @@ std::filesystem::path probe_path();
 std::string outcome(const std::function<void()>& work);
 
 // Runs `work` in a forked copy of this process and gives back the text it
-// returned (or "exception: what()"), so that a test can change limits,
-// identity or descriptors without touching the test process itself.
+// returned (or "exception: what()"), so that a test can change identity,
+// environment or signals without touching the test process itself.
 std::string in_subprocess(const std::function<std::string()>& work);
-
-// In a subprocess: lowers the descriptor limit and fills the table so that
-// exactly `free_slots` descriptors can still be opened, until `release`.
-// Release before looking at an exception: the sanitizers' own checks need a
-// descriptor or two.
-class DescriptorSqueeze {
-public:
-  explicit DescriptorSqueeze(int free_slots);
-  ~DescriptorSqueeze() { release(); }
-  DescriptorSqueeze(const DescriptorSqueeze&) = delete;
-  DescriptorSqueeze& operator=(const DescriptorSqueeze&) = delete;
-  void release();
-
-private:
-  std::vector<int> taken_;
-};
 
 // In a subprocess: becomes the unprivileged user 65534 for good.
 void drop_to_nobody();
@@ -45,12 +26,10 @@ void drop_to_nobody();
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds limit = std::chrono::milliseconds(20000));
 
-// The state letter of /proc/<pid>/stat ('Z' for a zombie), or 0.
-char process_state_letter(long pid);
+// Kills `pid` and waits until it is a zombie: ended, its pid still taken.
+bool kill_unreaped(long pid);
 
 // Whether `pid` names any process at all, zombies included.
 bool pid_exists(long pid);
-
-json read_json(const std::filesystem::path& path);
 
 }  // namespace zorvi::testing
