@@ -16,6 +16,8 @@ namespace zorvi {
 namespace {
 
 using testing::TempDir;
+using testing::caught;
+using testing::expect_error;
 using testing::TreeFile;
 
 std::string random_bytes(std::size_t count, unsigned seed) {
@@ -36,21 +38,7 @@ std::vector<TreeFile> sample_files() {
           {"README", "read me\n"}};
 }
 
-Error caught(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no failure";
-  return Error("", "");
-}
 
-void expect_error(const std::function<void()>& action, const std::string& code, const std::string& message) {
-  const Error error = caught(action);
-  EXPECT_EQ(error.code, code);
-  EXPECT_EQ(std::string(error.what()), message);
-}
 
 mode_t mode_of(const std::filesystem::path& path) {
   struct stat status {};

@@ -18,22 +18,10 @@ namespace zorvi {
 namespace {
 
 using testing::TempDir;
+using testing::caught;
+using testing::expect_error;
 
-Error caught(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no failure";
-  return Error("", "");
-}
 
-void expect_error(const std::function<void()>& action, const std::string& code, const std::string& message) {
-  const Error error = caught(action);
-  EXPECT_EQ(error.code, code);
-  EXPECT_EQ(std::string(error.what()), message);
-}
 
 struct stat status_of(const std::filesystem::path& path) {
   struct stat status {};

@@ -14,16 +14,8 @@ namespace zorvi {
 namespace {
 
 using testing::TempDir;
+using testing::expect_error;
 
-void expect_error(const std::function<void()>& action, const std::string& code, const std::string& message) {
-  try {
-    action();
-    ADD_FAILURE() << "no failure";
-  } catch (const Error& error) {
-    EXPECT_EQ(error.code, code);
-    EXPECT_EQ(std::string(error.what()), message);
-  }
-}
 
 const SnapshotManifest sample =
     testing::manifest_of_lengths({{"bin/game", 100}, {"data/a", 0}, {"data/deep/b", 70000}});

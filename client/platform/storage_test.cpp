@@ -8,36 +8,21 @@
 #include <gtest/gtest.h>
 
 #include "client/domain/error.hpp"
+#include "tests/support/snapshot_support.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace zorvi {
 namespace {
 
 using testing::TempDir;
+using testing::caught;
 
 constexpr std::uint64_t unit = 4096;
 constexpr std::uint64_t mib16 = 16777216;
 
 SnapshotManifest manifest_of(const std::vector<std::pair<std::string, std::uint64_t>>& files,
                              std::uint64_t archive_length = 10000) {
-  json entries = json::array();
-  std::uint64_t total = 0;
-  for (const auto& [path, length] : files) {
-    entries.push_back({{"path", path}, {"length", length}, {"mode", entries.empty() ? 493 : 420},
-                       {"sha256", std::string(64, '0')}});
-    total += length;
-  }
-  return SnapshotManifest::parse({{"schema_version", 1},
-                                  {"build_id", "b1"},
-                                  {"platform", "linux-x86_64"},
-                                  {"executable", files.front().first},
-                                  {"archive",
-                                   {{"format", "tar.zst-v1"},
-                                    {"target", "a.tar.zst"},
-                                    {"length", archive_length},
-                                    {"sha256", std::string(64, '0')}}},
-                                  {"files", entries},
-                                  {"expanded_length", total}});
+  return testing::manifest_of_lengths(files, archive_length);
 }
 
 StorageVolume volume_of(std::uint64_t capacity, std::uint64_t available, std::optional<std::uint64_t> inodes = {},
@@ -45,15 +30,6 @@ StorageVolume volume_of(std::uint64_t capacity, std::uint64_t available, std::op
   return StorageVolume{"/srv/games", "device:42", unit, capacity, available, inodes, free_inodes};
 }
 
-Error caught(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no failure";
-  return Error("", "");
-}
 
 // Worked by hand with a 4 KiB unit:
 //   files      a (0) -> 0, b/c (1) -> 4096, b/d (4096) -> 4096, b/e/f (5000) -> 8192: 16384 data bytes

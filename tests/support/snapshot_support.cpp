@@ -107,7 +107,8 @@ SnapshotManifest parsed_manifest(const std::filesystem::path& root, const std::f
   return SnapshotManifest::parse(python_manifest(root, archive));
 }
 
-SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files) {
+SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files,
+                                     std::uint64_t archive_length) {
   json entries = json::array();
   std::uint64_t total = 0;
   for (const auto& [path, length] : files) {
@@ -122,7 +123,7 @@ SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, st
                                   {"archive",
                                    {{"format", "tar.zst-v1"},
                                     {"target", "a.tar.zst"},
-                                    {"length", 1},
+                                    {"length", archive_length},
                                     {"sha256", std::string(64, '0')}}},
                                   {"files", entries},
                                   {"expanded_length", total}});

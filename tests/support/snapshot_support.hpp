@@ -36,7 +36,8 @@ SnapshotManifest parsed_manifest(const std::filesystem::path& root, const std::f
 
 // A manifest of files with the given lengths and placeholder digests; the
 // first file is the executable.
-SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files);
+SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files,
+                                     std::uint64_t archive_length = 1);
 
 // Crafts a tar file with Python's tarfile from a JSON list of entries:
 // {"name", "type": "file"|"dir"|"symlink"|"hardlink", "content", "mode",

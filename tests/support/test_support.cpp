@@ -90,6 +90,22 @@ void write_text(const std::filesystem::path& path, std::string_view text) {
   if (!stream) throw std::runtime_error("cannot write " + path.string());
 }
 
+Error caught(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const Error& error) {
+    return error;
+  }
+  ADD_FAILURE() << "no failure";
+  return Error("", "");
+}
+
+void expect_error(const std::function<void()>& action, const std::string& code, const std::string& message) {
+  const Error error = caught(action);
+  EXPECT_EQ(error.code, code);
+  EXPECT_EQ(std::string(error.what()), message);
+}
+
 std::filesystem::path source_dir() { return ZORVI_SOURCE_DIR; }
 std::filesystem::path binary_dir() { return ZORVI_BINARY_DIR; }
 

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "client/domain/error.hpp"
 
 namespace zorvi::testing {
 
@@ -37,6 +40,11 @@ std::string run_python(std::string_view script, const std::vector<std::string>& 
 
 std::string read_text(const std::filesystem::path& path);
 void write_text(const std::filesystem::path& path, std::string_view text);
+
+// The Error an action raises; a test failure (and an empty Error) if it raises none.
+Error caught(const std::function<void()>& action);
+// Expects the action to raise exactly this code and message.
+void expect_error(const std::function<void()>& action, const std::string& code, const std::string& message);
 
 std::filesystem::path source_dir();
 std::filesystem::path binary_dir();
