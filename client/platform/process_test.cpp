@@ -44,7 +44,9 @@ struct Launch {
 };
 
 // The shell itself, as its link would be refused.
-Launch shell(const std::string& script) { return Launch{.path = fs::canonical("/bin/sh"), .arguments = {"-c", script}}; }
+Launch shell(const std::string& script) {
+  return Launch{.path = fs::canonical("/bin/sh"), .arguments = {"-c", script}};
+}
 
 std::vector<std::string> entries_named(const json& environment, const std::string& name) {
   std::vector<std::string> found;
@@ -90,14 +92,17 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
     std::function<void()> call;
     std::string expected;
   } rows[] = {
-      {"no arguments", [&] { process_arguments(0, fitting); }, "argument_encoding: Native command arguments are missing"},
+      {"no arguments", [&] { process_arguments(0, fitting); },
+       "argument_encoding: Native command arguments are missing"},
       {"257 arguments", [&] { process_arguments(257, many.data()); }, "ok"},
-      {"258 arguments", [&] { process_arguments(258, many.data()); }, "argument_limit: Too many native command arguments"},
+      {"258 arguments", [&] { process_arguments(258, many.data()); },
+       "argument_limit: Too many native command arguments"},
       {"missing argument", [&] { process_arguments(3, with_null); }, "argument_limit: Native process text is missing"},
       {"exactly the total", [&] { process_arguments(3, fitting); }, "ok"},
       {"a byte over the total", [&] { process_arguments(3, too_long); },
        "argument_limit: Native process text exceeds its byte bound"},
-      {"invalid key", [] { process_environment("ZORVI-PROBE", 8); }, "environment_key: Native environment key is invalid"},
+      {"invalid key", [] { process_environment("ZORVI-PROBE", 8); },
+       "environment_key: Native environment key is invalid"},
       {"no bound", [] { process_environment("ZORVI_PROBE_VALUE", 0); },
        "environment_limit: Native environment bound is invalid"},
       {"value over the bound", [] { process_environment("ZORVI_PROBE_VALUE", 5); },
@@ -125,10 +130,7 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
       {"interrupt in a shared group", [&] { start([](Launch& l) { l.control = ChildControl::Interrupt; }); },
        "process_control: Only an isolated console launcher child receives interrupt control"},
       {"unenterable directory",
-       [&] {
-         testing::drop_to_nobody();
-         start([&](Launch& l) { l.directory = dir / "locked"; });
-       },
+       [&] { testing::drop_to_nobody(); start([&](Launch& l) { l.directory = dir / "locked"; }); },
        "process_start: Cannot execute the installed game"},
       {"grace beyond two seconds", [] { Launch().start().terminate(2001); },
        "process_wait: Child termination grace must be bounded to two seconds"},
@@ -154,10 +156,7 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
       {"reserved replacement variable", [&] { replace("/bin/true", {}, "/", {{reserved, "1:3"}}); },
        "process_control: Maintenance cannot inherit launcher interrupt authority"},
       {"unenterable replacement directory",
-       [&] {
-         testing::drop_to_nobody();
-         replace("/bin/true", {}, dir / "locked");
-       },
+       [&] { testing::drop_to_nobody(); replace("/bin/true", {}, dir / "locked"); },
        "process_start: Cannot enter the external maintenance runtime"},
       // A failed exec must also leave this process where it was.
       {"refused replacement image",
@@ -173,11 +172,7 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
        "process_start: Cannot replace this process (native error 13)"},
       {"linked folder", [&] { open_directory(dir / "directory-link"); },
        "location_unavailable: Local directory is unavailable"},
-      {"no opener on PATH",
-       [&] {
-         ::setenv("PATH", (dir / "locked").c_str(), 1);
-         open_directory(dir.path());
-       },
+      {"no opener on PATH", [&] { ::setenv("PATH", (dir / "locked").c_str(), 1); open_directory(dir.path()); },
        "desktop_unavailable: No native directory opener is available"},
       {"opener fails",
        [&] {
@@ -237,6 +232,11 @@ TEST(ChildProcess, AStartThatCannotFinishFailsInTheConstructorAndLeavesNoChild) 
     ASSERT_NE(seen, 0U) << row.expected;
     EXPECT_FALSE(testing::pid_exists(static_cast<long>(seen))) << row.expected << ": a child was left behind";
     EXPECT_FALSE(fs::exists(marker)) << row.expected;
+  }
+  try {
+    Launch{.path = dir / "no-execute"}.start();
+  } catch (const Error& error) {
+    EXPECT_EQ(error.details, (std::vector<std::string>{"verify GAME", "repair GAME"}));
   }
 }
 
