@@ -23,15 +23,7 @@ class CryptoRuntime : public ::testing::Environment {
 };
 const auto* const runtime = ::testing::AddGlobalTestEnvironment(new CryptoRuntime);
 
-// "code: message" of the Error that `action` raises, or "ok".
-std::string outcome(const std::function<void()>& action) {
-  try {
-    action();
-    return "ok";
-  } catch (const Error& error) {
-    return error.code + ": " + error.what();
-  }
-}
+using testing::outcome;
 
 std::string pattern(std::size_t size) {
   std::string bytes(size, '\0');

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/test_support.hpp"
+
 #include "client/domain/error.hpp"
 
 namespace zorvi {
@@ -14,17 +16,10 @@ constexpr const char* reserved = "Path uses a reserved platform name";
 constexpr const char* trailing = "Trailing path separator is not allowed";
 constexpr const char* identity = "Game and build IDs use lower-case letters, digits, dots and hyphens";
 
-std::string refusal(const std::function<void()>& call) {
-  try {
-    call();
-    return "ok";
-  } catch (const Error& error) {
-    return error.code + ": " + error.what();
-  }
-}
+using testing::outcome;
 
 std::string relative(const std::string& text, bool portable) {
-  return refusal([&] { validate_relative_path(text, portable); });
+  return outcome([&] { validate_relative_path(text, portable); });
 }
 
 std::string unsafe(const char* message) { return std::string("unsafe_path: ") + message; }
@@ -96,7 +91,7 @@ TEST(Identifier, AlphabetLengthAndDots) {
       {"game.", unsafe(not_portable)},
   };
   for (const auto& [value, expected] : cases) {
-    EXPECT_EQ(refusal([&] { validate_identifier(value); }), expected) << value;
+    EXPECT_EQ(outcome([&] { validate_identifier(value); }), expected) << value;
   }
 }
 
@@ -104,7 +99,7 @@ TEST(NativePath, CarriesUtf8BytesUnchanged) {
   const std::string text = "/tmp/caf\xc3\xa9/\xf0\x9f\x8e\xae";
   EXPECT_EQ(path_utf8(path_from_utf8(text)), text);
   EXPECT_EQ(native_length(text), text.size());
-  EXPECT_EQ(refusal([] { path_from_utf8(std::string("/a\0b", 4)); }), unsafe("Native path contains a NUL byte"));
+  EXPECT_EQ(outcome([] { path_from_utf8(std::string("/a\0b", 4)); }), unsafe("Native path contains a NUL byte"));
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/test_support.hpp"
+
 #include "client/domain/error.hpp"
 #include "client/domain/json.hpp"
 
@@ -13,14 +15,7 @@ const DesktopShortcut sample{"/home/p/.local/share/zorvi/native/bootstrap/bin/zo
 
 json sample_document() { return json::parse(macos_launch_document(sample)); }
 
-std::string outcome(const std::function<void()>& call) {
-  try {
-    call();
-    return "ok";
-  } catch (const Error& error) {
-    return error.code + ": " + error.what();
-  }
-}
+using testing::outcome;
 
 std::string read_outcome(const json& document) {
   return outcome([&] { parse_macos_launch_document(document.dump()); });

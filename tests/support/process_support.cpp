@@ -17,15 +17,6 @@ namespace zorvi::testing {
 
 std::filesystem::path probe_path() { return binary_dir() / "process_probe"; }
 
-std::string outcome(const std::function<void()>& work) {
-  try {
-    work();
-    return "ok";
-  } catch (const Error& error) {
-    return error.code + ": " + error.what();
-  }
-}
-
 std::string in_subprocess(const std::function<std::string()>& work) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return "pipe failed";

@@ -5,13 +5,13 @@
 #include <functional>
 #include <string>
 
+#include "tests/support/test_support.hpp"
+
 namespace zorvi::testing {
 
 // The test child program (tests/programs/process_probe.cpp).
 std::filesystem::path probe_path();
 
-// "ok", or "code: message" of the Error that `work` raised.
-std::string outcome(const std::function<void()>& work);
 
 // Runs `work` in a forked copy of this process and gives back the text it
 // returned (or "exception: what()"), so that a test can change identity,

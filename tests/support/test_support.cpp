@@ -90,6 +90,15 @@ void write_text(const std::filesystem::path& path, std::string_view text) {
   if (!stream) throw std::runtime_error("cannot write " + path.string());
 }
 
+std::string outcome(const std::function<void()>& action) {
+  try {
+    action();
+    return "ok";
+  } catch (const Error& error) {
+    return error.code + ": " + error.what();
+  }
+}
+
 Error caught(const std::function<void()>& action) {
   try {
     action();

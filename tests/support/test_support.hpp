@@ -41,6 +41,9 @@ std::string run_python(std::string_view script, const std::vector<std::string>& 
 std::string read_text(const std::filesystem::path& path);
 void write_text(const std::filesystem::path& path, std::string_view text);
 
+// "code: message" of the Error that `action` raises, or "ok".
+std::string outcome(const std::function<void()>& action);
+
 // The Error an action raises; a test failure (and an empty Error) if it raises none.
 Error caught(const std::function<void()>& action);
 // Expects the action to raise exactly this code and message.
