@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <openssl/ssl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -206,14 +207,22 @@ void limit_to_budget(CURL* handle, HttpsBudget& budget) {
   set(handle, CURLOPT_CONNECTTIMEOUT_MS, std::min(static_cast<long>(left), max_connect_ms));
 }
 
+// curl's OpenSSL backend knows no operating-system store outside Windows;
+// here the system's trust is OpenSSL's default locations, which the
+// distribution fills (and SSL_CERT_FILE or SSL_CERT_DIR may name).
+CURLcode load_system_trust(CURL*, void* context, void*) {
+  return SSL_CTX_set_default_verify_paths(static_cast<SSL_CTX*>(context)) == 1 ? CURLE_OK : CURLE_SSL_CACERT_BADFILE;
+}
+
 // The file path must not leak into a later handle, so curl copies the bundle.
 void select_trust(CURL* handle, const std::filesystem::path& ca_bundle) {
   const auto ok = [&](CURLoption option, auto value) { return curl_easy_setopt(handle, option, value) == CURLE_OK; };
   require(ok(CURLOPT_CAINFO, nullptr) && ok(CURLOPT_CAPATH, nullptr), "ca_bundle",
           "Cannot select the certificate trust source");
   if (ca_bundle.empty()) {
-    require(ok(CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA)), "ca_bundle",
-            "Cannot use the operating system's certificate trust");
+    require(ok(CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA)) &&
+                ok(CURLOPT_SSL_CTX_FUNCTION, load_system_trust),
+            "ca_bundle", "Cannot use the operating system's certificate trust");
     return;
   }
   std::string pem = read_file(ca_bundle, max_ca_bundle);
