@@ -144,10 +144,10 @@ def attack(st, name):
         snap = md["snapshot"].signed
         snap.version += 1
         snap.meta["targets.json"].version -= 1 if name == "rollback-targets" else 0
+        snap.meta.update({"other.json": MetaFile(1)} if name == "mix-and-match" else {})
         data = sign(st, "snapshot")
         stamp.snapshot_meta = MetaFile(snap.version, len(data), {"sha256": hashlib.sha256(data).hexdigest()})
-        if name == "mix-and-match":  # validly signed, but not the snapshot the timestamp names
-            snap.meta["other.json"] = MetaFile(1)
+        if snap.meta.pop("other.json", None):  # validly signed, but not the snapshot the timestamp names
             sign(st, "snapshot")
     stamp.version += -1 if name == "rollback-timestamp" else 1
     if name == "rollback-snapshot":
