@@ -17,8 +17,8 @@ from tuf.api.metadata import DelegatedRole, Delegations, Metadata, MetaFile, Roo
 ONLINE = ("root", "snapshot", "timestamp")  # the roles a publish does not treat as targets
 
 
-def sh(args, data=None):
-    return subprocess.run(args, input=data, capture_output=True, check=True).stdout
+def sh(args):
+    return subprocess.run(args, capture_output=True, check=True).stdout
 
 
 def put(path, data):
@@ -32,11 +32,14 @@ class MlDsaSigner(Signer):
     public_key = from_priv_key_uri = None
 
     def __init__(self, pem):
-        value = {"keytype": "ml-dsa", "scheme": "ml-dsa-65/1", "keyval": {"public": sh(["openssl", "pkey", "-pubout"], pem).decode()}}
-        self.pem, self.public_key = pem, SSlibKey(hashlib.sha256(encode_canonical(value).encode()).hexdigest(), **value)
+        self.pem = pem
+        with tempfile.TemporaryDirectory() as d:  # openssl signs in one shot and wants files
+            put(d + "/key", pem)
+            value = {"keytype": "ml-dsa", "scheme": "ml-dsa-65/1", "keyval": {"public": sh(["openssl", "pkey", "-pubout", "-in", d + "/key"]).decode()}}
+        self.public_key = SSlibKey(hashlib.sha256(encode_canonical(value).encode()).hexdigest(), **value)
 
     def sign(self, payload):
-        with tempfile.TemporaryDirectory() as d:  # one-shot signing: openssl wants files
+        with tempfile.TemporaryDirectory() as d:
             put(d + "/key", self.pem)
             put(d + "/message", b"tuf\x01" + hashlib.sha512(payload).digest())
             return Signature(self.public_key.keyid, sh(["openssl", "pkeyutl", "-sign", "-rawin", "-inkey", d + "/key", "-in", d + "/message"]).hex())
@@ -55,11 +58,6 @@ def signer(key):
 
 def expiry(days=30):
     return datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) + datetime.timedelta(days=days)
-
-
-def save(st):
-    with open(st["dir"] + "/state.pickle", "wb") as out:
-        pickle.dump(st, out)
 
 
 def sign(st, role, keys=None, names=None):
@@ -85,6 +83,18 @@ def publish(st, expired=()):
     save(st)
 
 
+def save(st):
+    with open(st["dir"] + "/state.pickle", "wb") as out:
+        pickle.dump(st, out)
+
+
+def grant(st, role, count):  # fresh keys for a top role, all of them needed
+    st["keys"][role] = [new_key(st["kind"]) for _ in range(int(count))]
+    for key in st["keys"][role]:
+        st["md"]["root"].signed.add_key(signer(key).public_key, role)
+    st["md"]["root"].signed.roles[role].threshold = int(count)
+
+
 def delegate(st, parent, name, kind, values, terminating=""):
     key, owner, values = new_key(st["kind"]), st["md"][parent].signed, values.split(",")
     owner.delegations = owner.delegations or Delegations({}, {})
@@ -102,20 +112,16 @@ def add_target(st, path, size, role="targets"):
 
 
 def build(st, keys="ed25519", threshold="1", roles="0", targets="0", consistent="0"):
-    root, st["kind"], st["keys"], st["revoked"] = Root(expires=expiry(), consistent_snapshot=consistent == "1"), keys, {}, {}
+    st.update(kind=keys, keys={}, revoked={}, md={"root": Metadata(Root(expires=expiry(), consistent_snapshot=consistent == "1"))})
+    st["md"].update({"timestamp": Metadata(Timestamp(expires=expiry())), "snapshot": Metadata(Snapshot(expires=expiry())), "targets": Metadata(Targets(expires=expiry()))})
     for role in ONLINE + ("targets",):
-        st["keys"][role] = [new_key(keys) for _ in range(int(threshold))]
-        for key in st["keys"][role]:
-            root.add_key(signer(key).public_key, role)
-        root.roles[role].threshold = int(threshold)
-    st["md"] = {"root": Metadata(root), "timestamp": Metadata(Timestamp(expires=expiry())), "snapshot": Metadata(Snapshot(expires=expiry())), "targets": Metadata(Targets(expires=expiry()))}
+        grant(st, role, threshold)
     sign(st, "root", names=["1.root.json"])
     # The benchmark's layout: roles by path pattern, the targets spread over them.
     for r in range(int(roles)):
         delegate(st, "targets", f"role{r}", "paths", f"set{r}/*")
     for i in range(int(targets)):
-        r = i % int(roles) if int(roles) else None
-        add_target(st, f"file{i}.bin" if r is None else f"set{r}/file{i}.bin", 64, "targets" if r is None else f"role{r}")
+        add_target(st, f"set{i % int(roles)}/file{i}.bin" if int(roles) else f"file{i}.bin", 64, f"role{i % int(roles)}" if int(roles) else "targets")
     publish(st)
 
 
@@ -123,23 +129,16 @@ def rotate(st, role, count="1"):
     root, signers = st["md"]["root"].signed, list(st["keys"]["root"])
     for key in st["keys"][role]:
         root.revoke_key(signer(key).public_key.keyid, role)
-    st["revoked"][role], st["keys"][role] = st["keys"][role], [new_key(st["kind"]) for _ in range(int(count))]
-    for key in st["keys"][role]:
-        root.add_key(signer(key).public_key, role)
-    root.roles[role].threshold, root.version = int(count), root.version + 1
+    st["revoked"][role] = st["keys"][role]
+    grant(st, role, count)
+    root.version += 1
     # The outgoing root signs its successor, and so does the successor itself.
     sign(st, "root", signers + (st["keys"]["root"] if role == "root" else []), [f"{root.version}.root.json"])
-    publish(st) if role != "root" else save(st)
+    save(st) if role == "root" else publish(st)
 
 
-def attack(st, name):
+def attack(st, name):  # the timestamp changes in every attack, signed by the right keys unless told
     md, stamp = st["md"], st["md"]["timestamp"].signed
-    if name == "long-target":
-        for folder, _, files in os.walk(st["dir"] + "/targets"):
-            for f in files:
-                with open(os.path.join(folder, f), "ab") as out:
-                    out.write(b"!")
-        return
     if name in ("rollback-targets", "mix-and-match"):
         snap = md["snapshot"].signed
         snap.version += 1
@@ -159,8 +158,7 @@ def attack(st, name):
     sign(st, "timestamp", keys, ["timestamp.json"])
     if name == "duplicate-signature":
         doc = md["timestamp"].to_dict()
-        doc["signatures"] *= 2
-        put(st["dir"] + "/metadata/timestamp.json", encode_canonical(doc).encode())
+        put(st["dir"] + "/metadata/timestamp.json", encode_canonical(dict(doc, signatures=doc["signatures"] * 2)).encode())
 
 
 def main(folder, command, *args):

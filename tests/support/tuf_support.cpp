@@ -1,20 +1,21 @@
 #include "tests/support/tuf_support.hpp"
 
+#include <sstream>
+
 #include <gtest/gtest.h>
 
 namespace zorvi::testing {
 
-TufRepository::TufRepository(const std::vector<std::string>& build) {
-  std::vector<std::string> command{"build"};
-  command.insert(command.end(), build.begin(), build.end());
-  run(command);
+TufRepository::TufRepository(const std::string& build) {
+  run("build " + build);
   TufClient::initialize(trust, read_text(repo / "metadata/1.root.json"));
   serve();
 }
 
-void TufRepository::run(const std::vector<std::string>& command) const {
+void TufRepository::run(const std::string& command) const {
   std::vector<std::string> argv{"python3", (source_dir() / "tests/tuf_repository.py").string(), repo.string()};
-  argv.insert(argv.end(), command.begin(), command.end());
+  std::istringstream words(command);
+  for (std::string word; words >> word;) argv.push_back(word);
   const CommandResult result = run_command(argv);
   ASSERT_EQ(result.status, 0) << result.err;
 }

@@ -13,8 +13,8 @@ namespace zorvi::testing {
 // A repository made by tests/tuf_repository.py and served by nginx, and a
 // trust folder that starts from its first root.
 struct TufRepository {
-  explicit TufRepository(const std::vector<std::string>& build = {});
-  void run(const std::vector<std::string>& command) const;  // one more fixture-script command
+  explicit TufRepository(const std::string& build = "");
+  void run(const std::string& command) const;  // one more fixture-script command, words split at blanks
   void serve(const std::string& nginx = "");                 // restarts the server with this configuration
   TufClient client(std::uint64_t rotations = 8, std::uint64_t delegations = 8);
 
