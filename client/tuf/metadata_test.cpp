@@ -32,14 +32,17 @@ json valid(const std::string& role) {
   paths.update({{"name", "project"}, {"paths", {"a/*"}}, {"terminating", false}});
   bins.update({{"name", "bins"}, {"path_hash_prefixes", {"0a"}}, {"terminating", true}});
   const json file = {{"length", 5}, {"hashes", {{"sha256", std::string(64, 'A')}}}, {"custom", json::object()}};
-  if (role == "targets") return document(role, {{"targets", {{"a.txt", file}}}, {"delegations", {{"keys", keys}, {"roles", {paths, bins}}}}});
-  if (role != "root") return document(role, {{"meta", {{role == "timestamp" ? "snapshot.json" : "targets.json", {{"version", 1}}}}}});
+  const json delegations = {{"keys", keys}, {"roles", {paths, bins}}};
+  if (role == "targets") return document(role, {{"targets", {{"a.txt", file}}}, {"delegations", delegations}});
+  const json meta = {{role == "timestamp" ? "snapshot.json" : "targets.json", {{"version", 1}}}};
+  if (role != "root") return document(role, {{"meta", meta}});
   const json roles = {{"root", authority}, {"timestamp", authority}, {"snapshot", authority}, {"targets", authority}};
   return document(role, {{"keys", keys}, {"roles", roles}});
 }
 
 TEST(Metadata, ShapeRefusesEachFaultWithItsOwnCodeAndMessage) {
-  for (const char* role : {"root", "timestamp", "snapshot", "targets"}) EXPECT_EQ(outcome([&] { shape(valid(role), role); }), "ok");
+  for (const char* role : {"root", "timestamp", "snapshot", "targets"})
+    EXPECT_EQ(outcome([&] { shape(valid(role), role); }), "ok") << role;
   const json gone(json::value_t::discarded), none = json::array();
   const json big = {{"keytype", "x"}, {"scheme", "x"}, {"keyval", {{"public", std::string(16385, 'a')}}}};
   // Each row changes one member of a valid document (a discarded value erases it) and names the refusal.
@@ -100,14 +103,16 @@ TEST(Metadata, ShapeRefusesEachFaultWithItsOwnCodeAndMessage) {
 }
 
 TEST(Metadata, TimesAreExactUtcMicrosecondsAndExpiryIsStrict) {
-  const std::string layout = "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp", calendar = "invalid_expiry: Invalid UTC calendar time";
+  const std::string layout = "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp";
+  const std::string calendar = "invalid_expiry: Invalid UTC calendar time";
   const std::vector<std::pair<std::string, std::string>> rows = {
       {"1970-01-01T00:00:00Z", "0"}, {"2030-01-01T00:00:00Z", "1893456000000000"}, {"1969-12-31T23:59:59.999999Z", "-1"},
       {"2030-01-01T00:00:00.123456789Z", "1893456000123456"}, {"2030-01-01T00:00:00.5Z", "1893456000500000"},
-      {"2024-02-29T00:00:00Z", "1709164800000000"}, {"2000-02-29T00:00:00Z", "951782400000000"}, {"9999-12-31T23:59:59Z", "253402300799000000"},
+      {"2024-02-29T00:00:00Z", "1709164800000000"}, {"2000-02-29T00:00:00Z", "951782400000000"},
+      {"9999-12-31T23:59:59Z", "253402300799000000"},
       {"2023-02-29T00:00:00Z", calendar}, {"1900-02-29T00:00:00Z", calendar}, {"2030-02-30T00:00:00Z", calendar},
-      {"2030-01-01T00:00:60Z", calendar}, {"2030-13-01T00:00:00Z", calendar}, {"2030-01-01T24:00:00Z", calendar},
-      {"2030-01-01T00:00:00.Z", layout}, {"2030-01-01T00:00:00.1234567890Z", layout}, {"2030-01-01 00:00:00Z", layout},
+      {"2030-01-01T00:00:60Z", calendar}, {"2030-13-01T00:00:00Z", calendar}, {"2030-01-01T00:00:00.Z", layout},
+      {"2030-01-01T00:00:00.1234567890Z", layout}, {"2030-01-01 00:00:00Z", layout},
       {"2030-01-01T00:00:0aZ", "invalid_expiry: Timestamp fields must contain decimal digits"},
       {"2030-01-01T00:00:00.12a4Z", "invalid_expiry: Invalid fractional second"},
   };
@@ -117,7 +122,8 @@ TEST(Metadata, TimesAreExactUtcMicrosecondsAndExpiryIsStrict) {
     EXPECT_EQ(failure == "ok" ? got : failure, expected) << text;
   }
   EXPECT_EQ(outcome([] { unexpired(valid("root"), 1893455999999999); }), "ok");
-  EXPECT_EQ(outcome([] { unexpired(valid("root"), 1893456000000000); }), "expired_metadata: Repository metadata has expired; previously installed games remain playable");
+  EXPECT_EQ(outcome([] { unexpired(valid("root"), 1893456000000000); }),
+            "expired_metadata: Repository metadata has expired; previously installed games remain playable");
 }
 
 TEST(Metadata, PathPatternsNeverCrossSlashesAndStayLinear) {
@@ -129,27 +135,31 @@ TEST(Metadata, PathPatternsNeverCrossSlashesAndStayLinear) {
       {"[!]", "[!]", false}, {"[!]", "x", true}, {"[!a]", "/", false}, {"[!a]", "b", true}, {"[^a]", "a", false},
       {"[a-c]", "b", true}, {"[a-c]", "d", false}, {"[a-]", "-", true}, {"[\x80-a]", "\xff", true}, {"[a-\x80]", "b", false},
   };
-  for (const auto& [pattern, path, expected] : rows) EXPECT_EQ(path_pattern_matches(pattern, path), expected) << pattern << " " << path;
+  for (const auto& [pattern, path, expected] : rows)
+    EXPECT_EQ(path_pattern_matches(pattern, path), expected) << pattern << " " << path;
   std::string pathological;  // 4,096 bytes of "*a": exponential for a backtracking matcher
   for (int i = 0; i < 2048; ++i) pathological += "*a";
   EXPECT_FALSE(path_pattern_matches(pathological, std::string(4095, 'a') + "b"));
-  EXPECT_EQ(outcome([] { path_pattern_matches("*", std::string(4097, 'a')); }), "size_limit: Delegation pattern exceeds path limit");
+  EXPECT_EQ(outcome([] { path_pattern_matches("*", std::string(4097, 'a')); }),
+            "size_limit: Delegation pattern exceeds path limit");
 }
 
 // Three Ed25519 keys from Python's cryptography, named and signing as a repository would.
 TEST(Metadata, ThresholdCountsDistinctAuthorisedValidSignatures) {
   const json body = valid("snapshot")["signed"];
   const std::string canonical = canonical_json(body);
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(canonical.data());
   const json made = json::parse(testing::run_python(R"(
 import hashlib, json, sys
 from cryptography.hazmat.primitives.asymmetric import ed25519
 def made(private):
-    key = {'keytype': 'ed25519', 'scheme': 'ed25519', 'keyval': {'public': private.public_key().public_bytes_raw().hex()}}
+    public = private.public_key().public_bytes_raw().hex()
+    key = {'keytype': 'ed25519', 'scheme': 'ed25519', 'keyval': {'public': public}}
     keyid = hashlib.sha256(json.dumps(key, sort_keys=True, separators=(',', ':')).encode()).hexdigest()
     return keyid, key, {'keyid': keyid, 'sig': private.sign(bytes.fromhex(sys.argv[1])).hex()}
 rows = [made(ed25519.Ed25519PrivateKey.generate()) for _ in range(3)]
 print(json.dumps({'keys': {keyid: key for keyid, key, _ in rows}, 'sigs': [sig for _, _, sig in rows]})))",
-                                                   {hex(std::span(reinterpret_cast<const std::uint8_t*>(canonical.data()), canonical.size()))}));
+                                                   {hex(std::span(bytes, canonical.size()))}));
   const json &keys = made["keys"], &sigs = made["sigs"];
   const auto check = [&](std::vector<json> signatures, std::vector<json> ids, int threshold, const json& with_keys) {
     const json document = {{"signed", body}, {"signatures", signatures}};
@@ -158,9 +168,11 @@ print(json.dumps({'keys': {keyid: key for keyid, key, _ in rows}, 'sigs': [sig f
   const json a = sigs[0]["keyid"], b = sigs[1]["keyid"], c = sigs[2]["keyid"];
   const json unknown = {{"keyid", h64}, {"sig", "zz"}}, forged = {{"keyid", c}, {"sig", sigs[0]["sig"]}};
   EXPECT_EQ(check({unknown, sigs[0], sigs[1]}, {a, b, c}, 2, keys), "ok");
-  EXPECT_EQ(check({sigs[0], sigs[1], forged}, {a, b, c}, 3, keys), "signature_threshold: Metadata does not meet its authorized signature threshold");
-  EXPECT_EQ(check({sigs[0], sigs[0]}, {a, b, c}, 2, keys), "signature_threshold: Metadata does not meet its authorized signature threshold");
-  EXPECT_EQ(check({sigs[0], sigs[1]}, {a, a}, 2, keys), "invalid_threshold: Signing threshold exceeds unique authorized keys");
+  const std::string short_of = "signature_threshold: Metadata does not meet its authorized signature threshold";
+  EXPECT_EQ(check({sigs[0], sigs[1], forged}, {a, b, c}, 3, keys), short_of);
+  EXPECT_EQ(check({sigs[0], sigs[0]}, {a, b, c}, 2, keys), short_of);
+  EXPECT_EQ(check({sigs[0], sigs[1]}, {a, a}, 2, keys),
+            "invalid_threshold: Signing threshold exceeds unique authorized keys");
   std::string upper = a;
   std::ranges::transform(upper, upper.begin(), ::toupper);
   EXPECT_EQ(check({sigs[0]}, {upper}, 1, {{upper, keys[a.get<std::string>()]}}),
@@ -171,17 +183,19 @@ TEST(Metadata, TargetFileMatchesLengthAndEveryHashExactly) {
   const testing::TempDir directory;
   testing::write_text(directory / "t", "hello");
   std::filesystem::create_symlink(directory / "t", directory / "link");
-  std::string upper = digest("hello", "sha256");
+  const std::string lower = digest("hello", "sha256");
+  std::string upper = lower;
   std::ranges::transform(upper, upper.begin(), ::toupper);
   const auto check = [&](const std::string& name, const std::string& at, const json& value) {
-    json file = {{"length", 5}, {"hashes", {{"sha256", digest("hello", "sha256")}, {"sha512", digest("hello", "sha512")}}}};
+    json file = {{"length", 5}, {"hashes", {{"sha256", lower}, {"sha512", digest("hello", "sha512")}}}};
     if (!at.empty()) file[json::json_pointer(at)] = value;
     return outcome([&] { verify_target_file(directory / name, file, Progress()); });
   };
   EXPECT_EQ(check("t", "", nullptr), "ok");
   EXPECT_EQ(check("t", "/length", 6), "length_mismatch: Target length does not match signed metadata");
-  EXPECT_EQ(check("t", "/hashes/sha512", digest("hellO", "sha512")), "hash_mismatch: Target hash does not match signed metadata");
-  EXPECT_EQ(check("t", "/hashes/sha256", upper), "hash_mismatch: Target hash does not match signed metadata");
+  const std::string mismatch = "hash_mismatch: Target hash does not match signed metadata";
+  EXPECT_EQ(check("t", "/hashes/sha512", digest("hellO", "sha512")), mismatch);
+  EXPECT_EQ(check("t", "/hashes/sha256", upper), mismatch);
   EXPECT_EQ(check("t", "/hashes", json::object()), "invalid_hashes: Target has no authenticated hashes");
   EXPECT_EQ(check("link", "", nullptr), "unsafe_path: Target is not an ordinary file");
   EXPECT_EQ(check("", "", nullptr), "unsafe_path: Target is not an ordinary file");
