@@ -61,8 +61,8 @@ TEST(ResumableDownload, AnAttemptGoesOnFromTheLastProvenCheckpoint) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(repository.out / "a"), {}), 1);
 }
 
-TEST(ResumableDownload, PlainZeroLengthAndFinishedTargets) {
-  TufRepository repository("targets=1");
+TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
+  TufRepository repository("targets=1 consistent=1");
   repository.run("target empty.bin 0");
   TufClient client = repository.client();
   std::string events;

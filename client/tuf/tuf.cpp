@@ -66,7 +66,8 @@ bool delegation_matches(const json& entry, std::string_view path) {
   bool matched = false;
   for (const json& prefix : entry.at("path_hash_prefixes")) {
     const std::string& text = prefix.get_ref<const std::string&>();
-    require(!text.empty() && text.size() <= 64 && lower_hex(text), "invalid_metadata", "Invalid delegation hash prefix");
+    require(!text.empty() && text.size() <= 64 && lower_hex(text), "invalid_metadata",
+            "Invalid delegation hash prefix");
     matched = matched || hashed.starts_with(text);
   }
   return matched;
@@ -165,7 +166,8 @@ void TufClient::update_root() {
     const std::uint64_t version = version_of(root_);
     require(version != std::numeric_limits<std::uint64_t>::max(), "invalid_version",
             "Root version cannot be incremented");
-    const HttpResponse response = metadata_transport_.get(std::to_string(version + 1) + ".root.json", limits_.root_limit);
+    const std::string name = std::to_string(version + 1) + ".root.json";
+    const HttpResponse response = metadata_transport_.get(name, limits_.root_limit);
     if (response.status == 403 || response.status == 404) return;
     require(response.status == 200, "http_status", "Could not download next trusted root");
     json next = parse_json(response.body, bound(limits_.root_limit));
@@ -313,7 +315,8 @@ std::optional<json> TufClient::visit(std::string_view path, const std::string& r
     if (!visited.contains(name)) {
       admit();
       const auto description = described.find(name + ".json");
-      require(description != described.end(), "missing_role", "Delegated role is absent from the authenticated snapshot");
+      require(description != described.end(), "missing_role",
+              "Delegated role is absent from the authenticated snapshot");
       const json child = load_role(name, *description, delegations->at("keys"), entry, "targets");
       if (std::optional<json> found = visit(path, name, child, visited, stop)) return found;
       if (stop) return std::nullopt;
