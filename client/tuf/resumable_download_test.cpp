@@ -1,0 +1,138 @@
+#include <csignal>
+#include <fstream>
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/files_support.hpp"
+#include "tests/support/tuf_support.hpp"
+
+namespace zorvi::testing {
+namespace {
+
+std::filesystem::path marker_in(const std::filesystem::path& folder) {
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    if (entry.path().string().ends_with(".resume.json")) return entry.path();
+  return {};
+}
+
+std::uint64_t received(const std::filesystem::path& folder) {
+  return json::parse(read_text(marker_in(folder))).at("received").get<std::uint64_t>();
+}
+
+Progress stop_at(std::uint64_t bytes) {
+  return [bytes](std::uint64_t done, std::uint64_t) { return done < bytes; };
+}
+
+TEST(ResumableDownload, AnAttemptGoesOnFromTheLastProvenCheckpoint) {
+  TufRepository repository;
+  repository.run("target a/big.bin 10485760");
+  std::uint64_t resumed = 0;
+  std::set<std::uint64_t> seen;  // what the marker said while bytes arrived
+  const auto fetch = [&](std::uint64_t stop) {
+    const Progress progress = [&](std::uint64_t done, std::uint64_t) {
+      seen.insert(received(repository.out / "a"));
+      return done < stop;
+    };
+    const TufDownloadOptions options{"game", [&](const TargetStorageRequest& request) { resumed = request.received; }};
+    return outcome([&] { repository.client().download("a/big.bin", repository.out, progress, {}, options); });
+  };
+  // A failure that is no crash writes a last checkpoint first.
+  EXPECT_EQ(fetch(9u << 20), "cancelled: Transfer cancelled at a safe boundary");
+  const std::uint64_t kept = received(repository.out / "a");
+  EXPECT_GE(kept, 9u << 20);
+  // Kept bytes changed on disk are refused, and nothing is removed.
+  const std::filesystem::path partial = marker_in(repository.out / "a").replace_extension().replace_extension();
+  const auto poke = [&](char byte) { std::fstream(partial, std::ios::in | std::ios::out | std::ios::binary).seekp(1000).put(byte); };
+  const char original = read_text(partial)[1000];
+  poke(static_cast<char>(~original));
+  const std::string before = tree_state(repository.out);
+  EXPECT_EQ(fetch(UINT64_MAX), "download_resume_changed: Recorded partial bytes changed");
+  EXPECT_EQ(tree_state(repository.out), before);
+  poke(original);
+  repository.serve("max_ranges 0;");  // a server that answers the range with the whole file
+  seen.clear();
+  EXPECT_EQ(fetch(UINT64_MAX), "ok");
+  EXPECT_EQ(resumed, kept);
+  EXPECT_TRUE(seen.contains(0));  // the restart wrote a checkpoint of nothing at once
+  EXPECT_EQ(read_text(repository.out / "a/big.bin"), read_text(repository.repo / "targets/a/big.bin"));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(repository.out / "a"), {}), 1);
+}
+
+TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
+  TufRepository repository("targets=1 consistent=1");
+  repository.run("target empty.bin 0");
+  TufClient client = repository.client();
+  std::string events;
+  const TargetObserver observer = [&](std::string_view event, const json&, std::string_view) { events += std::string(event) + " "; };
+  client.download("empty.bin", repository.out, {}, observer, {"game", {}});
+  write_text(repository.out / "file0.bin", "wrong");
+  client.download("file0.bin", repository.out, {}, observer, {});
+  client.download("file0.bin", repository.out, {}, observer, {});
+  EXPECT_EQ(events, "prepared complete prepared complete complete ");
+  EXPECT_EQ(std::filesystem::file_size(repository.out / "empty.bin"), 0u);
+  EXPECT_EQ(read_text(repository.out / "file0.bin"), read_text(repository.repo / "targets/file0.bin"));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(repository.out), {}), 2);
+}
+
+TEST(ResumableDownload, Failures) {
+  TufRepository repository("targets=1");
+  TufClient client = repository.client();
+  const auto get = [&](const std::string& scope, const Progress& progress = {}) {
+    return outcome([&] { client.download("file0.bin", repository.out, progress, {}, {scope, {}}); });
+  };
+  const std::filesystem::path served = repository.repo / "targets/file0.bin", foreign = repository.out / "file0.bin.x.partial.resume.json";
+  const std::string original = read_text(served), mismatch = "hash_mismatch: Target hash does not match signed metadata";
+  EXPECT_EQ(get(std::string(4097, 's')), "size_limit: Download resume scope exceeds its bounded contract");
+  write_text(served, original + "!");
+  EXPECT_EQ(get("s"), "length_mismatch: Server length differs from the authenticated download bound");
+  write_text(served, std::string(64, 'x'));
+  EXPECT_EQ(get(""), mismatch);
+  EXPECT_EQ(get("s"), mismatch);
+  EXPECT_TRUE(std::filesystem::is_empty(repository.out));  // bytes that cannot be right go, with their markers
+  write_text(served, original);
+  write_text(foreign, "{}");
+  EXPECT_EQ(get("s"), "download_resume_state: Unknown resume filename was preserved");
+  std::filesystem::rename(foreign, repository.out / ("file0.bin." + std::string(32, 'a') + ".partial.resume.json"));
+  EXPECT_EQ(get("s"), "download_resume_state: Unknown partial-download state was preserved; clear the disposable cache to retry");
+  std::filesystem::remove_all(repository.out);
+  const auto meddle = [&](std::uint64_t done, std::uint64_t total) {
+    if (done == total) write_text(marker_in(repository.out), "{}");
+    return true;
+  };
+  EXPECT_EQ(get("m", meddle), "download_resume_changed: Resume marker changed before checkpoint");
+  std::filesystem::remove_all(repository.out);
+  // Markers of other scopes are counted; at 32 only a matching one lets a download go on.
+  for (int scope = 0; scope < 32; ++scope) EXPECT_EQ(get(std::to_string(scope), stop_at(0)), "cancelled: Transfer cancelled at a safe boundary");
+  EXPECT_EQ(get("other"), "download_resume_capacity: Retained partial downloads reached their capacity");
+  EXPECT_EQ(get("7"), "ok");
+}
+
+TEST(ResumableDownload, SurvivesKillsOverHttps) {
+  TufRepository repository;
+  repository.run("target big.bin 67108864");
+  const char* configured = std::getenv("ZORVI_TUF_CRASH_ROUNDS");
+  const int rounds = configured != nullptr ? std::atoi(configured) : 3;
+  std::mt19937 random(std::random_device{}());
+  std::string lines;
+  // The last round's server ignores ranges, so the resume starts again from byte 0.
+  for (int round = 0; round <= rounds; ++round) {
+    if (round == rounds) repository.serve("max_ranges 0;");
+    ProgramChild child("tuf_fetch", {repository.trust.string(), repository.server->base_url(),
+                                     repository.server->ca_bundle().string(), repository.out.string(), "big.bin", "16777216"});
+    if (round < rounds) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200 + random() % 800));
+      child.kill(SIGKILL);
+    }
+    child.wait();
+    for (std::string line = child.read_line(); !line.empty(); line = child.read_line()) lines += line + "\n";
+  }
+  EXPECT_TRUE(lines.ends_with("complete\n")) << lines;
+  EXPECT_NE(lines.find("resumed "), std::string::npos) << lines;
+  EXPECT_EQ(read_text(repository.out / "big.bin"), read_text(repository.repo / "targets/big.bin"));
+}
+
+}  // namespace
+}  // namespace zorvi::testing
