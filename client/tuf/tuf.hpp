@@ -81,6 +81,12 @@ public:
 
 private:
   std::int64_t now_micros() const;
+  void update_root();
+  bool take_timestamp(json fresh, const std::string& bytes);
+  bool consistent_snapshot() const;
+  json checked_role(std::string_view bytes, const json& description, const json& keys, const json& authority,
+                    std::string_view type) const;
+  std::string remote_target(std::string_view path, const json& file) const;
 
   std::filesystem::path directory_;
   FileLock lock_;

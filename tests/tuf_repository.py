@@ -1,0 +1,178 @@
+#!/usr/bin/env python3
+# TUF repositories made with python-tuf for tests and benchmarks, and attacks on them:
+#   tuf_repository.py DIR build [keys=ed25519|rsa|ecdsa|ml-dsa] [threshold=N] [roles=N] [targets=N] [consistent=1]
+#   tuf_repository.py DIR delegate PARENT NAME paths|prefixes VALUE[,VALUE...] [terminating]
+#   tuf_repository.py DIR target PATH SIZE [ROLE]
+#   tuf_repository.py DIR rotate ROLE [KEYS]          (the new threshold is KEYS)
+#   tuf_repository.py DIR publish [EXPIRED-ROLE...]
+#   tuf_repository.py DIR attack NAME
+# Metadata is served from DIR/metadata, targets from DIR/targets; keys and documents
+# stay in DIR/state.pickle. Every publish bumps every role but root.
+import datetime, hashlib, os, pickle, subprocess, sys, tempfile
+from cryptography.hazmat.primitives.serialization import load_pem_private_key
+from securesystemslib.formats import encode_canonical
+from securesystemslib.signer import CryptoSigner, Signature, Signer, SSlibKey
+from tuf.api.metadata import DelegatedRole, Delegations, Metadata, MetaFile, Root, Snapshot, TargetFile, Targets, Timestamp
+
+ONLINE = ("root", "snapshot", "timestamp")  # the roles a publish does not treat as targets
+
+
+def sh(args, data=None):
+    return subprocess.run(args, input=data, capture_output=True, check=True).stdout
+
+
+def put(path, data):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as out:
+        out.write(data)
+
+
+class MlDsaSigner(Signer):
+    # python-tuf cannot sign ML-DSA: openssl signs "tuf", 1 and the SHA-512 of the payload.
+    public_key = from_priv_key_uri = None
+
+    def __init__(self, pem):
+        value = {"keytype": "ml-dsa", "scheme": "ml-dsa-65/1", "keyval": {"public": sh(["openssl", "pkey", "-pubout"], pem).decode()}}
+        self.pem, self.public_key = pem, SSlibKey(hashlib.sha256(encode_canonical(value).encode()).hexdigest(), **value)
+
+    def sign(self, payload):
+        with tempfile.TemporaryDirectory() as d:  # one-shot signing: openssl wants files
+            put(d + "/key", self.pem)
+            put(d + "/message", b"tuf\x01" + hashlib.sha512(payload).digest())
+            return Signature(self.public_key.keyid, sh(["openssl", "pkeyutl", "-sign", "-rawin", "-inkey", d + "/key", "-in", d + "/message"]).hex())
+
+
+def new_key(kind):
+    if kind == "ml-dsa":
+        return kind, sh(["openssl", "genpkey", "-algorithm", "ML-DSA-65"])
+    make = {"ed25519": CryptoSigner.generate_ed25519, "ecdsa": CryptoSigner.generate_ecdsa, "rsa": lambda: CryptoSigner.generate_rsa(size=2048)}
+    return kind, make[kind]().private_bytes
+
+
+def signer(key):
+    return MlDsaSigner(key[1]) if key[0] == "ml-dsa" else CryptoSigner(load_pem_private_key(key[1], None))
+
+
+def expiry(days=30):
+    return datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) + datetime.timedelta(days=days)
+
+
+def save(st):
+    with open(st["dir"] + "/state.pickle", "wb") as out:
+        pickle.dump(st, out)
+
+
+def sign(st, role, keys=None, names=None):
+    md = st["md"][role]
+    md.signatures.clear()
+    for key in st["keys"][role] if keys is None else keys:
+        md.sign(signer(key), append=True)
+    for name in names or [f"{role}.json", f"{md.signed.version}.{role}.json"]:
+        put(f"{st['dir']}/metadata/{name}", md.to_bytes())
+    return md.to_bytes()
+
+
+def publish(st, expired=()):
+    md = st["md"]
+    for role in [r for r in md if r not in ONLINE] + ["snapshot", "timestamp"]:
+        md[role].signed.version += 1
+        md[role].signed.expires = expiry(-1 if role in expired else 30)
+        if role == "snapshot":
+            md[role].signed.meta = {f"{r}.json": MetaFile(md[r].signed.version) for r in md if r not in ONLINE}
+        if role == "timestamp":
+            md[role].signed.snapshot_meta = MetaFile(md["snapshot"].signed.version, len(data), {"sha256": hashlib.sha256(data).hexdigest()})
+        data = sign(st, role, names=["timestamp.json"] if role == "timestamp" else None)
+    save(st)
+
+
+def delegate(st, parent, name, kind, values, terminating=""):
+    key, owner, values = new_key(st["kind"]), st["md"][parent].signed, values.split(",")
+    owner.delegations = owner.delegations or Delegations({}, {})
+    owner.delegations.roles[name] = DelegatedRole(name, [], 1, terminating == "terminating", values if kind == "paths" else None, values if kind == "prefixes" else None)
+    owner.add_key(signer(key).public_key, name)
+    st["keys"][name], st["md"][name] = [key], Metadata(Targets(expires=expiry()))
+
+
+def add_target(st, path, size, role="targets"):
+    local = f"{st['dir']}/targets/{path}"
+    put(local, os.urandom(int(size)))
+    info = st["md"][role].signed.targets[path] = TargetFile.from_file(path, local, ["sha256", "sha512"])
+    head, tail = os.path.split(local)  # consistent snapshots fetch "dir/<sha256>.<name>"
+    os.link(local, f"{head}/{info.hashes['sha256']}.{tail}")
+
+
+def build(st, keys="ed25519", threshold="1", roles="0", targets="0", consistent="0"):
+    root, st["kind"], st["keys"], st["revoked"] = Root(expires=expiry(), consistent_snapshot=consistent == "1"), keys, {}, {}
+    for role in ONLINE + ("targets",):
+        st["keys"][role] = [new_key(keys) for _ in range(int(threshold))]
+        for key in st["keys"][role]:
+            root.add_key(signer(key).public_key, role)
+        root.roles[role].threshold = int(threshold)
+    st["md"] = {"root": Metadata(root), "timestamp": Metadata(Timestamp(expires=expiry())), "snapshot": Metadata(Snapshot(expires=expiry())), "targets": Metadata(Targets(expires=expiry()))}
+    sign(st, "root", names=["1.root.json"])
+    # The benchmark's layout: roles by path pattern, the targets spread over them.
+    for r in range(int(roles)):
+        delegate(st, "targets", f"role{r}", "paths", f"set{r}/*")
+    for i in range(int(targets)):
+        r = i % int(roles) if int(roles) else None
+        add_target(st, f"file{i}.bin" if r is None else f"set{r}/file{i}.bin", 64, "targets" if r is None else f"role{r}")
+    publish(st)
+
+
+def rotate(st, role, count="1"):
+    root, signers = st["md"]["root"].signed, list(st["keys"]["root"])
+    for key in st["keys"][role]:
+        root.revoke_key(signer(key).public_key.keyid, role)
+    st["revoked"][role], st["keys"][role] = st["keys"][role], [new_key(st["kind"]) for _ in range(int(count))]
+    for key in st["keys"][role]:
+        root.add_key(signer(key).public_key, role)
+    root.roles[role].threshold, root.version = int(count), root.version + 1
+    # The outgoing root signs its successor, and so does the successor itself.
+    sign(st, "root", signers + (st["keys"]["root"] if role == "root" else []), [f"{root.version}.root.json"])
+    publish(st) if role != "root" else save(st)
+
+
+def attack(st, name):
+    md, stamp = st["md"], st["md"]["timestamp"].signed
+    if name == "long-target":
+        for folder, _, files in os.walk(st["dir"] + "/targets"):
+            for f in files:
+                with open(os.path.join(folder, f), "ab") as out:
+                    out.write(b"!")
+        return
+    if name in ("rollback-targets", "mix-and-match"):
+        snap = md["snapshot"].signed
+        snap.version += 1
+        snap.meta["targets.json"].version -= 1 if name == "rollback-targets" else 0
+        data = sign(st, "snapshot")
+        stamp.snapshot_meta = MetaFile(snap.version, len(data), {"sha256": hashlib.sha256(data).hexdigest()})
+        if name == "mix-and-match":  # validly signed, but not the snapshot the timestamp names
+            snap.meta["other.json"] = MetaFile(1)
+            sign(st, "snapshot")
+    stamp.version += -1 if name == "rollback-timestamp" else 1
+    if name == "rollback-snapshot":
+        stamp.snapshot_meta = MetaFile(stamp.snapshot_meta.version - 1)
+    if name == "freeze":
+        stamp.expires = expiry(-1)
+    keys = {"threshold-short": st["keys"]["timestamp"][1:], "unknown-key": [new_key(st["kind"])],
+            "revoked-key": st["revoked"].get("timestamp"), "duplicate-signature": st["keys"]["timestamp"][:1]}.get(name)
+    sign(st, "timestamp", keys, ["timestamp.json"])
+    if name == "duplicate-signature":
+        doc = md["timestamp"].to_dict()
+        doc["signatures"] *= 2
+        put(st["dir"] + "/metadata/timestamp.json", encode_canonical(doc).encode())
+
+
+def main(folder, command, *args):
+    if command == "build":
+        return build({"dir": folder}, **dict(a.split("=", 1) for a in args))
+    with open(folder + "/state.pickle", "rb") as f:
+        st = pickle.load(f)
+    if command == "publish":
+        return publish(st, args)
+    {"delegate": delegate, "target": add_target, "rotate": rotate, "attack": attack}[command](st, *args)
+    if command in ("delegate", "target"):
+        publish(st)
+
+
+main(*sys.argv[1:])
