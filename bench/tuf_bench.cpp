@@ -116,7 +116,7 @@ start = time.monotonic()
 updater = Updater(directory, base + "metadata/", None, base + "targets/")
 updater.refresh()
 for index in range(count):
-    assert updater.get_targetinfo("files/%d.bin" % index) is not None
+    assert updater.get_targetinfo("set%d/file%d.bin" % (index % 50, index)) is not None
 print(time.monotonic() - start)
 )";
 
@@ -133,7 +133,8 @@ void BM_RefreshAndLookups(benchmark::State& state) {
     Client client(work / "repo", round_dir / "trust", server);
     client.client->refresh();
     for (int index = 0; index < target_count; ++index)
-      benchmark::DoNotOptimize(client.client->target("files/" + std::to_string(index) + ".bin"));
+      benchmark::DoNotOptimize(client.client->target("set" + std::to_string(index % role_count) + "/file" +
+                                                     std::to_string(index) + ".bin"));
     own += seconds_since(start);
     state.PauseTiming();
     fs::create_directories(round_dir / "python");
