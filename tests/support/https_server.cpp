@@ -42,7 +42,8 @@ void stop(pid_t pid) {
 }
 
 // Starts `argv` with its output in `log`, and returns once a TLS handshake
-// with the server on `port` succeeds under `ca`.
+// with the server on `port` succeeds under `ca` (with no `ca`, once a plain
+// HTTP request is answered).
 pid_t start(const std::vector<std::string>& argv, const std::filesystem::path& log, int port,
             const std::filesystem::path& ca) {
   const pid_t pid = ::fork();
@@ -59,10 +60,11 @@ pid_t start(const std::vector<std::string>& argv, const std::filesystem::path& l
   const std::string peer = "127.0.0.1:" + std::to_string(port);
   for (int attempt = 0; attempt < 400; ++attempt) {
     if (::waitpid(pid, nullptr, WNOHANG) != 0) throw std::runtime_error(argv[0] + " ended: " + read_text(log));
-    if (run_command({"openssl", "s_client", "-connect", peer, "-CAfile", ca.string(), "-verify_return_error",
-                     "-brief"})
-            .status == 0)
-      return pid;
+    const std::vector<std::string> probe =
+        ca.empty() ? std::vector<std::string>{"curl", "-s", "-o", "/dev/null", "http://" + peer + "/"}
+                   : std::vector<std::string>{"openssl", "s_client", "-connect", peer, "-CAfile", ca.string(),
+                                              "-verify_return_error", "-brief"};
+    if (run_command(probe).status == 0) return pid;
     std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
   stop(pid);
@@ -85,11 +87,14 @@ TestCertificates::TestCertificates(const std::filesystem::path& directory)
   openssl(server);
 }
 
-HttpsServer::HttpsServer(const std::filesystem::path& root, std::string_view extra_server_config)
-    : certificates_(dir_.path()), port_(free_port()) {
-  const std::string prefix = dir_.path().string();
-  std::filesystem::create_directory(dir_ / "temp");
-  write_text(dir_ / "nginx.conf",
+namespace {
+
+// nginx in the foreground, all its paths in `prefix`, serving `root` on `port`.
+pid_t start_nginx(const TempDir& dir, const std::filesystem::path& root, int port, std::string_view listen_options,
+                  std::string_view server_config, const std::filesystem::path& ca) {
+  const std::string prefix = dir.path().string();
+  std::filesystem::create_directory(dir / "temp");
+  write_text(dir / "nginx.conf",
              "daemon off; master_process off; user root; worker_processes 1;\n"
              "pid " + prefix + "/nginx.pid; error_log " + prefix + "/error.log;\n"
              "events { worker_connections 64; }\n"
@@ -97,13 +102,28 @@ HttpsServer::HttpsServer(const std::filesystem::path& root, std::string_view ext
              "  client_body_temp_path " + prefix + "/temp; proxy_temp_path " + prefix + "/temp;\n"
              "  fastcgi_temp_path " + prefix + "/temp; uwsgi_temp_path " + prefix + "/temp;\n"
              "  scgi_temp_path " + prefix + "/temp;\n"
-             "  server { listen 127.0.0.1:" + std::to_string(port_) + " ssl; root " + root.string() + ";\n"
-             "    ssl_certificate " + certificates_.certificate.string() + ";\n"
-             "    ssl_certificate_key " + certificates_.key.string() + ";\n    " +
-                 std::string(extra_server_config) + "\n  }\n}\n");
-  pid_ = start({"/usr/sbin/nginx", "-p", prefix, "-c", prefix + "/nginx.conf", "-e", prefix + "/error.log"},
-               dir_ / "nginx.out", port_, certificates_.ca);
+             "  server { listen 127.0.0.1:" + std::to_string(port) + std::string(listen_options) +
+                 "; root " + root.string() + ";\n    " + std::string(server_config) + "\n  }\n}\n");
+  return start({"/usr/sbin/nginx", "-p", prefix, "-c", prefix + "/nginx.conf", "-e", prefix + "/error.log"},
+               dir / "nginx.out", port, ca);
 }
+
+}  // namespace
+
+HttpsServer::HttpsServer(const std::filesystem::path& root, std::string_view extra_server_config)
+    : certificates_(dir_.path()), port_(free_port()) {
+  pid_ = start_nginx(dir_, root, port_, " ssl",
+                     "ssl_certificate " + certificates_.certificate.string() + "; ssl_certificate_key " +
+                         certificates_.key.string() + "; " + std::string(extra_server_config),
+                     certificates_.ca);
+}
+
+HttpServer::HttpServer(const std::filesystem::path& root) : port_(free_port()) {
+  pid_ = start_nginx(dir_, root, port_, "", "", {});
+}
+
+HttpServer::~HttpServer() { stop(pid_); }
+std::string HttpServer::base_url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
 
 HttpsServer::~HttpsServer() { stop(pid_); }
 std::string HttpsServer::base_url() const { return "https://127.0.0.1:" + std::to_string(port_) + "/"; }

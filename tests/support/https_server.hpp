@@ -38,6 +38,23 @@ private:
   pid_t pid_ = -1;
 };
 
+// nginx serving `root` over plain HTTP on 127.0.0.1, for clients of outside
+// test suites, which serve no TLS.
+class HttpServer {
+public:
+  explicit HttpServer(const std::filesystem::path& root);
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  std::string base_url() const;  // "http://127.0.0.1:PORT/"
+
+private:
+  TempDir dir_;
+  int port_ = 0;
+  pid_t pid_ = -1;
+};
+
 // tests/hostile_https_server.py answering every GET with `content` in one
 // misbehaviour (its modes are listed in the script) and echoing every POST.
 class HostileServer {
