@@ -91,7 +91,8 @@ TEST(TufClientTool, RefusesWhatItCannotTrust) {
                   (repository.dir / "repo/metadata/1.root.json").string()})
                 .status,
             0);
-  fixture(repository.dir / "repo", {"attack", "long-target"});
+  // A served target longer than its signed length (its hash-named link is the same file).
+  write_text(repository.dir / "repo/targets/a.bin", read_text(repository.dir / "repo/targets/a.bin") + "!");
   const HttpServer server(repository.dir / "repo");
   const std::string trust = (repository.dir / "trust").string();
   const std::string loopback_only = "zorvi: Plain HTTP is allowed only for a loopback repository\n";

@@ -147,6 +147,7 @@ void TufClient::refresh() {
   refreshed_ = false;
   loaded_ = false;
   pending_snapshot_.reset();
+  forget_checked_roles();
   now_ = now_micros();
   update_root();
   // Nothing, not even the timestamp, is judged under an expired root.
@@ -267,6 +268,31 @@ json TufClient::checked_role(std::string_view bytes, const json& description, co
   return document;
 }
 
+void TufClient::forget_checked_roles() {
+  checked_.clear();
+  checked_bytes_ = 0;
+}
+
+json TufClient::remembered_role(std::string_view role, std::string bytes, const json& description, const json& keys,
+                               const json& authority, std::string_view type) {
+  if (const auto known = checked_.find(role); known != checked_.end()) {
+    const CheckedRole& last = known->second;
+    if (last.bytes == bytes && last.now == now_ && last.type == type && last.description == description &&
+        last.authority == authority && last.keys == keys)
+      return last.document;
+    checked_bytes_ -= last.bytes.size();
+    checked_.erase(known);
+  }
+  json document = checked_role(bytes, description, keys, authority, type);
+  // What is remembered stays within a fixed number of document bytes.
+  if (bytes.size() > max_remembered_bytes - checked_bytes_) forget_checked_roles();
+  if (bytes.size() > max_remembered_bytes) return document;
+  checked_bytes_ += bytes.size();
+  checked_.emplace(std::string(role),
+                   CheckedRole{std::move(bytes), description, keys, authority, std::string(type), now_, document});
+  return document;
+}
+
 json TufClient::load_role(std::string_view role, const json& description, const json& keys, const json& authority,
                           std::string_view type) {
   require(!role.empty() && role.size() <= max_role_name, "size_limit", "Metadata role name exceeds its bound");
@@ -275,7 +301,7 @@ json TufClient::load_role(std::string_view role, const json& description, const 
   // stale or damaged and is simply fetched again.
   if (present(cache)) {
     try {
-      return checked_role(read_file(cache, limits_.metadata_limit), description, keys, authority, type);
+      return remembered_role(role, read_file(cache, limits_.metadata_limit), description, keys, authority, type);
     } catch (const Error&) {
     } catch (const json::exception&) {
     }

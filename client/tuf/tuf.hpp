@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -86,6 +87,9 @@ private:
   bool consistent_snapshot() const;
   json checked_role(std::string_view bytes, const json& description, const json& keys, const json& authority,
                     std::string_view type) const;
+  void forget_checked_roles();
+  json remembered_role(std::string_view role, std::string bytes, const json& description, const json& keys,
+                       const json& authority, std::string_view type);
   std::string remote_target(std::string_view path, const json& file) const;
 
   std::filesystem::path directory_;
@@ -102,6 +106,21 @@ private:
   bool refreshed_ = false;
   bool loaded_ = false;
   std::optional<std::string> pending_snapshot_;
+
+  // The last document each role's check accepted, with everything the check
+  // read. The check is a pure function of these and of `now_`, so a lookup
+  // that reads the same bytes under the same parent needs no second parse
+  // and signature check.
+  struct CheckedRole {
+    std::string bytes;
+    json description, keys, authority;
+    std::string type;
+    std::int64_t now = 0;
+    json document;
+  };
+  std::map<std::string, CheckedRole, std::less<>> checked_;
+  std::uint64_t checked_bytes_ = 0;
+  static constexpr std::uint64_t max_remembered_bytes = 8 << 20;
 };
 
 // The cache file of a role: "root.json" and the like for the top roles,
