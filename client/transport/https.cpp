@@ -435,7 +435,6 @@ HttpResponse HttpsTransport::get_component(std::string_view name, std::uint64_t 
 
 void HttpsTransport::download(std::string_view path, const std::filesystem::path& destination, std::uint64_t limit,
                               const Progress& progress) {
-  const std::string address = url(path);
   private_directory(std::filesystem::absolute(destination).parent_path());
   // Until `finish`, the file is removed again when this scope is left.
   AllocatedFile file(destination, limit, {});
@@ -444,7 +443,7 @@ void HttpsTransport::download(std::string_view path, const std::filesystem::path
   transfer.total = limit;
   transfer.headers.emplace(limit, 0, false);  // the limit is only an upper bound
   if (reservation_observer) reservation_observer(limit, file.reservation().length);
-  const long status = request(address, ca_bundle_, transfer, download_limit_, nullptr);
+  const long status = request(url(path), ca_bundle_, transfer, download_limit_, nullptr);
   require(status == 200, "http_status", "Download failed with status " + std::to_string(status));
   file.finish(false);
 }

@@ -67,6 +67,8 @@ public:
                  std::shared_ptr<HttpsBudget> budget);
 
   std::string url(std::string_view path) const;
+  // The same encoding, reachable through the class as well.
+  static std::string quote_url(std::string_view text, bool keep_slash) { return zorvi::quote_url(text, keep_slash); }
 
   HttpResponse get(std::string_view path, std::uint64_t limit) override;
   HttpResponse get_component(std::string_view name, std::uint64_t limit) override;
