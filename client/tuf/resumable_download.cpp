@@ -185,13 +185,8 @@ private:
     data_.emplace(join(temporary_), length(file_), ReservationObserver());
   }
 
-  bool marker_unchanged() const {
-    try {
-      return read_file(marker_path_, max_marker) == last_text_;
-    } catch (const Error&) {
-      return false;
-    }
-  }
+  // A marker that cannot be read fails with the read's own error.
+  bool marker_unchanged() const { return read_file(marker_path_, max_marker) == last_text_; }
 
   // The file's bytes are made durable before the marker that describes them.
   void checkpoint() {
