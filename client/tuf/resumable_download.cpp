@@ -55,8 +55,7 @@ void check_resume_state(const json& state, std::string_view temporary) {
                      lower_hex(state.at("prefix_sha256").get_ref<const std::string&>(), 64) &&
                      state.contains("received") && unsigned_at(state.at("received")) && state.contains("identity") &&
                      state.at("identity").is_array() && state.at("identity").size() == 2 &&
-                     std::all_of(state.at("identity").begin(), state.at("identity").end(), unsigned_at) &&
-                     state.contains("authorization");
+                     std::all_of(state.at("identity").begin(), state.at("identity").end(), unsigned_at);
   require(known, "download_resume_state",
           "Unknown partial-download state was preserved; clear the disposable cache to retry");
 
@@ -71,8 +70,7 @@ void check_resume_state(const json& state, std::string_view temporary) {
   validate_relative_path(target, false);
   const bool named = temporary.size() == target.size() + 1 + nonce_length + 8 && temporary.starts_with(target) &&
                      temporary[target.size()] == '.' &&
-                     lower_hex(temporary.substr(target.size() + 1, nonce_length), nonce_length) &&
-                     temporary.ends_with(".partial");
+                     lower_hex(temporary.substr(target.size() + 1, nonce_length), nonce_length);
   require(named, "download_resume_state", "Partial-download nonce differs from its path");
 }
 
@@ -187,13 +185,8 @@ private:
     data_.emplace(join(temporary_), length(file_), ReservationObserver());
   }
 
-  bool marker_unchanged() const {
-    try {
-      return read_file(marker_path_, max_marker) == last_text_;
-    } catch (const Error&) {
-      return false;
-    }
-  }
+  // A marker that cannot be read fails with the read's own error.
+  bool marker_unchanged() const { return read_file(marker_path_, max_marker) == last_text_; }
 
   // The file's bytes are made durable before the marker that describes them.
   void checkpoint() {

@@ -95,8 +95,12 @@ TEST(ResumableDownload, Failures) {
   write_text(served, original);
   write_text(foreign, "{}");
   EXPECT_EQ(get("s"), "download_resume_state: Unknown resume filename was preserved");
-  std::filesystem::rename(foreign, repository.out / ("file0.bin." + std::string(32, 'a') + ".partial.resume.json"));
+  const std::filesystem::path marker = repository.out / ("file0.bin." + std::string(32, 'a') + ".partial.resume.json");
+  std::filesystem::rename(foreign, marker);
   EXPECT_EQ(get("s"), "download_resume_state: Unknown partial-download state was preserved; clear the disposable cache to retry");
+  write_text(marker, R"({"schema_version":1,"kind":"zorvi-target-resume","target":"file0.bin","temporary":"file0.bin.)" + std::string(32, 'a') +
+                         R"(.partial","scope_sha256":")" + std::string(64, '0') + R"(","prefix_sha256":")" + std::string(64, '0') + R"(","received":0,"identity":[0,0],"authorisation":{}})");
+  EXPECT_EQ(get("s"), "download_resume_state: Malformed partial-download state was preserved");
   std::filesystem::remove_all(repository.out);
   const auto meddle = [&](std::uint64_t done, std::uint64_t total) {
     if (done == total) write_text(marker_in(repository.out), "{}");

@@ -223,7 +223,6 @@ void TufClient::load_selected_metadata() {
   json fresh = load_role("snapshot", timestamp_.at("signed").at("meta").at("snapshot.json"), keys,
                          roles.at("snapshot"), "snapshot");
   if (stored) {
-    shape(*stored, "snapshot");
     const json& current = fresh.at("signed").at("meta");
     for (const auto& item : stored->at("signed").at("meta").items()) {
       const auto found = current.find(item.key());
