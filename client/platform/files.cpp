@@ -71,6 +71,14 @@ std::string read_bounded(const std::filesystem::path& path, std::uint64_t limit,
 
 }  // namespace
 
+bool entry_present(const std::filesystem::path& path) {
+  std::error_code error;
+  const auto status = std::filesystem::symlink_status(path, error);
+  if (status.type() == std::filesystem::file_type::not_found) return false;
+  if (error) throw Error("file_read", with_errno("Cannot inspect " + path_utf8(path), error.value()));
+  return true;
+}
+
 std::string read_file(const std::filesystem::path& path, std::uint64_t limit) {
   return read_bounded(path, limit, false, nullptr);
 }

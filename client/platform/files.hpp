@@ -15,6 +15,10 @@ std::string read_file(const std::filesystem::path& path, std::uint64_t limit);
 std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit,
                            std::uint64_t* size = nullptr);
 
+// Whether anything, a symbolic link included, stands at `path`; a failure to
+// look raises instead of reading as absence.
+bool entry_present(const std::filesystem::path& path);
+
 // Flushes to stable storage.
 void sync_file(const std::filesystem::path& path);
 void sync_directory(const std::filesystem::path& path);

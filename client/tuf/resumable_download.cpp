@@ -32,14 +32,6 @@ bool lower_hex(std::string_view text, std::size_t size) {
          std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
-bool present(const std::filesystem::path& path) {
-  std::error_code error;
-  const auto status = std::filesystem::symlink_status(path, error);
-  if (status.type() == std::filesystem::file_type::not_found) return false;
-  if (error) throw Error("file_read", with_errno("Cannot inspect " + path_utf8(path), error.value()));
-  return true;
-}
-
 [[noreturn]] void capacity_reached() {
   throw Error("download_resume_capacity", "Retained partial downloads reached their capacity");
 }
@@ -143,7 +135,7 @@ private:
       validate_target_resume_state(marker.state, marker.temporary);
       // Markers of another scope or of other metadata belong to someone else.
       if (marker.state.at("target") != target_ || marker.state.at("authorization") != authorization_ ||
-          marker.state.at("scope_sha256") != scope_sha256_ || !present(join(marker.temporary)))
+          marker.state.at("scope_sha256") != scope_sha256_ || !entry_present(join(marker.temporary)))
         continue;
       if (!best || marker.state.at("received").get<std::uint64_t>() > best->state.at("received").get<std::uint64_t>())
         best = std::move(marker);
@@ -307,7 +299,7 @@ private:
 
 // The final file counts if it verifies; a cancelled check stops the download.
 bool verified_in_place(const std::filesystem::path& path, const json& file, const Progress& progress) {
-  if (!present(path)) return false;
+  if (!entry_present(path)) return false;
   try {
     verify_target_file(path, file, progress);
     return true;
@@ -353,7 +345,7 @@ std::filesystem::path TufClient::download(std::string_view path, const std::file
   }
   const std::string staging = std::string(path) + "." + random_id() + ".partial";
   const std::filesystem::path staging_path = safe_join(destination, staging, false);
-  require(!present(staging_path), "unsafe_path", "Target staging path must be unused");
+  require(!entry_present(staging_path), "unsafe_path", "Target staging path must be unused");
   const std::string remote = remote_target(path, file);
   if (target_transport_.supports_resumption() && !options.scope.empty()) {
     ResumableTarget(destination, std::string(path), file, final_path, options, progress, observer)

@@ -25,14 +25,6 @@ std::size_t bound(std::uint64_t limit) {
   return static_cast<std::size_t>(std::min<std::uint64_t>(limit, std::numeric_limits<std::size_t>::max()));
 }
 
-bool present(const std::filesystem::path& path) {
-  std::error_code error;
-  const auto status = std::filesystem::symlink_status(path, error);
-  if (status.type() == std::filesystem::file_type::not_found) return false;
-  if (error) throw Error("file_read", with_errno("Cannot inspect " + path_utf8(path), error.value()));
-  return true;
-}
-
 void remove_if_present(const std::filesystem::path& path) {
   std::error_code error;
   std::filesystem::remove(path, error);
@@ -84,7 +76,7 @@ std::filesystem::path role_cache(const std::filesystem::path& directory, std::st
 void TufClient::initialize(const std::filesystem::path& directory, std::string_view root) {
   const FileLock lock(directory / ".lock", false, LockMode::exclusive);
   const auto stored = role_cache(directory, "root");
-  require(!present(stored), "already_initialized", "Trusted root is already initialized");
+  require(!entry_present(stored), "already_initialized", "Trusted root is already initialized");
   self_signed_root(root, first_root_bound);
   atomic_write(stored, root);
 }
@@ -110,7 +102,7 @@ std::int64_t TufClient::now_micros() const {
 // any point leaves either the marker or nothing left to do.
 void TufClient::clear_rotated_state() {
   const auto marker = directory_ / invalidation_marker;
-  if (!present(marker)) return;
+  if (!entry_present(marker)) return;
   remove_if_present(role_cache(directory_, "timestamp"));
   remove_if_present(role_cache(directory_, "snapshot"));
   sync_directory(directory_);
@@ -120,7 +112,7 @@ void TufClient::clear_rotated_state() {
 
 std::optional<json> TufClient::local(std::string_view role) const {
   const auto path = role_cache(directory_, role);
-  if (!present(path)) return std::nullopt;
+  if (!entry_present(path)) return std::nullopt;
   const std::string bytes = read_file(path, limits_.metadata_limit);
   // Trusted state that no longer parses is reported, never silently replaced.
   const auto malformed = [&] {
@@ -214,6 +206,30 @@ bool TufClient::take_timestamp(json fresh, const std::string& bytes) {
   return true;
 }
 
+namespace {
+
+// Every role the stored snapshot knows stays in the new one, at no lower
+// version. A stored snapshot without a readable `meta` is trusted state gone
+// bad: reported, not replaced.
+void require_no_role_rollback(const json& stored, const json& fresh) {
+  const json& current = fresh.at("signed").at("meta");
+  const json* meta = nullptr;
+  if (const auto body = stored.find("signed"); body != stored.end())
+    if (const auto found = body->find("meta"); found != body->end()) meta = &*found;
+  const bool sound = meta != nullptr && meta->is_object() &&
+                     std::all_of(meta->begin(), meta->end(), [](const json& item) { return item.contains("version"); });
+  require(sound, "invalid_trusted_metadata",
+          "Stored snapshot metadata is malformed; preserve and restore trusted state");
+  for (const auto& item : meta->items()) {
+    const auto found = current.find(item.key());
+    require(found != current.end() &&
+                positive_version(found->at("version")) >= positive_version(item.value().at("version")),
+            "rollback", "Snapshot removed or rolled back a known targets role");
+  }
+}
+
+}  // namespace
+
 void TufClient::load_selected_metadata() {
   unexpired(timestamp_, now_);
   pending_snapshot_.reset();
@@ -222,15 +238,7 @@ void TufClient::load_selected_metadata() {
   const json& roles = root_.at("signed").at("roles");
   json fresh = load_role("snapshot", timestamp_.at("signed").at("meta").at("snapshot.json"), keys,
                          roles.at("snapshot"), "snapshot");
-  if (stored) {
-    const json& current = fresh.at("signed").at("meta");
-    for (const auto& item : stored->at("signed").at("meta").items()) {
-      const auto found = current.find(item.key());
-      require(found != current.end() &&
-                  positive_version(found->at("version")) >= positive_version(item.value().at("version")),
-              "rollback", "Snapshot removed or rolled back a known targets role");
-    }
-  }
+  if (stored) require_no_role_rollback(*stored, fresh);
   // Only a snapshot that passed the rollback check is ever stored.
   if (pending_snapshot_) {
     atomic_write(role_cache(directory_, "snapshot"), *pending_snapshot_);
@@ -298,7 +306,7 @@ json TufClient::load_role(std::string_view role, const json& description, const 
   const auto cache = role_cache(directory_, role);
   // Unlike `local`, a cached role that fails its parent's description is
   // stale or damaged and is simply fetched again.
-  if (present(cache)) {
+  if (entry_present(cache)) {
     try {
       return remembered_role(role, read_file(cache, limits_.metadata_limit), description, keys, authority, type);
     } catch (const Error&) {

@@ -118,6 +118,8 @@ TEST(TufClient, Failures) {
     write_text(repository.trust / "snapshot.json", "{");
     EXPECT_EQ(outcome([&] { client.local("snapshot"); }), "invalid_trusted_metadata: Stored snapshot metadata is malformed; preserve and restore trusted state");
   }
+  write_text(repository.trust / "snapshot.json", R"({"signed":{}})");  // parses, but no meta to compare against
+  EXPECT_EQ(outcome([&] { repository.client().target("set0/file0.bin"); }), "invalid_trusted_metadata: Stored snapshot metadata is malformed; preserve and restore trusted state");
   repository.run("rotate timestamp");
   repository.run("rotate timestamp");
   std::filesystem::copy_file(repository.repo / "metadata/3.root.json", repository.repo / "metadata/2.root.json", std::filesystem::copy_options::overwrite_existing);
