@@ -100,8 +100,9 @@ void check_state(const json& state) {
 }
 
 json empty_state() {
-  return {{"schema_version", 1}, {"format", launcher_store_format}, {"generation", 0},  {"active", nullptr},
-          {"rollback", nullptr}, {"candidate", nullptr},            {"attempt", nullptr}, {"failed_candidate", nullptr}};
+  return {{"schema_version", 1}, {"format", launcher_store_format}, {"generation", 0},
+          {"active", nullptr},   {"rollback", nullptr},             {"candidate", nullptr},
+          {"attempt", nullptr},  {"failed_candidate", nullptr}};
 }
 
 // Absolute, weakly canonical and normal, then rebuilt component by component
