@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "client/domain/crypto.hpp"
+#include "client/domain/json.hpp"
+#include "client/domain/launcher_contract.hpp"
+#include "client/platform/native_lock.hpp"
+
+namespace zorvi {
+
+// Bounds of the store's own documents.
+inline constexpr std::size_t max_launcher_state_bytes = 32768;
+inline constexpr std::size_t max_launcher_manifest_bytes = 524288;
+inline constexpr std::size_t max_fallback_versions = 64;
+
+inline constexpr std::string_view launcher_store_format = "zorvi-launcher-store-v1";
+
+// A reference names one launcher version: {manifest_sha256, build_id}.
+json launcher_reference(const std::string& manifest_sha256, const std::string& build_id);
+
+// Shape checks shared by everything that reads references and attempts; a
+// null value is refused. They raise `launcher_state`.
+void reference_shape(const json& reference);
+void nonce_identity(std::string_view nonce);
+
+// The store of verified launcher versions in one data directory, and the
+// small state document naming the active, rollback and candidate versions.
+// A version is named by its manifest's SHA-256 and never changes once stored.
+class LauncherStore {
+public:
+  explicit LauncherStore(const std::filesystem::path& root);
+  // `skip_install_check` lets the installer open a store while it is still
+  // building the installation around it.
+  LauncherStore(const std::filesystem::path& root, bool skip_install_check);
+
+  // Read-only: proves the directories exist, creates nothing, loads the state.
+  static LauncherStore existing(const std::filesystem::path& root);
+  // For a start: touches no directory and reads no state.
+  static LauncherStore for_launch(const std::filesystem::path& root);
+
+  const std::filesystem::path& root() const { return root_; }
+  const std::filesystem::path& launcher_directory() const { return launcher_; }
+
+  // The validated state; a missing document is the empty one, generation 0.
+  json load() const;
+  // Commits `state` with its generation advanced; the caller holds owner().
+  void save(json& state) const;
+  // The lock that serialises every change of the state, retried for 2 seconds.
+  FileLock owner() const;
+
+  // The state with `installed`: whether a version is active.
+  json status() const;
+  // The state, or nothing when its content cannot be understood.
+  std::optional<json> selection() const;
+
+  LauncherManifest manifest(const json& reference) const;
+  std::filesystem::path payload(const json& reference) const;
+
+  // Installs the first launcher of a new data directory as the candidate.
+  json seed_initial(std::string_view manifest_bytes, const std::filesystem::path& archive,
+                    const Progress& progress) const;
+
+  // The newest usable stored version, for when the state cannot be trusted.
+  json fallback_active() const;
+
+private:
+  enum class Opening { create, inspect, launch };
+  LauncherStore(const std::filesystem::path& root, bool skip_install_check, Opening opening);
+
+  std::filesystem::path state_path() const;
+  std::filesystem::path managed(std::string_view relative) const;
+
+  std::filesystem::path root_;
+  std::filesystem::path launcher_;
+};
+
+}  // namespace zorvi
