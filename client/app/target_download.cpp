@@ -151,13 +151,14 @@ void on_resumed(ObserverState& state, const json& file, std::string_view name) {
 }
 
 // A download found already finished in place had its receipt made by an
-// earlier process, which was stopped after the rename: the prepared receipt
-// whose staging file is gone and whose marker describes every byte.
+// earlier process that was stopped after the rename: a prepared receipt of
+// the same authorisation whose staging file is gone. The final file has just
+// been verified against that authorisation, so completing it is true.
 std::string finished_elsewhere(const ObserverState& state, const TargetDownloads& downloads, const json& expected) {
   for (const json& group : downloads.downloads)
     if (same_download(group, expected) && group.at("phase") == "complete") return {};
   for (const json& group : downloads.downloads) {
-    if (!same_download(group, expected) || group.at("resume_files").empty()) continue;
+    if (!same_download(group, expected)) continue;
     const std::string temporary = group.at("receipt").at("temporary").get<std::string>();
     if (!entry_present(safe_join(downloads_of(state.store), temporary, false)))
       return group.at("nonce").get<std::string>();
