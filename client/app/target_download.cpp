@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <cstdint>
 #include <set>
 #include <system_error>
 
@@ -45,9 +46,11 @@ std::vector<std::string> list_directory(const fs::path& directory, std::size_t b
   return names;
 }
 
-bool regular_file(const fs::path& path) {
+bool regular_file(const fs::path& path, std::uintmax_t limit = UINTMAX_MAX) {
   std::error_code error;
-  return fs::symlink_status(path, error).type() == fs::file_type::regular;
+  if (fs::symlink_status(path, error).type() != fs::file_type::regular) return false;
+  const std::uintmax_t size = fs::file_size(path, error);
+  return !error && size <= limit;
 }
 
 json file_text(const fs::path& directory, const std::string& name) {
@@ -142,7 +145,7 @@ void on_resumed(ObserverState& state, const json& file, std::string_view name) {
   const json expected = receipt_for(state.target, file, state.reference, nonce, "prepared");
   const TargetDownloads downloads = target_download_receipts(state.store);
   const json* group = group_of(downloads, nonce);
-  const bool unchanged = group != nullptr && group->at("receipt") == expected &&
+  const bool unchanged = group != nullptr && group->at("phase") == "prepared" && group->at("receipt") == expected &&
                          group->at("receipt_sha256") == digest(expected.dump(), "sha256") &&
                          !group->at("resume_files").empty();
   require(unchanged, "launcher_download_uncertain",
@@ -197,7 +200,7 @@ json target_download_resume_files(const fs::path& store, const json& receipt) {
     require(target_download_resume_file_name(name, leaf), "launcher_download_uncertain",
             "Unknown resume metadata names were preserved");
     const fs::path path = staging.parent_path() / name;
-    require(regular_file(path) && fs::file_size(path) <= max_document, "launcher_download_uncertain",
+    require(regular_file(path, max_document), "launcher_download_uncertain",
             "Unknown resume metadata name or bound was preserved");
     files.push_back(file_text(staging.parent_path(), name));
   }
