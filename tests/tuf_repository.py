@@ -2,7 +2,7 @@
 # TUF repositories made with python-tuf for tests and benchmarks, and attacks on them:
 #   tuf_repository.py DIR build [keys=ed25519|rsa|ecdsa|ml-dsa] [threshold=N] [roles=N] [targets=N] [consistent=1]
 #   tuf_repository.py DIR delegate PARENT NAME paths|prefixes VALUE[,VALUE...] [terminating]
-#   tuf_repository.py DIR target PATH SIZE [ROLE]
+#   tuf_repository.py DIR target PATH SIZE|@FILE [ROLE]    (@FILE: that file's bytes)
 #   tuf_repository.py DIR rotate ROLE [KEYS]          (the new threshold is KEYS)
 #   tuf_repository.py DIR publish [EXPIRED-ROLE...]
 #   tuf_repository.py DIR attack NAME
@@ -105,7 +105,7 @@ def delegate(st, parent, name, kind, values, terminating=""):
 
 def add_target(st, path, size, role="targets"):
     local = f"{st['dir']}/targets/{path}"
-    put(local, os.urandom(int(size)))
+    put(local, open(size[1:], "rb").read() if size.startswith("@") else os.urandom(int(size)))
     info = st["md"][role].signed.targets[path] = TargetFile.from_file(path, local, ["sha256", "sha512"])
     head, tail = os.path.split(local)  # consistent snapshots fetch "dir/<sha256>.<name>"
     os.link(local, f"{head}/{info.hashes['sha256']}.{tail}")

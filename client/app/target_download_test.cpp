@@ -1,0 +1,226 @@
+#include <gtest/gtest.h>
+
+#include "client/app/target_download.hpp"
+#include "client/domain/crypto.hpp"
+#include "tests/support/files_support.hpp"
+#include "tests/support/tuf_support.hpp"
+
+namespace zorvi::testing {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string descriptor = "launcher-linux-x86_64.manifest.json", archive = "launcher.tar.zst", owned = "launcher_download_uncertain|";
+const std::string hex32 = std::string(32, 'e');
+
+// A launcher release manifest naming `bytes` as its archive.
+std::string manifest_for(const std::string& bytes) {
+  return json{{"schema_version", 1}, {"kind", "zorvi-launcher-release"}, {"build_id", "1.0.0"}, {"platform", "linux-x86_64"},
+              {"executable", "bin/zorvi"}, {"expanded_length", 1},
+              {"archive", {{"format", "tar.zst-v1"}, {"target", archive}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}}},
+              {"files", {{{"path", "bin/zorvi"}, {"length", 1}, {"mode", 493}, {"sha256", std::string(64, '0')}}}}}
+      .dump();
+}
+
+json described(const std::string& bytes) {
+  return {{"length", bytes.size()}, {"hashes", {{"sha256", digest(bytes, "sha256")}, {"sha512", digest(bytes, "sha512")}}}};
+}
+
+// A store with `download-intents` and `manifests`, and a published version.
+struct Store {
+  Store() {
+    for (const char* name : {"download-intents", "manifests", "downloads"}) fs::create_directories(dir / name);
+    repository.run("target " + archive + " 3145728");
+    manifest = manifest_for(read_text(repository.repo / "targets" / archive));
+    write_text(repository.dir / "manifest.json", manifest);
+    repository.run("target " + descriptor + " @" + (repository.dir / "manifest.json").string());
+    reference = {{"manifest_sha256", digest(manifest, "sha256")}, {"build_id", "1.0.0"}};
+  }
+  json owner(const std::string& target) const { return target == descriptor ? json() : reference; }
+  // One download as a new process runs it: receipts read, then a new observer.
+  // `killed`: the process dies right after the rename, before its receipt says so.
+  std::string fetch(const std::string& target, std::uint64_t stop = UINT64_MAX, bool killed = false) {
+    return outcome([&] {
+      const TargetObserver receipts = target_download_receipts(dir.path()).observer(target, owner(target));
+      const TargetObserver observer = [&](std::string_view event, const json& file, std::string_view name) {
+        require(!killed || event != "complete", "killed", "killed");
+        receipts(event, file, name);
+      };
+      repository.client().download(target, dir / "downloads", [stop](std::uint64_t done, std::uint64_t) { return done < stop; },
+                                   observer, {launcher_download_resume_scope(target, owner(target)), {}});
+    });
+  }
+  json group(const std::string& target) const {
+    for (const json& entry : target_download_receipts(dir.path()).downloads)
+      if (entry.at("receipt").at("target") == target) return entry;
+    return {};
+  }
+  void observe(const std::string& target, const json& named, const std::string& bytes, const std::string& nonce, bool complete) {
+    const TargetObserver observer = target_download_receipts(dir.path()).observer(target, named);
+    observer("prepared", described(bytes), target + "." + nonce + ".partial");
+    if (complete) observer("complete", described(bytes), "");
+  }
+  std::string scan() const { return error_of([&] { target_download_receipts(dir.path()); }); }
+
+  TufRepository repository;
+  TempDir dir;
+  std::string manifest;
+  json reference;
+};
+
+TEST(TargetDownloads, ReceiptsFollowARealDownloadThroughCancelResumeAndRetirement) {
+  Store store;
+  EXPECT_EQ(store.fetch(descriptor, UINT64_MAX, true), "killed: killed");
+  EXPECT_EQ(store.group(descriptor).at("phase"), "prepared");
+  EXPECT_EQ(store.fetch(descriptor), "ok");
+  EXPECT_EQ(store.fetch(archive, 1 << 20), "cancelled: Transfer cancelled at a safe boundary");
+  EXPECT_EQ(store.group(archive).at("phase"), "prepared");
+  EXPECT_EQ(store.group(archive).at("resume_files").size(), 1u);
+  EXPECT_EQ(store.group(descriptor).at("phase"), "complete");
+  // Only a durable manifest authorises removal.
+  const TargetDownloads downloads = target_download_receipts(store.dir.path());
+  expect_rows({{[&] { downloads.retire(store.reference); }, owned + "Download retirement requires durable matching native manifest authority"}},
+              store.dir.path());
+  EXPECT_EQ(store.fetch(archive), "ok");
+  EXPECT_EQ(store.group(archive).at("phase"), "complete");
+  EXPECT_TRUE(store.group(archive).at("resume_files").empty());
+  write_text(store.dir / "manifests" / (store.reference.at("manifest_sha256").get<std::string>() + ".json"), store.manifest);
+  downloads.retire(store.reference);
+  downloads.retire(store.reference);
+  EXPECT_TRUE(fs::is_empty(store.dir / "download-intents"));
+  EXPECT_TRUE(fs::is_empty(store.dir / "downloads"));
+}
+
+TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
+  Store store;
+  EXPECT_EQ(store.fetch(archive, 1 << 20), "cancelled: Transfer cancelled at a safe boundary");
+  const std::string nonce = store.group(archive).at("nonce"), other = std::string(32, 'f');
+  const fs::path intents = store.dir / "download-intents", receipt_tmp = intents / (nonce + ".json." + hex32 + ".tmp");
+  const std::string prepared = read_text(intents / (nonce + ".json"));
+  std::string complete = prepared;
+  complete.replace(complete.find("prepared"), 8, "complete");
+  const fs::path marker = store.dir / "downloads" / (archive + "." + nonce + ".partial.resume.json");
+  const std::string checkpoint = read_text(marker);
+  // What a kill in the middle of an atomic write leaves: a cut-off temporary.
+  for (std::size_t cut : {std::size_t{0}, std::size_t{9}, complete.size() / 2, complete.size() - 1}) {
+    write_text(receipt_tmp, complete.substr(0, cut));
+    write_text(fs::path(marker.string() + "." + hex32 + ".tmp"), checkpoint.substr(0, cut * checkpoint.size() / complete.size()));
+    EXPECT_EQ(store.group(archive).at("files").size(), 2u);
+    EXPECT_EQ(store.group(archive).at("resume_files").size(), 2u);
+  }
+  std::string lone = prepared.substr(0, prepared.find("\"phase\""));
+  lone.replace(lone.find(nonce), 32, other);
+  write_text(intents / (other + ".json." + hex32 + ".tmp"), lone);
+  EXPECT_EQ(store.scan(), "no error");
+  std::string wrong = complete;
+  wrong[complete.find("zorvi-launcher-download") + 5] = 'X';
+  std::string scope = checkpoint;
+  scope[checkpoint.find("scope_sha256") + 20] ^= 1;
+  lone.replace(lone.find(other), 32, nonce);
+  const std::vector<std::tuple<fs::path, std::string, std::string>> table = {
+      {receipt_tmp, wrong.substr(0, wrong.size() - 2), "Torn receipt write does not match its known download"},
+      {intents / (other + ".json." + hex32 + ".tmp"), lone, "Torn receipt write does not match its known download"},
+      {receipt_tmp, "{\"kind\":", "Unrecognized receipt-write bytes were preserved"},
+      {intents / (nonce + ".json"), prepared.substr(0, 50), "Unrecognized receipt-write bytes were preserved"},
+      {intents / "notes.txt", "", "Unknown download receipt names preserve the target store"},
+      {fs::path(marker.string() + "." + hex32 + ".tmp"), scope.substr(0, scope.size() - 2), "Torn resume write shows a different or future contract"},
+      {marker, checkpoint.substr(0, 40), "Unknown resume-write bytes were preserved"},
+      {fs::path(marker.string() + ".bak"), "", "Unknown resume metadata names were preserved"},
+  };
+  for (const auto& [path, text, message] : table) {
+    SCOPED_TRACE(path.filename().string() + " " + text);
+    const std::string kept = fs::exists(path) ? read_text(path) : std::string();
+    write_text(path, text);
+    const std::string state = tree_state(store.dir.path());
+    EXPECT_EQ(store.scan(), owned + message);
+    EXPECT_EQ(store.fetch(archive), "launcher_download_uncertain: " + message);
+    EXPECT_EQ(tree_state(store.dir.path()), state);
+    if (kept.empty() && path.filename() != nonce + ".json") fs::remove(path); else write_text(path, kept);
+  }
+  EXPECT_EQ(store.fetch(archive), "ok");
+}
+
+TEST(TargetDownloads, Failures) {
+  Store store;
+  const std::string bytes = read_text(store.repository.repo / "targets" / archive), n1(32, '1'), n2(32, '2');
+  const json receipt = {{"schema_version", 1}, {"kind", "zorvi-launcher-download"}, {"nonce", n1}, {"target", archive},
+                        {"temporary", archive + "." + n1 + ".partial"}, {"authorization", described(bytes)},
+                        {"reference", store.reference}, {"phase", "prepared"}};
+  const auto changed = [&](const json& patch) { return [&, patch] { validate_target_download_receipt(receipt.patch(patch)); }; };
+  const auto group = [&](const std::string& nonce, const json& files) { return [=] { parse_target_download_receipt_group(nonce, files); }; };
+  const auto file = [](const std::string& name, const json& document) { return json{{"name", name}, {"text", document.dump()}}; };
+  const std::string marker_name = archive + "." + n1 + ".partial.resume.json";
+  json marker = json::parse(R"({"schema_version":1,"kind":"zorvi-target-resume","identity":[1,2],"received":0})");
+  marker.update({{"target", archive}, {"temporary", archive + "." + n1 + ".partial"}, {"authorization", described(bytes)},
+                 {"prefix_sha256", std::string(64, '0')}, {"scope_sha256", digest(launcher_download_resume_scope(archive, store.reference), "sha256")}});
+  const auto resume = [&](const json& files) { return [&, files] { parse_target_download_resume_files(receipt, files); }; };
+  json other_identity = marker, tmp = marker;
+  other_identity["identity"] = {1, 3};
+  const std::string tmp_name = marker_name + "." + hex32 + ".tmp";
+  const auto observe = [&](const std::string& nonce, const std::string& target = archive) { return [&, nonce, target] { store.observe(target, store.reference, bytes, nonce, false); }; };
+  expect_rows({
+      {changed(R"([{"op":"add","path":"/extra","value":1}])"_json), owned + "Unknown target download receipt was preserved"},
+      {changed(json::array({{{"op", "replace"}, {"path", "/nonce"}, {"value", std::string(32, 'A')}}})), owned + "Unknown target download receipt was preserved"},
+      {changed(R"([{"op":"replace","path":"/temporary","value":"launcher.tar.zst.partial"}])"_json), owned + "Download temporary path differs from its owned nonce"},
+      {changed(R"([{"op":"replace","path":"/authorization/length","value":-1}])"_json), owned + "Download authorization exceeds its known bounds"},
+      {changed(R"([{"op":"add","path":"/authorization/hashes/md5","value":"00"}])"_json), owned + "Download authorization exceeds its known bounds"},
+      {changed(R"([{"op":"replace","path":"/authorization/hashes","value":{"md5":"00"}}])"_json), owned + "Unknown download hash contract was preserved"},
+      {changed(R"([{"op":"replace","path":"/reference","value":null}])"_json), owned + "Archive download has no known manifest identity"},
+      {changed(json::array({{{"op", "replace"}, {"path", "/target"}, {"value", descriptor}}, {{"op", "replace"}, {"path", "/temporary"}, {"value", descriptor + "." + n1 + ".partial"}}})),
+       owned + "Descriptor download must not invent an installed reference"},
+      {group(n1, json::array()), owned + "Invalid frozen download receipt group"},
+      {group(n1, json::array({file(n2 + ".json", receipt)})), owned + "Unknown download receipt write was preserved"},
+      {group(n2, json::array({file(n2 + ".json", receipt)})), owned + "Download receipt filename differs from its ownership identity"},
+      {group(n1, {file(n1 + ".json", receipt), file(n1 + ".json." + hex32 + ".tmp", receipt.patch(R"([{"op":"replace","path":"/authorization/length","value":1}])"_json))}),
+       owned + "Atomic receipt writes disagree about their owned download"},
+      {resume(json::array({file(marker_name, marker), file(tmp_name, other_identity)})), owned + "Resume checkpoints disagree about native file ownership"},
+      {resume(json::array({file(archive + "." + n2 + ".partial.resume.json", marker)})), owned + "Unowned resume evidence was preserved"},
+      {resume(json::array({file(marker_name, marker.patch(R"([{"op":"replace","path":"/scope_sha256","value":"0000000000000000000000000000000000000000000000000000000000000000"}])"_json))})),
+       owned + "Resume metadata differs from its owning receipt"},
+      {resume(json::array({file(marker_name, marker.patch(R"([{"op":"replace","path":"/kind","value":"x"}])"_json))})), owned + "Unknown resume metadata was preserved"},
+      {resume(json(65, file(marker_name, marker))), "size_limit|Frozen resume evidence exceeds its bound"},
+      {observe("not-a-nonce"), owned + "TUF download did not supply its exact owned staging name"},
+      {[&] { target_download_receipts(store.dir.path()).observer(archive, store.reference)("resumed", described(bytes), archive + "." + n1 + ".partial"); },
+       owned + "Resume requires the unchanged prepared receipt and matching checkpoint"},
+      {[&] { target_download_receipts(store.dir.path()).observer(archive, store.reference)("complete", described(bytes), ""); },
+       owned + "Download ownership changed before verification completed"},
+  }, store.dir.path());
+  observe(n1)();
+  expect_rows({{observe(n1), owned + "New download nonce already belongs to retained metadata"}}, store.dir.path());
+  observe(n2, archive + "." + n1 + ".partial")();
+  EXPECT_EQ(store.scan(), owned + "Download target and partial ownership overlap; preserve them");
+  fs::remove(store.dir / "download-intents" / (n2 + ".json"));
+  for (int index = 1; index < 32; ++index) observe(hex(std::vector<std::uint8_t>(16, static_cast<std::uint8_t>(0x40 + index))))();
+  expect_rows({{observe(n2), "launcher_storage_full|Retained download receipts reached their capacity"}}, store.dir.path());
+  for (int index = 32; index <= 64; ++index) write_text(store.dir / "download-intents" / std::to_string(index), "");
+  EXPECT_EQ(store.scan(), "size_limit|Target download receipt count exceeds its scan bound");
+}
+
+TEST(TargetDownloads, RetirementRemovesOnlyWhatTheDurableManifestAuthorises) {
+  Store store;
+  const std::string bytes = read_text(store.repository.repo / "targets" / archive);
+  const fs::path downloads = store.dir / "downloads";
+  write_text(store.dir / "manifests" / (store.reference.at("manifest_sha256").get<std::string>() + ".json"), store.manifest);
+  store.observe(descriptor, json(), store.manifest, std::string(32, 'd'), true);
+  write_text(downloads / descriptor, store.manifest + " ");
+  const TargetDownloads view = target_download_receipts(store.dir.path());
+  const auto retire = [&] { view.retire(store.reference); };
+  expect_rows({{retire, owned + "Descriptor cache differs from its durable manifest"}}, store.dir.path());
+  write_text(downloads / descriptor, store.manifest);
+  store.observe(archive, store.reference, bytes, std::string(32, 'a'), true);
+  write_text(downloads / (archive + "." + std::string(32, 'a') + ".partial"), "");
+  expect_rows({{retire, owned + "A completed download temporary file reappeared"}}, store.dir.path());
+  fs::remove(downloads / (archive + "." + std::string(32, 'a') + ".partial"));
+  write_text(downloads / archive, bytes.substr(1));
+  expect_rows({{retire, owned + "Download ownership changed before retirement"}}, store.dir.path());
+  write_text(downloads / archive, bytes);
+  store.observe(archive, store.reference, bytes.substr(1), std::string(32, 'b'), true);
+  expect_rows({{retire, owned + "Download retirement lost its immutable authority"}}, store.dir.path());
+  fs::remove(store.dir / "download-intents" / (std::string(32, 'b') + ".json"));
+  retire();
+  EXPECT_TRUE(fs::is_empty(downloads));
+  EXPECT_TRUE(fs::is_empty(store.dir / "download-intents"));
+}
+
+}  // namespace
+}  // namespace zorvi::testing
