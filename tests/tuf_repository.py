@@ -105,6 +105,7 @@ def delegate(st, parent, name, kind, values, terminating=""):
 
 def add_target(st, path, size, role="targets"):
     local = f"{st['dir']}/targets/{path}"
+    size = str(size)
     put(local, open(size[1:], "rb").read() if size.startswith("@") else os.urandom(int(size)))
     info = st["md"][role].signed.targets[path] = TargetFile.from_file(path, local, ["sha256", "sha512"])
     head, tail = os.path.split(local)  # consistent snapshots fetch "dir/<sha256>.<name>"

@@ -4,6 +4,7 @@
 
 #include "client/app/target_download.hpp"
 #include "client/app/torn_write.hpp"
+#include "client/domain/launcher_contract.hpp"
 #include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
@@ -54,8 +55,6 @@ bool valid_identifier(const std::string& text) {
 
 // The launcher's signed descriptor is the one target downloaded before any
 // version is known, so its receipt may not name one.
-std::string descriptor_target() { return "launcher-" + native_platform() + ".manifest.json"; }
-
 void check_hashes(const json& hashes) {
   for (const auto& [name, value] : hashes.items()) {
     const std::size_t size = name == "sha256" ? 64 : name == "sha512" ? 128 : 0;
@@ -66,7 +65,7 @@ void check_hashes(const json& hashes) {
 
 void check_reference(const json& receipt) {
   const json& reference = receipt.at("reference");
-  if (receipt.at("target") == descriptor_target()) {
+  if (receipt.at("target") == launcher_manifest_target()) {
     require(reference.is_null(), "launcher_download_uncertain",
             "Descriptor download must not invent an installed reference");
     return;
