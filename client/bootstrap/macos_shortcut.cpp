@@ -19,6 +19,7 @@
 
 #include "client/app/install_guards.hpp"
 #include "client/bootstrap/document_intake.hpp"
+#include "client/bootstrap/launcher_gate.hpp"
 #include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
@@ -136,8 +137,7 @@ DesktopShortcut read_document(const std::filesystem::path& path) {
   const DesktopShortcut shortcut = parse_macos_launch_document(read_file(path, max_launch_document));
   (void)macos_paths::directory_key(shortcut.data_root);
   require_complete_native_install(shortcut.data_root);
-  // The launcher gate belongs here: refuse a profile whose launcher store
-  // holds neither an active nor a candidate launcher.
+  require_startable_launcher(shortcut.data_root);
   return shortcut;
 }
 

@@ -49,10 +49,11 @@ std::string path_of_length(const fs::path& base, std::size_t length, const std::
   return path;
 }
 
+// A profile seeded but never started has a candidate and nothing active.
 TEST(ShortcutHelper, StartsTheBootstrapForEachKindOfDocument) {
   for (const char* game : {"star-harbor", ""}) {
     SCOPED_TRACE(game);
-    HelperInstall install;
+    HelperInstall install("zorvi-shortcut", *game != '\0' ? "active" : "candidate");
     const std::string root = install.root().native();
     const fs::path document = install.document("game.zorvi-launch", game);
     const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}, {"LD_ZORVI_PROBE", "1"}});
@@ -123,6 +124,7 @@ TEST(ShortcutHelper, RefusesDocumentsWithoutStartingAChild) {
   // A data folder reached through a link anyone could have made.
   fs::create_directory_symlink(install.root(), folder / "root-link");
   ASSERT_EQ(::lchown((folder / "root-link").c_str(), 65534, 65534), 0);
+  const HelperInstall rollback_only("zorvi-shortcut", "rollback");
 
   const std::string bound = "Launch-document path exceeds its bound";
   const std::pair<std::string, std::string> cases[] = {
@@ -137,6 +139,8 @@ TEST(ShortcutHelper, RefusesDocumentsWithoutStartingAChild) {
       {install.document("unfinished.zorvi-launch", "g", unfinished), setup_unfinished(unfinished)},
       {install.document("linked.zorvi-launch", "g", folder / "root-link"),
        "macOS setup ancestry is linked, unavailable or changed"},
+      {install.document("rollback.zorvi-launch", "g", rollback_only.root()),
+       "Install a verified launcher in this profile before opening its shortcut"},
   };
   for (const auto& [document, message] : cases) {
     SCOPED_TRACE(document);

@@ -12,18 +12,23 @@
 #include <stdexcept>
 #include <thread>
 
+#include "client/app/launcher.hpp"
 #include "client/platform/macos_shortcuts.hpp"
 
 namespace zorvi::testing {
 namespace fs = std::filesystem;
 
-HelperInstall::HelperInstall(const char* built) {
+HelperInstall::HelperInstall(const char* built, const char* launcher) {
   fs::create_directories(helper().parent_path());
   fs::copy_file(binary_dir() / built, helper());
   fs::copy_file(binary_dir() / "bootstrap_stand_in", bootstrap());
   fs::create_directories(records());
   fs::create_directories(folder() / "documents");
   write_text(hold(), "");
+  const LauncherStore store(root());
+  json state = store.load();
+  state[launcher] = launcher_reference(std::string(64, 'a'), "1.0.0");
+  store.save(state);
 }
 
 fs::path HelperInstall::root() const { return folder() / "Zorvi Data"; }

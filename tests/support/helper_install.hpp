@@ -20,11 +20,15 @@ using Environment = std::map<std::string, std::string>;
 // bundle and the recording stand-in as its bootstrap:
 //   <dir>/Zorvi Data/native/bootstrap/bin/zorvi-bootstrap
 //   <dir>/Zorvi Data/native/bootstrap/bin/ZorviShortcut.app/Contents/MacOS/zorvi-shortcut
+//   <dir>/Zorvi Data/launcher/installation.json
 class HelperInstall {
 public:
   // `built` names the helper build to install: the shipped one, or its test
-  // build that also takes several documents from the environment.
-  explicit HelperInstall(const char* built = "zorvi-shortcut");
+  // build that also takes several documents from the environment. The
+  // launcher state names one version in the field `launcher` ("active",
+  // "candidate", "rollback"); the version itself is not stored, as the
+  // helper reads only the state.
+  explicit HelperInstall(const char* built = "zorvi-shortcut", const char* launcher = "active");
 
   const std::filesystem::path& folder() const { return dir_.path(); }
   std::filesystem::path root() const;       // the data folder
