@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <mutex>
@@ -115,6 +116,12 @@ std::string hex(std::span<const std::uint8_t> bytes) {
   }
   return text;
 }
+
+bool is_lower_hex(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+bool is_lower_hex(std::string_view text, std::size_t length) { return text.size() == length && is_lower_hex(text); }
 
 const EVP_MD* algorithm(std::string_view name) {
   if (name == "sha256") return EVP_sha256();

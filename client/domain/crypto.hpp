@@ -22,6 +22,10 @@ using Progress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
 // Decodes hexadecimal of either case; `maximum` bounds the text, not the result.
 std::vector<std::uint8_t> unhex(std::string_view text, std::size_t maximum);
 std::string hex(std::span<const std::uint8_t> bytes);
+// Only 0-9 and a-f, the form digests, nonces and identifiers take in protocol
+// text; the second form also fixes the length.
+bool is_lower_hex(std::string_view text);
+bool is_lower_hex(std::string_view text, std::size_t length);
 
 // "sha256" or "sha512", spelled exactly so.
 const EVP_MD* algorithm(std::string_view name);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/native_platform.hpp"
@@ -125,11 +126,7 @@ LauncherManifest parse_document(const json& document) {
 }
 
 bool lower_hex(const json& value, std::size_t length) {
-  if (!value.is_string()) return false;
-  const auto& text = value.get_ref<const std::string&>();
-  return text.size() == length && std::all_of(text.begin(), text.end(), [](char c) {
-           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-         });
+  return value.is_string() && is_lower_hex(value.get_ref<const std::string&>(), length);
 }
 
 // The nonce and version digest of an attempt record, each checked for shape

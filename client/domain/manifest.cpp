@@ -5,6 +5,7 @@
 #include <memory>
 #include <string_view>
 
+#include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 
@@ -178,10 +179,7 @@ std::uint64_t size_value(const json& value) {
 
 std::string sha256_value(const json& value) {
   const auto& text = value.get_ref<const std::string&>();
-  const bool lower_hex = text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) {
-                           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-                         });
-  if (!lower_hex) invalid("Manifest needs a lower-case SHA-256 digest");
+  if (!is_lower_hex(text, 64)) invalid("Manifest needs a lower-case SHA-256 digest");
   return text;
 }
 

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 
+#include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/allocated_file.hpp"
@@ -356,11 +357,6 @@ Transfer memory_transfer(std::uint64_t limit, HttpsBudget* budget, const Progres
   return transfer;
 }
 
-bool lower_hex(std::string_view text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char byte) { return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'f'); });
-}
-
 }  // namespace
 
 Transport::~Transport() = default;
@@ -480,7 +476,7 @@ HttpResponse HttpsTransport::post_json(std::string_view path, const json& body, 
 long HttpsTransport::upload_report(std::string_view path, const std::filesystem::path& snapshot, std::uint64_t size,
                                    std::string_view token, const Progress& progress) {
   require(size >= 1 && size <= max_report, "size_limit", "Report upload exceeds 100 MiB");
-  require(token.size() == 64 && lower_hex(token), "crash_ticket", "Upload capability is invalid");
+  require(token.size() == 64 && is_lower_hex(token), "crash_ticket", "Upload capability is invalid");
   struct stat named {};
   require(::lstat(snapshot.c_str(), &named) == 0 && S_ISREG(named.st_mode) &&
               static_cast<std::uint64_t>(named.st_size) == size,

@@ -16,6 +16,7 @@
 #include <regex>
 #pragma GCC diagnostic pop
 
+#include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 
@@ -46,12 +47,6 @@ const std::string& text(const json& value) { return value.get_ref<const std::str
 
 bool is_string_member(const json& object, const char* name) {
   return object.is_object() && object.contains(name) && object[name].is_string();
-}
-
-bool lower_hex(std::string_view value) {
-  for (const char c : value)
-    if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
-  return true;
 }
 
 bool any_hex(std::string_view value) {
@@ -136,7 +131,7 @@ void selector_shape(const json& role) {
     if (by_paths)
       require(value.size() <= max_path_pattern, "size_limit", "Delegation pattern exceeds path limit");
     else
-      invalid(!value.empty() && value.size() <= max_hash_prefix && lower_hex(value), "Invalid delegation hash prefix");
+      invalid(!value.empty() && value.size() <= max_hash_prefix && is_lower_hex(value), "Invalid delegation hash prefix");
   }
 }
 

@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/allocated_file.hpp"
@@ -27,11 +28,6 @@ constexpr std::size_t max_marker = 16384;
 constexpr std::size_t nonce_length = 32;
 constexpr std::string_view marker_suffix = ".partial.resume.json";
 
-bool lower_hex(std::string_view text, std::size_t size) {
-  return text.size() == size &&
-         std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
-}
-
 [[noreturn]] void capacity_reached() {
   throw Error("download_resume_capacity", "Retained partial downloads reached their capacity");
 }
@@ -43,8 +39,8 @@ void check_resume_state(const json& state, std::string_view temporary) {
                      state.at("schema_version").is_number_integer() && state.at("schema_version") == 1 &&
                      state.contains("kind") && state.at("kind") == "zorvi-target-resume" && text("target") &&
                      text("temporary") && state.at("temporary") == temporary && text("scope_sha256") &&
-                     lower_hex(state.at("scope_sha256").get_ref<const std::string&>(), 64) && text("prefix_sha256") &&
-                     lower_hex(state.at("prefix_sha256").get_ref<const std::string&>(), 64) &&
+                     is_lower_hex(state.at("scope_sha256").get_ref<const std::string&>(), 64) && text("prefix_sha256") &&
+                     is_lower_hex(state.at("prefix_sha256").get_ref<const std::string&>(), 64) &&
                      state.contains("received") && unsigned_at(state.at("received")) && state.contains("identity") &&
                      state.at("identity").is_array() && state.at("identity").size() == 2 &&
                      std::all_of(state.at("identity").begin(), state.at("identity").end(), unsigned_at);
@@ -62,7 +58,7 @@ void check_resume_state(const json& state, std::string_view temporary) {
   validate_relative_path(target, false);
   const bool named = temporary.size() == target.size() + 1 + nonce_length + 8 && temporary.starts_with(target) &&
                      temporary[target.size()] == '.' &&
-                     lower_hex(temporary.substr(target.size() + 1, nonce_length), nonce_length);
+                     is_lower_hex(temporary.substr(target.size() + 1, nonce_length), nonce_length);
   require(named, "download_resume_state", "Partial-download nonce differs from its path");
 }
 
@@ -128,7 +124,7 @@ private:
       if (!name.starts_with(base) || !name.ends_with(marker_suffix)) continue;
       if (++markers > max_markers) capacity_reached();
       const std::string nonce = name.substr(base.size(), nonce_length);
-      require(name.size() == base.size() + nonce_length + marker_suffix.size() && lower_hex(nonce, nonce_length),
+      require(name.size() == base.size() + nonce_length + marker_suffix.size() && is_lower_hex(nonce, nonce_length),
               "download_resume_state", "Unknown resume filename was preserved");
       Marker marker{target_ + "." + nonce + ".partial", json(), read_file(it->path(), max_marker)};
       marker.state = parse_json(marker.text, max_marker);

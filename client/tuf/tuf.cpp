@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/files.hpp"
@@ -42,10 +43,6 @@ json self_signed_root(std::string_view bytes, std::size_t parse_bound) {
   return document;
 }
 
-bool lower_hex(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
-}
-
 // Hash-prefix delegations split a namespace by the SHA-256 of each path, so
 // that no single role has to list every target.
 bool delegation_matches(const json& entry, std::string_view path) {
@@ -58,7 +55,7 @@ bool delegation_matches(const json& entry, std::string_view path) {
   bool matched = false;
   for (const json& prefix : entry.at("path_hash_prefixes")) {
     const std::string& text = prefix.get_ref<const std::string&>();
-    require(!text.empty() && text.size() <= 64 && lower_hex(text), "invalid_metadata",
+    require(!text.empty() && text.size() <= 64 && is_lower_hex(text), "invalid_metadata",
             "Invalid delegation hash prefix");
     matched = matched || hashed.starts_with(text);
   }
