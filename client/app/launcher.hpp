@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -80,6 +81,36 @@ public:
   // candidate; never activates or starts it. With `optional` (a background
   // check) an update that is pointless right now is a `skipped` result.
   json stage(TufClient& tuf, const Progress& progress, const LauncherPhase& phase, bool optional) const;
+
+  // Startup attempts: the durable record of one version being tried, and the
+  // files of its handshake with the launcher (launcher_attempts.cpp). Except
+  // for the paths and the guard, the caller holds owner().
+
+  // Ends an attempt left behind by a crash as `failed_candidate`; refuses
+  // with `launcher_running` while a process of that attempt still lives.
+  void recover_attempt() const;
+  // Turns the candidate into an attempt and gives it back; null, writing
+  // nothing, when there is no candidate.
+  json begin_candidate() const;
+
+  // leases/attempts/<nonce>.lock, leases/attempts/<nonce>.json, health/<nonce>.json.
+  std::filesystem::path startup_lease_path(const json& attempt) const;
+  std::filesystem::path startup_ack_path(const json& attempt) const;
+  std::filesystem::path health_path(const json& attempt) const;
+
+  // leases/versions/<manifest_sha256>.lock, taken without waiting. The
+  // exclusive mode, which removal uses, needs a readable contract first.
+  FileLock version_guard(const json& reference, LockMode mode) const;
+
+  // The five ZORVI_LAUNCHER_* variables a candidate is started with.
+  std::map<std::string, std::string> health_environment(const json& attempt, std::string_view interface) const;
+
+  // Makes the attempt's version active once its health, acknowledgement and
+  // files are proved; a failure changes nothing.
+  void confirm_candidate(const json& attempt, const json& health, std::int64_t pid,
+                         std::string_view interface) const;
+  // Ends the attempt with its version in `failed_candidate` under `problem`.
+  void reject_candidate(const json& attempt, std::string_view problem) const;
 
 private:
   enum class Opening { create, inspect, launch };
