@@ -157,7 +157,7 @@ std::map<std::string, std::string> LauncherStore::health_environment(const json&
 void LauncherStore::confirm_candidate(const json& attempt, const json& health, std::int64_t pid,
                                       std::string_view interface) const {
   interface_shape(interface);
-  require(pid != 0, "launcher_health", "Startup PID is invalid");
+  require(pid > 0, "launcher_health", "Startup PID is invalid");
   json state = load();
   require_owned_attempt(state, attempt);
   const json& reference = attempt_reference(attempt);
