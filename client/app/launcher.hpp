@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,6 +15,12 @@
 #include "client/platform/native_lock.hpp"
 
 namespace zorvi {
+
+class TufClient;
+
+// Told which step a staging has reached: "verifying", "downloading",
+// "staging", "activating". The flag is always true.
+using LauncherPhase = std::function<void(std::string_view phase, bool started)>;
 
 // Bounds of the store's own documents.
 inline constexpr std::size_t max_launcher_state_bytes = 32768;
@@ -69,6 +76,11 @@ public:
 
   // The newest usable stored version, for when the state cannot be trusted.
   json fallback_active() const;
+
+  // Brings the repository's launcher onto the disk and names it the
+  // candidate; never activates or starts it. With `optional` (a background
+  // check) an update that is pointless right now is a `skipped` result.
+  json stage(TufClient& tuf, const Progress& progress, const LauncherPhase& phase, bool optional) const;
 
   // Startup attempts: the durable record of one version being tried, and the
   // files of its handshake with the launcher (launcher_attempts.cpp). Except
