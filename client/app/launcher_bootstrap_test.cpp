@@ -13,28 +13,18 @@ namespace zorvi {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::outcome;
-using testing::read_text;
 using testing::TempDir;
 
-struct Version {
-  std::string bytes;
-  fs::path archive;
-  json reference;
-  std::string sha() const { return reference.at("manifest_sha256").get<std::string>(); }
-};
-
 // A data directory whose launcher versions are copies of the stand-in
-// program, and a bootstrap run as a real process against it.
-class Bootstrap {
-public:
-  Bootstrap() : store_(data_, true) { ::setenv("ZORVI_TEST_LAUNCHER_LOG", log_.c_str(), 1); }
+// program, and bootstraps run as real processes against it.
+struct Bootstrap {
+  Bootstrap() { ::setenv("ZORVI_TEST_LAUNCHER_LOG", log.c_str(), 1); }
 
-  Version version(const std::string& build) {
-    const fs::path tree = dir_ / ("tree-" + build), archive = dir_ / (build + ".tar.zst");
+  // Builds a version of the stand-in and stores it as the candidate.
+  json stage(const std::string& build) {
+    const fs::path tree = dir / build, archive = dir / (build + ".tar.zst");
     fs::create_directories(tree / "bin");
-    EXPECT_EQ(testing::run_command({"strip", "-o", (tree / "bin/zorvi").native(),
-                                    (testing::binary_dir() / "launcher_stand_in").native()}).status, 0);
+    testing::run_command({"strip", "-o", tree / "bin/zorvi", testing::binary_dir() / "launcher_stand_in"});
     fs::copy_file(tree / "bin/zorvi", tree / "bin/zorvi-gui");
     testing::pack_tree(tree, archive);
     json document = testing::python_manifest(tree, archive);
@@ -42,155 +32,127 @@ public:
                      {"bootstrap_abi", 1}, {"health_abi", 1}, {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
                      {"staging_abi", 1}, {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1},
                      {"gui_executable", "bin/zorvi-gui"}, {"runtime_helpers", json::array()}});
-    return {document.dump(), archive, launcher_reference(digest(document.dump(), "sha256"), build)};
+    const json reference = launcher_reference(digest(document.dump(), "sha256"), build);
+    atomic_create(store.launcher_directory() / "manifests" / (reference.value("manifest_sha256", "") + ".json"),
+                  document.dump());
+    extract_snapshot(LauncherManifest::parse(document).snapshot, archive, store.payload(reference), {}, nullptr);
+    restage(reference);
+    return reference;
   }
 
-  void seed(const Version& version) { store_.seed_initial(version.bytes, version.archive, {}); }
-
-  // What a staging leaves: the version stored and named as the candidate.
-  void stage(const Version& version) {
-    const fs::path manifest = store_.launcher_directory() / "manifests" / (version.sha() + ".json");
-    if (!fs::exists(manifest)) {
-      atomic_create(manifest, version.bytes);
-      extract_snapshot(LauncherManifest::parse(json::parse(version.bytes)).snapshot, version.archive,
-                       store_.payload(version.reference), {}, nullptr);
-    }
-    const FileLock owner = store_.owner();
-    json state = store_.load();
-    state["candidate"] = version.reference;
-    store_.save(state);
+  // Names an already stored version as the candidate again.
+  void restage(const json& reference) {
+    const FileLock owner = store.owner();
+    json state = store.load();
+    state["candidate"] = reference;
+    store.save(state);
   }
 
-  testing::CommandResult run(const std::string& mode, const std::string& interface, const std::string& limit,
-                             const std::vector<std::string>& arguments = {}) {
+  int run(const std::string& mode, const std::string& interface, const std::string& limit,
+          std::vector<std::string> arguments = {}) {
     ::setenv("ZORVI_TEST_LAUNCHER", mode.c_str(), 1);
-    std::vector<std::string> command{(testing::binary_dir() / "bootstrap_entry").native(), data_.native(), interface, limit};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return testing::run_command(command);
+    arguments.insert(arguments.begin(), {testing::binary_dir() / "bootstrap_entry", data, interface, limit});
+    const testing::CommandResult result = testing::run_command(arguments);
+    err = result.err;
+    return result.status;
   }
 
-  // The launcher's last line in the log: "trial|exec VERSION-DIR ARGS...".
-  std::string last_start() const {
-    std::istringstream lines(read_text(log_));
+  // The forwarded arguments of the last launcher start, proved to be a start
+  // of `reference` under trial ("trial") or in the bootstrap's place ("exec").
+  std::string last_start(std::string prefix, const json& reference) const {
+    std::istringstream lines(testing::read_text(log));
     std::string line, last;
     while (std::getline(lines, line)) last = line;
-    return last;
+    // A start outside a trial must see the startup variables cleared.
+    prefix += " " + reference.at("manifest_sha256").get<std::string>() + (prefix == "exec" ? " cleared" : "") +
+              " --data-dir " + data.native();
+    return last.substr(0, prefix.size()) == prefix ? last.substr(prefix.size()) : "unexpected: " + last;
   }
 
-  // The state's active, rollback, attempt, candidate and failed_candidate.
   json slots() const {
-    const json state = store_.load();
+    const json state = store.load();
     return {state["active"], state["rollback"], state["attempt"], state["candidate"], state["failed_candidate"]};
   }
 
-  void backdate_marker(const std::string& sha, int attempts) {
-    replace_private_file(start_marker_path(data_), json({{"manifest_sha256", sha}, {"started_at", std::time(nullptr) - 30},
-                                                         {"attempts", attempts}}).dump());
-  }
-
-  const fs::path& data() const { return data_; }
-  const LauncherStore& store() const { return store_; }
-
-private:
-  TempDir dir_;
-  fs::path data_ = fs::canonical(dir_.path()) / "data", log_ = dir_ / "log";
-  LauncherStore store_;
+  TempDir dir;
+  fs::path data = fs::canonical(dir.path()) / "data", log = dir / "log";
+  LauncherStore store{data, true};
+  std::string err;
 };
 
-json failed(const Version& version) { return {{"reference", version.reference}, {"problem", "startup_failed"}}; }
+json failed(const json& reference) { return {{"reference", reference}, {"problem", "startup_failed"}}; }
 
-// Candidates tried under supervision: the first gets 30 seconds whatever the
-// caller's limit, a confirmed one becomes active with the old one as
-// rollback, and every way of failing leaves the version failed while the
-// active one is started in the bootstrap's place.
+// A first launcher's failure ends the run; retried, it gets 30 seconds
+// whatever the caller's limit. A confirmed candidate becomes active with the
+// old one as rollback; every way of failing records the candidate as failed
+// and starts the active version in the bootstrap's place.
 TEST(LauncherBootstrap, CandidatesAreConfirmedOrFallBackToTheActiveVersion) {
   Bootstrap boot;
-  const Version a = boot.version("1.0.0"), b = boot.version("2.0.0"), c = boot.version("3.0.0");
-  boot.seed(a);
-  testing::CommandResult result = boot.run("slow", "gui", "5", {"--launch", "g"});
-  EXPECT_EQ(result.status, 7) << result.err;
-  EXPECT_EQ(boot.last_start(), "trial " + a.sha() + " --data-dir " + boot.data().native() + " --launch g");
-  EXPECT_EQ(boot.slots(), json({a.reference, nullptr, nullptr, nullptr, nullptr}));
-  boot.stage(b);
-  EXPECT_EQ(boot.run("healthy", "gui", "30000").status, 7);
-  EXPECT_EQ(boot.slots(), json({b.reference, a.reference, nullptr, nullptr, nullptr}));
-  for (const std::string mode : {"crash", "exit", "silent", "drop", "lie"}) {
-    boot.stage(c);
-    result = boot.run(mode, "gui", "1000");
-    EXPECT_EQ(result.status, 5) << mode << result.err;  // the active version's own exit
-    EXPECT_EQ(boot.last_start(), "exec " + b.sha() + " cleared --data-dir " + boot.data().native()) << mode;
-    EXPECT_EQ(boot.slots(), json({b.reference, a.reference, nullptr, nullptr, failed(c)})) << mode;
-  }
-  boot.stage(c);  // reports and exits at once: entitled to let its lease go
-  EXPECT_EQ(boot.run("quick", "cli", "1000", {"list"}).status, 0);
-  EXPECT_EQ(boot.last_start(), "trial " + c.sha() + " --data-dir " + boot.data().native() + " list");
-  EXPECT_EQ(boot.slots(), json({c.reference, b.reference, nullptr, nullptr, nullptr}));
-}
-
-// With nothing active there is nothing to fall back on: the failure is the
-// run's own, and the version is recorded as failed.
-TEST(LauncherBootstrap, AFirstLauncherThatFailsEndsTheRun) {
-  Bootstrap boot;
-  const Version a = boot.version("1.0.0");
-  boot.seed(a);
-  const testing::CommandResult result = boot.run("exit", "gui", "5");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "zorvi: launcher_startup_failed: Launcher candidate exited before initialization\n");
+  const json a = boot.stage("1.0.0");
+  EXPECT_EQ(boot.run("exit", "gui", "5"), 1);
+  EXPECT_EQ(boot.err, "zorvi: launcher_startup_failed: Launcher candidate exited before initialization\n");
   EXPECT_EQ(boot.slots(), json({nullptr, nullptr, nullptr, nullptr, failed(a)}));
+  boot.restage(a);
+  EXPECT_EQ(boot.run("healthy", "gui", "5", {"--launch", "g"}), 7) << boot.err;
+  EXPECT_EQ(boot.last_start("trial", a), " --launch g");
+  const json b = boot.stage("2.0.0");
+  EXPECT_EQ(boot.run("quick", "gui", "30000"), 0);
+  EXPECT_EQ(boot.slots(), json({b, a, nullptr, nullptr, nullptr}));
+  const json c = boot.stage("3.0.0");
+  for (const std::string mode : {"exit", "silent", "drop", "lie"}) {
+    boot.restage(c);
+    EXPECT_EQ(boot.run(mode, "cli", "1000", {"list"}), 5) << mode << boot.err;  // the active version's exit
+    EXPECT_EQ(boot.last_start("exec", b), " list") << mode;
+    EXPECT_EQ(boot.slots(), json({b, a, nullptr, nullptr, failed(c)})) << mode;
+  }
 }
 
-// The GUI's start marker: a start that went unconfirmed for 30 seconds
-// counts, a second such start skips the version, and damaged entry points
-// skip it at once; each time the next version in the list starts instead.
+// The GUI's start marker: a start unconfirmed for 30 seconds counts, a
+// second one skips the version, and so does a damaged entry point.
 TEST(LauncherBootstrap, UnconfirmedAndDamagedVersionsAreSkipped) {
   Bootstrap boot;
-  const Version a = boot.version("1.0.0"), b = boot.version("2.0.0");
-  boot.seed(a);
-  EXPECT_EQ(boot.run("quick", "gui", "1000").status, 0);
-  boot.stage(b);
-  EXPECT_EQ(boot.run("quick", "gui", "1000").status, 0);
-  const auto marker = [&] {
-    const auto read = read_start_marker(boot.data());
-    return read ? json({read->manifest_sha256, read->attempts}) : json();
+  const json a = boot.stage("1.0.0");
+  EXPECT_EQ(boot.run("quick", "gui", "1000"), 0);
+  const json b = boot.stage("2.0.0");
+  EXPECT_EQ(boot.run("quick", "gui", "1000"), 0);
+  const auto started = [&](const json& expected, const std::string& skipped, int attempts) {
+    EXPECT_EQ(boot.run("quick", "gui", "1000", {"--", "--data-dir", "x"}), 5);
+    EXPECT_EQ(boot.err, skipped.empty() ? "" : "zorvi: launcher version unusable (launcher_damaged): " + skipped + "\n");
+    const auto marker = read_start_marker(boot.data);
+    EXPECT_EQ(json({marker->manifest_sha256, marker->attempts}), json({expected["manifest_sha256"], attempts}));
+    return boot.last_start("exec", expected) == " -- --data-dir x";
   };
-  const auto started = [&](const Version& version, const std::string& error) {
-    const testing::CommandResult result = boot.run("quick", "gui", "1000", {"--", "--data-dir", "x"});
-    EXPECT_EQ(result.status, 5);
-    EXPECT_EQ(result.err, error);
-    return boot.last_start() == "exec " + version.sha() + " cleared --data-dir " + boot.data().native() + " -- --data-dir x";
+  const auto backdate = [&](const json& version, int attempts) {
+    replace_private_file(start_marker_path(boot.data), json({{"manifest_sha256", version["manifest_sha256"]},
+                         {"started_at", std::time(nullptr) - 30}, {"attempts", attempts}}).dump());
   };
-  const std::string unusable = "zorvi: launcher version unusable (launcher_damaged): ";
-  testing::write_text(start_marker_path(boot.data()), "{");  // unreadable: as if absent
-  EXPECT_TRUE(started(b, ""));
-  EXPECT_EQ(marker(), json({b.sha(), 1}));
-  EXPECT_TRUE(started(b, ""));  // younger than 30 seconds: still under way
-  EXPECT_EQ(marker(), json({b.sha(), 1}));
-  boot.backdate_marker(b.sha(), 1);
-  EXPECT_TRUE(started(b, ""));
-  EXPECT_EQ(marker(), json({b.sha(), 2}));
-  boot.backdate_marker(b.sha(), 2);
-  EXPECT_TRUE(started(a, unusable + "This Zorvi version failed to start twice\n"));
-  EXPECT_EQ(marker(), json({a.sha(), 1}));
-  confirm_launcher_start(boot.data());
-  EXPECT_TRUE(marker().is_null());
-  testing::write_text(boot.store().payload(b.reference) / "bin/zorvi-gui", "short");
-  EXPECT_TRUE(started(a, unusable + "Zorvi's files are damaged. Reinstall Zorvi to repair them.\n"));
+  testing::write_text(start_marker_path(boot.data), "{");  // unreadable: as if absent
+  EXPECT_TRUE(started(b, "", 1));
+  EXPECT_TRUE(started(b, "", 1));  // younger than 30 seconds: may still be under way
+  backdate(b, 1);
+  EXPECT_TRUE(started(b, "", 2));
+  backdate(b, 2);
+  EXPECT_TRUE(started(a, "This Zorvi version failed to start twice", 1));
+  confirm_launcher_start(boot.data);
+  EXPECT_FALSE(read_start_marker(boot.data));
+  testing::write_text(boot.store.payload(b) / "bin/zorvi-gui", "short");
+  EXPECT_TRUE(started(a, "Zorvi's files are damaged. Reinstall Zorvi to repair them.", 1));
 }
 
-// Refusals of a run that never gets as far as starting anything.
+// Refusals of runs that never start anything; the store holds no version.
 TEST(LauncherBootstrap, RefusedRuns) {
   TempDir dir;
   const LauncherStore store(dir / "data", true);
   const NativeFileLock lifetime(dir / "lifetime.lock", true, NativeLockSharing::exclusive_install, LockMode::shared);
   const auto run = [&](const char* interface, std::int64_t limit, const std::vector<std::string>& arguments) {
-    return outcome([&] { run_launcher_bootstrap(dir / "data", interface, arguments, limit, lifetime); });
+    return testing::outcome([&] { run_launcher_bootstrap(dir / "data", interface, arguments, limit, lifetime); });
   };
+  const std::string limit = "launcher_health: Launcher startup limit must be bounded to 30 seconds";
   const std::string nothing = "launcher_damaged: No installed Zorvi version could be started";
   const std::string usage = "usage: Set the data directory on the native bootstrap, before forwarded arguments";
   const struct { std::string got, expected; } rows[] = {
-      {run("gui", 0, {}), "launcher_health: Launcher startup limit must be bounded to 30 seconds"},
-      {run("gui", 30001, {}), "launcher_health: Launcher startup limit must be bounded to 30 seconds"},
-      {run("tui", 1000, {}), "launcher_interface: Choose the CLI or GUI launcher interface"},
+      {run("gui", 0, {}), limit},
+      {run("gui", 30001, {}), limit},
       {run("gui", 1000, {"--launch", "--data-dir"}), usage},
       {run("cli", 1000, {"--data-dir", "x", "list"}), usage},
       {run("cli", 1000, {"--json", "self", "uninstall"}), "maintenance_failed: Maintenance commands are not available in this build"},
@@ -201,9 +163,6 @@ TEST(LauncherBootstrap, RefusedRuns) {
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(run("cli", 1000, {"--json", "--help"}), "ok");
   EXPECT_EQ(json::parse(::testing::internal::GetCapturedStdout()).value("kind", ""), "help");
-  EXPECT_EQ(launcher_arguments(dir / "x/../data", {"a"}),
-            (std::vector<std::string>{"--data-dir", (dir / "data").native(), "a"}));
-  EXPECT_EQ(cleared_startup_environment().size(), 5U);
 }
 
 }  // namespace
