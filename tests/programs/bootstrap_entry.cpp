@@ -1,0 +1,18 @@
+// bootstrap_entry DATA-DIR cli|gui LIMIT-MS ARGS...: the bootstrap under its
+// lifetime lock, as the real one runs; an Error prints "zorvi: CODE: MESSAGE".
+#include <iostream>
+
+#include "client/app/launcher_bootstrap.hpp"
+#include "client/domain/error.hpp"
+
+int main(int argc, char** argv) {
+  if (argc < 4) return 2;
+  try {
+    const zorvi::NativeFileLock lifetime(std::filesystem::path(argv[1]) / ".native-bootstrap.lock", true,
+                                         zorvi::NativeLockSharing::exclusive_install, zorvi::LockMode::shared);
+    return zorvi::run_launcher_bootstrap(argv[1], argv[2], {argv + 4, argv + argc}, std::stoll(argv[3]), lifetime);
+  } catch (const zorvi::Error& error) {
+    std::cerr << "zorvi: " << error.code << ": " << error.what() << std::endl;
+    return 1;
+  }
+}
