@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "client/app/install_guards.hpp"
+#include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/files.hpp"
@@ -38,14 +39,6 @@ constexpr auto owner_retry = std::chrono::milliseconds(5);
 
 [[noreturn]] void contradictory_state() {
   throw Error("launcher_state", "Launcher candidate/startup state is contradictory");
-}
-
-bool lower_hex(std::string_view text, std::size_t length) {
-  if (text.size() != length) return false;
-  for (char c : text) {
-    if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
-  }
-  return true;
 }
 
 // An object with exactly these keys; anything more is state this build does
@@ -126,7 +119,7 @@ void reference_shape(const json& reference) {
   if (!has_exactly(reference, {"manifest_sha256", "build_id"})) invalid_manifest_identity();
   const json& sha = reference.at("manifest_sha256");
   const json& build = reference.at("build_id");
-  if (!sha.is_string() || !lower_hex(sha.get_ref<const std::string&>(), 64) || !build.is_string())
+  if (!sha.is_string() || !is_lower_hex(sha.get_ref<const std::string&>(), 64) || !build.is_string())
     invalid_manifest_identity();
   try {
     validate_identifier(build.get_ref<const std::string&>());
@@ -136,7 +129,7 @@ void reference_shape(const json& reference) {
 }
 
 void nonce_identity(std::string_view nonce) {
-  require(lower_hex(nonce, 32), "launcher_state", "Launcher startup identity is invalid");
+  require(is_lower_hex(nonce, 32), "launcher_state", "Launcher startup identity is invalid");
 }
 
 LauncherStore::LauncherStore(const fs::path& root) : LauncherStore(root, false, Opening::create) {}

@@ -20,18 +20,13 @@ constexpr std::size_t max_resume_files = 64;
 constexpr std::size_t max_group_files = 64;
 constexpr std::string_view tmp_suffix = ".tmp";
 
-bool lower_hex(std::string_view text, std::size_t size) {
-  return text.size() == size &&
-         std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
-}
-
 [[noreturn]] void uncertain(const std::string& message) { throw Error("launcher_download_uncertain", message); }
 
 // `name` + "." + 32 hexadecimal characters + ".tmp": what `atomic_write` and
 // `atomic_create` leave when they are cut short.
 bool atomic_temporary_of(std::string_view name, std::string_view final_name) {
   return name.size() == final_name.size() + 1 + nonce_length + tmp_suffix.size() && name.starts_with(final_name) &&
-         name[final_name.size()] == '.' && lower_hex(name.substr(final_name.size() + 1, nonce_length), nonce_length) &&
+         name[final_name.size()] == '.' && is_lower_hex(name.substr(final_name.size() + 1, nonce_length), nonce_length) &&
          name.ends_with(tmp_suffix);
 }
 
@@ -58,7 +53,7 @@ bool valid_identifier(const std::string& text) {
 void check_hashes(const json& hashes) {
   for (const auto& [name, value] : hashes.items()) {
     const std::size_t size = name == "sha256" ? 64 : name == "sha512" ? 128 : 0;
-    const bool known = size != 0 && value.is_string() && lower_hex(value.get_ref<const std::string&>(), size);
+    const bool known = size != 0 && value.is_string() && is_lower_hex(value.get_ref<const std::string&>(), size);
     require(known, "launcher_download_uncertain", "Unknown download hash contract was preserved");
   }
 }
@@ -72,7 +67,7 @@ void check_reference(const json& receipt) {
   }
   const bool known = reference.is_object() && reference.size() == 2 && reference.contains("manifest_sha256") &&
                      reference.at("manifest_sha256").is_string() &&
-                     lower_hex(reference.at("manifest_sha256").get_ref<const std::string&>(), 64) &&
+                     is_lower_hex(reference.at("manifest_sha256").get_ref<const std::string&>(), 64) &&
                      reference.contains("build_id") && reference.at("build_id").is_string() &&
                      valid_identifier(reference.at("build_id").get_ref<const std::string&>()) &&
                      receipt.at("authorization").at("hashes").contains("sha256");
@@ -84,7 +79,7 @@ void check_receipt(const json& receipt) {
   const bool known = receipt.is_object() && receipt.size() == 8 && receipt.contains("schema_version") &&
                      receipt.at("schema_version").is_number_integer() && receipt.at("schema_version") == 1 &&
                      receipt.contains("kind") && receipt.at("kind") == receipt_kind && text("nonce") &&
-                     lower_hex(receipt.at("nonce").get_ref<const std::string&>(), nonce_length) && text("target") &&
+                     is_lower_hex(receipt.at("nonce").get_ref<const std::string&>(), nonce_length) && text("target") &&
                      valid_path(receipt.at("target")) && text("temporary") && receipt.contains("authorization") &&
                      receipt.contains("reference") && text("phase") &&
                      (receipt.at("phase") == "prepared" || receipt.at("phase") == "complete");
@@ -254,7 +249,7 @@ json parse_resume_files(const json& receipt, const json& files) {
 // later phase, since phases only move from "prepared" to "complete".
 json parse_group(std::string_view nonce, const json& files) {
   const char* shape = "Invalid frozen download receipt group";
-  require(lower_hex(nonce, nonce_length) && files.is_array() && !files.empty(), "launcher_download_uncertain", shape);
+  require(is_lower_hex(nonce, nonce_length) && files.is_array() && !files.empty(), "launcher_download_uncertain", shape);
   const std::vector<FileText> texts = file_texts(files, max_group_files, shape);
   std::optional<json> known;
   const FileText* chosen = nullptr;
