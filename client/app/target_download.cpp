@@ -60,9 +60,11 @@ json file_text(const fs::path& directory, const std::string& name) {
 fs::path downloads_of(const fs::path& store) { return store / "downloads"; }
 fs::path intents_of(const fs::path& store) { return store / "download-intents"; }
 
+// A receipt name is one only for a nonce of 32 lower-case hexadecimal
+// characters; any other name is not ours to group.
 std::string nonce_of(const std::string& name) {
   const std::string nonce = name.substr(0, nonce_length);
-  return target_download_file_name(name, nonce) ? nonce : std::string();
+  return is_lower_hex(nonce, nonce_length) && target_download_file_name(name, nonce) ? nonce : std::string();
 }
 
 void check_ownership_overlap(const json& downloads) {
