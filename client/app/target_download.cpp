@@ -216,13 +216,13 @@ TargetDownloads target_download_receipts(const fs::path& store) {
                                                         "Target download receipt count exceeds its scan bound",
                                                         "Download receipt directory is not an ordinary directory");
   result.entries = names.size();
-  std::map<std::string, json> groups;
-  for (const std::string& name : names) {
-    const std::string nonce = nonce_of(name);
-    require(!nonce.empty() && regular_file(intents / name), "launcher_download_uncertain",
+  // Every name is judged before any file is read, so a foreign name is
+  // reported as such whatever else the directory holds.
+  for (const std::string& name : names)
+    require(!nonce_of(name).empty() && regular_file(intents / name), "launcher_download_uncertain",
             "Unknown download receipt names preserve the target store");
-    groups[nonce].push_back(file_text(intents, name));
-  }
+  std::map<std::string, json> groups;
+  for (const std::string& name : names) groups[nonce_of(name)].push_back(file_text(intents, name));
   for (const auto& [nonce, files] : groups) {
     json group = parse_target_download_receipt_group(nonce, files);
     if (!group.at("receipt").is_null())
