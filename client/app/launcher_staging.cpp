@@ -102,13 +102,15 @@ struct Staging {
     const fs::path archive =
         download_launcher_target(tuf, receipts, snapshot.archive_target, reference, &snapshot, progress);
     keep_manifest(release);
-    if (entry_present(payload))
+    if (entry_present(payload)) {
+      receipts.retire(reference);
       verify_snapshot_tree(snapshot, payload, progress);
-    else
+    } else {
+      // The archive is the extraction's input, so it goes only once the
+      // version it makes is in place.
       assemble(snapshot, reference, archive, payload);
-    // The archive is the extraction's input, so it goes only once the
-    // version it makes is in place.
-    receipts.retire(reference);
+      receipts.retire(reference);
+    }
 
     announce(phase, "activating");
     state["candidate"] = reference;

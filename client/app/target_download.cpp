@@ -60,9 +60,11 @@ json file_text(const fs::path& directory, const std::string& name) {
 fs::path downloads_of(const fs::path& store) { return store / "downloads"; }
 fs::path intents_of(const fs::path& store) { return store / "download-intents"; }
 
+// A receipt name is one only for a nonce of 32 lower-case hexadecimal
+// characters; any other name is not ours to group.
 std::string nonce_of(const std::string& name) {
   const std::string nonce = name.substr(0, nonce_length);
-  return target_download_file_name(name, nonce) ? nonce : std::string();
+  return is_lower_hex(nonce, nonce_length) && target_download_file_name(name, nonce) ? nonce : std::string();
 }
 
 void check_ownership_overlap(const json& downloads) {
@@ -214,13 +216,13 @@ TargetDownloads target_download_receipts(const fs::path& store) {
                                                         "Target download receipt count exceeds its scan bound",
                                                         "Download receipt directory is not an ordinary directory");
   result.entries = names.size();
-  std::map<std::string, json> groups;
-  for (const std::string& name : names) {
-    const std::string nonce = nonce_of(name);
-    require(!nonce.empty() && regular_file(intents / name), "launcher_download_uncertain",
+  // Every name is judged before any file is read, so a foreign name is
+  // reported as such whatever else the directory holds.
+  for (const std::string& name : names)
+    require(!nonce_of(name).empty() && regular_file(intents / name), "launcher_download_uncertain",
             "Unknown download receipt names preserve the target store");
-    groups[nonce].push_back(file_text(intents, name));
-  }
+  std::map<std::string, json> groups;
+  for (const std::string& name : names) groups[nonce_of(name)].push_back(file_text(intents, name));
   for (const auto& [nonce, files] : groups) {
     json group = parse_target_download_receipt_group(nonce, files);
     if (!group.at("receipt").is_null())

@@ -256,9 +256,10 @@ json parse_group(std::string_view nonce, const json& files) {
   std::string phase = "prepared";
   std::vector<const FileText*> torn;
   json summaries = json::array();
-  for (const FileText& file : texts) {
+  for (const FileText& file : texts)
     require(target_download_file_name(file.name, nonce), "launcher_download_uncertain",
             "Unknown download receipt write was preserved");
+  for (const FileText& file : texts) {
     summaries.push_back(summary(file));
     std::optional<json> receipt;
     try {

@@ -123,6 +123,7 @@ TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
       {receipt_tmp, "{\"kind\":", "Unrecognized receipt-write bytes were preserved"},
       {intents / (nonce + ".json"), prepared.substr(0, 50), "Unrecognized receipt-write bytes were preserved"},
       {intents / "notes.txt", "", "Unknown download receipt names preserve the target store"},
+      {intents / (std::string(32, 'E') + ".json"), "", "Unknown download receipt names preserve the target store"},
       {fs::path(marker.string() + "." + hex32 + ".tmp"), scope.substr(0, scope.size() - 2), "Torn resume write shows a different or future contract"},
       {marker, checkpoint.substr(0, 40), "Unknown resume-write bytes were preserved"},
       {fs::path(marker.string() + ".bak"), "", "Unknown resume metadata names were preserved"},
