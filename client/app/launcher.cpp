@@ -53,9 +53,9 @@ bool has_exactly(const json& object, std::initializer_list<const char*> keys) {
 
 void check_attempt(const json& attempt, const json& candidate) {
   if (!attempt.is_object()) malformed_state();
+  nonce_identity(attempt.at("nonce").get<std::string>());
   if (!attempt.contains("reference") || attempt.at("reference").is_null()) contradictory_state();
   if (!has_exactly(attempt, {"nonce", "reference"})) malformed_state();
-  nonce_identity(attempt.at("nonce").get<std::string>());
   reference_shape(attempt.at("reference"));
   if (!candidate.is_null()) contradictory_state();
 }
@@ -77,11 +77,8 @@ void check_state(const json& state) {
     if (!has_exactly(state, {"schema_version", "format", "generation", "active", "rollback", "candidate", "attempt",
                              "failed_candidate"}))
       malformed_state();
-    try {
-      positive_version(state.at("generation"));
-    } catch (const Error&) {
-      malformed_state();
-    }
+    // A stored document has been saved at least once, so never holds 0.
+    positive_version(state.at("generation"));
     for (const char* key : {"active", "rollback", "candidate"}) {
       if (!state.at(key).is_null()) reference_shape(state.at(key));
     }
