@@ -134,8 +134,9 @@ std::optional<ManagedVersion> managed_version(const fs::path& image) {
     if (name.size() != 64 || name_of(versions) != "versions" || name_of(versions.parent_path()) != "launcher")
       return false;
     // Only the store names version folders, and always by a lower-case
-    // digest; anything else there is not one of its versions.
-    if (!is_lower_hex(name, 64)) return false;
+    // digest: another name in their place is a damaged store, not an
+    // unmanaged image.
+    require(is_lower_hex(name, 64), "launcher_state", "Launcher manifest identity is invalid");
     found = ManagedVersion{LauncherStore::for_launch(versions.parent_path().parent_path()).root(), name};
     return true;
   });

@@ -69,6 +69,7 @@ TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {
   const auto launcher = [&](const fs::path& image, const std::map<std::string, std::string>& changes) { return in.run(image, {"launcher", "gui", "1.0.0", in.data}, attempt, changes)->read_line(); };
   const std::pair<std::string, std::string> rows[] = {
       {testing::outcome([&] { managed_version(deep + "z"); }), "launcher_identity: Native executable ancestry exceeds its bound"},
+      {testing::outcome([&] { managed_version("/d/launcher/versions/" + std::string(64, 'A') + "/z"); }), "launcher_state: Launcher manifest identity is invalid"},
       {helper(staged, "crash-handler"), "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
       {launcher(staged, {}), "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
       {helper(crash, "updater"), "launcher_helper: Unsupported native helper role"},
