@@ -98,8 +98,6 @@ TEST(TufClientTool, RefusesWhatItCannotTrust) {
   const std::string loopback_only = "zorvi: Plain HTTP is allowed only for a loopback repository\n";
   const std::vector<std::pair<std::vector<std::string>, std::string>> rows = {
       {{"--metadata-dir", trust, "--metadata-url", "http://192.0.2.1/metadata", "refresh"}, loopback_only},
-      {{"--metadata-dir", trust, "--metadata-url", "https://127.0.0.1/metadata", "refresh"}, loopback_only},
-      {{"--metadata-dir", trust, "refresh"}, "zorvi: Usage: zorvi-tuf-client --metadata-dir D COMMAND\n"},
       {repository.download(server, {"a.bin"}), "zorvi: Server length differs from the authenticated download bound\n"},
   };
   for (const auto& [args, expected] : rows) {
