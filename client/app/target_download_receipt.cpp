@@ -125,13 +125,14 @@ json summary(const FileText& file) {
   return {{"name", file.name}, {"length", file.text->size()}, {"sha256", digest(*file.text, "sha256")}};
 }
 
-// A whole document, or nothing when the bytes are not JSON at all; other
-// refusals (floats, duplicate keys) are not torn writes and pass on.
-std::optional<json> whole(const std::string& text) {
+// A whole document, or nothing when the bytes are not JSON at all (a torn
+// write, judged later); other refusals (floats, duplicate keys) cannot come
+// from a write of ours, so the file is preserved with `refusal`.
+std::optional<json> whole(const std::string& text, const std::string& refusal) {
   try {
     return parse_json(text, max_document);
   } catch (const Error& error) {
-    if (error.code != "invalid_json") throw;
+    if (error.code != "invalid_json") uncertain(refusal);
     return std::nullopt;
   }
 }
@@ -221,12 +222,7 @@ json parse_resume_files(const json& receipt, const json& files) {
     require(file.text->size() <= max_document, "launcher_download_uncertain",
             "Unknown resume metadata name or bound was preserved");
     summaries.push_back(summary(file));
-    std::optional<json> marker;
-    try {
-      marker = whole(*file.text);
-    } catch (const Error&) {
-      uncertain("Unknown resume-write bytes were preserved");
-    }
+    std::optional<json> marker = whole(*file.text, "Unknown resume-write bytes were preserved");
     if (!marker) {
       torn.push_back(&file);
       continue;
@@ -261,12 +257,7 @@ json parse_group(std::string_view nonce, const json& files) {
             "Unknown download receipt write was preserved");
   for (const FileText& file : texts) {
     summaries.push_back(summary(file));
-    std::optional<json> receipt;
-    try {
-      receipt = whole(*file.text);
-    } catch (const Error&) {
-      uncertain("Unrecognized receipt-write bytes were preserved");
-    }
+    std::optional<json> receipt = whole(*file.text, "Unrecognized receipt-write bytes were preserved");
     if (!receipt) {
       torn.push_back(&file);
       continue;
