@@ -53,7 +53,6 @@ TEST(Metadata, ShapeRefusesEachFaultWithItsOwnCodeAndMessage) {
       {"root", "/signatures/1", json{{"keyid", h64}, {"sig", "11"}}, "invalid_metadata: Metadata repeats a signature key ID"},
       {"root", "/signed/_type", "targets", "metadata_type: Unexpected metadata type"},
       {"root", "/signed/spec_version", "1.0.0-rc1", "unsupported_spec: A stable TUF 1.x[.y] specification version is required"},
-      {"root", "/signed/spec_version", "1.1" + std::string(30, '0'), "unsupported_spec: A stable TUF 1.x[.y] specification version is required"},
       {"root", "/signed/expires", "2030-01-01", "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp"},
       {"root", "/signed/keys", none, "invalid_metadata: Signing keys must be an object"},
       {"root", "/signed/keys/" + id_a + "/keyval", "k", "invalid_metadata: Invalid signing key shape"},
