@@ -9,6 +9,7 @@
 
 #include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
+#include "client/platform/durable_steps.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/native_platform.hpp"
 #include "client/platform/posix_files.hpp"
@@ -162,10 +163,12 @@ void commit_transaction(const std::filesystem::path& temporary, const std::files
   if (replace) {
     if (::rename(temporary.c_str(), target.c_str()) != 0) transaction_failure(errno, "Cannot commit transaction file");
     transaction.committed();
+    durable_step();
     return;
   }
   if (::link(temporary.c_str(), target.c_str()) != 0)
     transaction_failure(errno, "Cannot create export; the destination may already exist");
+  durable_step();
   if (::unlink(temporary.c_str()) != 0) transaction_failure(errno, "Cannot finish export transaction");
   transaction.committed();
 }

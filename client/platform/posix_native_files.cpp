@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "client/domain/error.hpp"
+#include "client/platform/durable_steps.hpp"
 
 namespace zorvi::native_files {
 namespace {
@@ -88,18 +89,22 @@ int flush(int descriptor) {
   do {
     result = ::fsync(descriptor);
   } while (result != 0 && errno == EINTR);
+  if (result == 0) durable_step();
   return result;
 }
 
 int rename_no_replace(const std::filesystem::path& source, const std::filesystem::path& destination) {
-  return ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) == 0 ? 0 : errno;
+  if (::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, destination.c_str(), RENAME_NOREPLACE) != 0) return errno;
+  durable_step();
+  return 0;
 }
 
 int exchange_entries(int first_parent, const std::string& first_name, int second_parent,
                      const std::string& second_name) {
-  return ::renameat2(first_parent, first_name.c_str(), second_parent, second_name.c_str(), RENAME_EXCHANGE) == 0
-             ? 0
-             : errno;
+  if (::renameat2(first_parent, first_name.c_str(), second_parent, second_name.c_str(), RENAME_EXCHANGE) != 0)
+    return errno;
+  durable_step();
+  return 0;
 }
 
 int allocate(int descriptor, std::uint64_t length) {

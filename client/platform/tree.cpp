@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "client/domain/error.hpp"
+#include "client/platform/durable_steps.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/native_platform.hpp"
@@ -132,6 +133,7 @@ namespace native_files {
 
 void rename_replace(const std::filesystem::path& from, const std::filesystem::path& to) {
   require(::rename(from.c_str(), to.c_str()) == 0, "file_write", "Cannot move " + path_utf8(from) + " into place");
+  durable_step();
 }
 
 void remove_or_trash(const std::filesystem::path& path, const std::filesystem::path&) {

@@ -1,12 +1,15 @@
 // bootstrap_entry DATA-DIR cli|gui LIMIT-MS ARGS...: the bootstrap under its
 // lifetime lock, as the real one runs; an Error prints "zorvi: CODE: MESSAGE".
+// A crash-test build: see durable_kill.hpp.
 #include <iostream>
 
 #include "client/app/launcher_bootstrap.hpp"
 #include "client/domain/error.hpp"
+#include "tests/programs/durable_kill.hpp"
 
 int main(int argc, char** argv) {
   if (argc < 4) return 2;
+  durable_kill::from_environment();
   try {
     const zorvi::NativeFileLock lifetime(std::filesystem::path(argv[1]) / ".native-bootstrap.lock", true,
                                          zorvi::NativeLockSharing::exclusive_install, zorvi::LockMode::shared);

@@ -25,6 +25,7 @@ HelperInstall::HelperInstall(const char* built, const char* launcher) {
   fs::create_directories(records());
   fs::create_directories(folder() / "documents");
   write_text(hold(), "");
+  if (launcher == nullptr) return;
   const LauncherStore store(root());
   json state = store.load();
   state[launcher] = launcher_reference(std::string(64, 'a'), "1.0.0");

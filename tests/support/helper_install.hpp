@@ -27,7 +27,7 @@ public:
   // build that also takes several documents from the environment. The
   // launcher state names one version in the field `launcher` ("active",
   // "candidate", "rollback"); the version itself is not stored, as the
-  // helper reads only the state.
+  // helper reads only the state. Null leaves the launcher store unmade.
   explicit HelperInstall(const char* built = "zorvi-shortcut", const char* launcher = "active");
 
   const std::filesystem::path& folder() const { return dir_.path(); }

@@ -1,0 +1,125 @@
+// The launcher's update roads through real processes: releases of the sample
+// launcher signed by python-tuf and served by nginx, staged by a separate
+// process, and tried by the installed zorvi-bootstrap.
+#include <gtest/gtest.h>
+
+#include "client/domain/snapshot.hpp"
+#include "client/platform/files.hpp"
+#include "tests/support/helper_install.hpp"
+#include "tests/support/sample_launcher.hpp"
+
+namespace zorvi::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+struct LauncherUpdate : ::testing::Test {
+  // The staging process: refresh, find, budget, download, extract, name the candidate.
+  CommandResult stage() const {
+    return run_command({binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),
+                        repository.server->ca_bundle(), install.root});
+  }
+  // Stages the published release in this process, the quick way to a candidate.
+  void stage_here() {
+    TufClient client = repository.client();
+    client.refresh();
+    install.store.stage(client, {}, {}, false);
+  }
+  std::string ran(const std::string& how, const std::string& build, const std::string& rest = "") const {
+    return how + " " + build + " --data-dir " + install.root.string() + rest;
+  }
+  void expect_intact(const SampleRelease& release) const {
+    const LauncherManifest manifest = install.store.manifest(release.reference);
+    EXPECT_NO_THROW(verify_snapshot_tree(manifest.snapshot, install.store.payload(release.reference), {}));
+  }
+
+  TufRepository repository;
+  BootstrapInstall install;
+  SampleRelease first{repository.dir.path(), "1.0.0"}, second{repository.dir.path(), "2.0.0"};
+};
+
+TEST_F(LauncherUpdate, ANewReleaseIsStagedTriedAndKeptWithTheOldOneAsRollback) {
+  install.seed(first);
+  // A first launcher is tried like any candidate, with nothing behind it.
+  CommandResult run = install.start();
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(install.slots(), "1.0.0 - - -");
+  EXPECT_EQ(install.start().status, 0);
+
+  second.publish(repository);
+  run = stage();
+  ASSERT_EQ(run.status, 0) << run.out;
+  EXPECT_EQ(json::parse(run.out)["manifest_sha256"], second.reference["manifest_sha256"]);
+  EXPECT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
+  EXPECT_TRUE(fs::is_empty(install.root / "launcher/staging"));
+
+  run = install.start({"--gui", "--game", "star-harbor"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - -");
+  run = install.start({"--json", "list"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(install.starts(), (Lines{ran("trial", "1.0.0"), ran("start", "1.0.0"),
+                                     ran("trial", "2.0.0", " --launch star-harbor"),
+                                     ran("start", "2.0.0", " --json list")}));
+  expect_intact(first);
+}
+
+TEST_F(LauncherUpdate, AFailedCandidateFallsBackToActiveThenRollbackThenWhatIsOnDisk) {
+  install.seed(first);
+  ASSERT_EQ(install.start().status, 0);
+  second.publish(repository);
+  stage_here();
+  ASSERT_EQ(install.start().status, 0);  // 2.0.0 active, 1.0.0 rollback
+  const SampleRelease third(repository.dir.path(), "3.0.0");
+  third.publish(repository);
+  const std::map<std::string, std::string> quick{{"ZORVI_STARTUP_LIMIT_MS", "1500"}};
+
+  for (const std::string mode : {"crash", "hang", "exit", "silent", "lie"}) {
+    SCOPED_TRACE(mode);
+    stage_here();
+    const std::size_t before = install.starts().size();
+    const CommandResult run = install.start({"--gui"}, mode, quick);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
+    EXPECT_EQ(install.starts().size(), before + 2);  // the trial, then the active version
+    EXPECT_EQ(install.starts().back(), ran("start", "2.0.0"));
+  }
+
+  // Damaged files are never started: a wrong size is seen by the cheap
+  // check of every start, any change by the full check of a candidate.
+  stage_here();
+  const fs::path candidate_gui = install.store.payload(third.reference) / "bin/zorvi-gui";
+  std::string bytes = read_text(candidate_gui);
+  bytes[bytes.size() / 2] ^= 1;
+  write_text(candidate_gui, bytes);
+  fs::resize_file(install.store.payload(second.reference) / "bin/zorvi-gui", 100);
+  CommandResult run = install.start();
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
+  EXPECT_EQ(install.starts().back(), ran("start", "1.0.0"));
+  EXPECT_EQ(shown_lines(run.err),
+            Lines{"launcher version unusable (launcher_damaged): Zorvi's files are damaged. Reinstall Zorvi to repair them."});
+
+  // With active and rollback both gone, the newest usable version on disk runs.
+  fs::resize_file(install.store.payload(first.reference) / "bin/zorvi-gui", 100);
+  write_text(candidate_gui, read_text(install.store.payload(third.reference) / "bin/zorvi"));
+  run = install.start();
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(install.starts().back(), ran("start", "3.0.0"));
+}
+
+TEST_F(LauncherUpdate, TheHelperStartsTheRealBootstrapWhichStartsTheLauncher) {
+  HelperInstall helper("zorvi-shortcut", nullptr);
+  fs::copy_file(binary_dir() / "zorvi-bootstrap", helper.bootstrap(), fs::copy_options::overwrite_existing);
+  LauncherStore(helper.root()).seed_initial(first.manifest, first.archive, {});
+  const HelperRun run = run_helper(helper, {{"ZORVI_LAUNCH_DOCUMENT", helper.document("a.zorvi-launch", "star-harbor")},
+                                            {"ZORVI_SAMPLE_LAUNCHER_LOG", install.log}});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(install.starts(),
+            Lines{"trial 1.0.0 --data-dir " + helper.root().string() + " --launch star-harbor"});
+  EXPECT_FALSE(LauncherStore(helper.root()).status()["active"].is_null());
+}
+
+}  // namespace
+}  // namespace zorvi::testing

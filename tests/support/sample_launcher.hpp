@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "client/app/launcher.hpp"
+#include "client/domain/json.hpp"
+#include "tests/support/test_support.hpp"
+#include "tests/support/tuf_support.hpp"
+
+namespace zorvi::testing {
+
+// A launcher release of the project's sample launcher: bin/zorvi and
+// bin/zorvi-gui, its build-id file, and `padding` files of `padding_bytes`
+// random bytes in all, packed by tar and zstd.
+struct SampleRelease {
+  SampleRelease(const std::filesystem::path& folder, const std::string& build, std::size_t padding = 0,
+                std::uint64_t padding_bytes = 0);
+
+  // Signs the manifest and archive into `repository` as its launcher release.
+  void publish(const TufRepository& repository) const;
+
+  std::string build;
+  std::filesystem::path tree, archive;
+  std::string manifest;  // the manifest's exact bytes
+  json reference;
+};
+
+// A data folder with the real zorvi-bootstrap installed in it:
+//   <dir>/Zorvi Data/native/bootstrap/bin/zorvi-bootstrap
+// Every start logs to log() through the sample launcher.
+struct BootstrapInstall {
+  BootstrapInstall();
+
+  // Seeds `release` as the first launcher (a candidate until it has started).
+  void seed(const SampleRelease& release) const;
+
+  // Runs the bootstrap with these arguments after "--data-dir ROOT", the
+  // sample launcher's misbehaviour `mode` for a trial, and `extra` variables.
+  CommandResult start(const std::vector<std::string>& arguments = {"--gui"}, const std::string& mode = "",
+                      const std::map<std::string, std::string>& extra = {}) const;
+
+  // The launcher lines logged so far ("trial|start BUILD ARGS...").
+  std::vector<std::string> starts() const;
+
+  // active, rollback, candidate, failed_candidate: each a build id or "-".
+  std::string slots() const;
+
+  TempDir dir;
+  std::filesystem::path root = std::filesystem::canonical(dir.path()) / "Zorvi Data";
+  std::filesystem::path bootstrap = root / "native/bootstrap/bin/zorvi-bootstrap";
+  std::filesystem::path log = dir / "launcher.log";
+  LauncherStore store{root, true};
+};
+
+}  // namespace zorvi::testing
