@@ -95,9 +95,11 @@ json empty_state() {
           {"attempt", nullptr},  {"failed_candidate", nullptr}};
 }
 
+}  // namespace
+
 // Absolute, weakly canonical and normal, then rebuilt component by component
 // so that a name the path rules refuse, or a link, is refused here.
-fs::path ordinary_root(const fs::path& root) {
+fs::path ordinary_data_dir(const fs::path& root) {
   require(!root.empty(), "unsafe_path", "Data directory path is empty");
   std::error_code error;
   fs::path normal = fs::weakly_canonical(fs::absolute(root), error).lexically_normal();
@@ -105,8 +107,6 @@ fs::path ordinary_root(const fs::path& root) {
   if (normal.filename().empty() && normal.has_relative_path()) normal = normal.parent_path();
   return safe_join(normal.root_path(), path_utf8(normal.relative_path()), false);
 }
-
-}  // namespace
 
 json launcher_reference(const std::string& manifest_sha256, const std::string& build_id) {
   return {{"manifest_sha256", manifest_sha256}, {"build_id", build_id}};
@@ -139,7 +139,7 @@ LauncherStore LauncherStore::existing(const fs::path& root) { return LauncherSto
 LauncherStore LauncherStore::for_launch(const fs::path& root) { return LauncherStore(root, false, Opening::launch); }
 
 LauncherStore::LauncherStore(const fs::path& root, bool skip_install_check, Opening opening)
-    : root_(ordinary_root(root)), launcher_(safe_join(root_, "launcher", true)) {
+    : root_(ordinary_data_dir(root)), launcher_(safe_join(root_, "launcher", true)) {
   if (!skip_install_check) require_complete_native_install(root_);
   if (opening == Opening::launch) return;
   if (opening == Opening::create) {

@@ -29,6 +29,10 @@ inline constexpr std::size_t max_fallback_versions = 64;
 
 inline constexpr std::string_view launcher_store_format = "zorvi-launcher-store-v1";
 
+// The data directory made absolute and normal with every component checked;
+// a link or a name the path rules refuse is `unsafe_path`.
+std::filesystem::path ordinary_data_dir(const std::filesystem::path& root);
+
 // A reference names one launcher version: {manifest_sha256, build_id}.
 json launcher_reference(const std::string& manifest_sha256, const std::string& build_id);
 

@@ -55,7 +55,7 @@ json trial_attempt(const std::string& nonce, std::string_view interface, std::st
                    const fs::path& data_dir) {
   nonce_identity(nonce);
   const std::string root = startup_variable(launcher_data_root_variable);
-  const bool matches = !root.empty() && same_file(LauncherStore::for_launch(path_from_utf8(root)).root(), data_dir) &&
+  const bool matches = !root.empty() && same_file(ordinary_data_dir(path_from_utf8(root)), data_dir) &&
                        startup_variable(launcher_build_variable) == build_id &&
                        startup_variable(launcher_interface_variable) == interface;
   require(matches, "launcher_health", "Launcher startup does not match this build, interface or data root");
@@ -155,14 +155,14 @@ std::unique_ptr<LauncherRuntime> LauncherRuntime::attach(std::string_view interf
                                                          const fs::path& data_dir) {
   interface_shape(interface);
   validate_identifier(build_id);
-  const LauncherStore store = LauncherStore::for_launch(data_dir);
+  const fs::path root = ordinary_data_dir(data_dir);
   const fs::path image = current_executable_path();
   reject_staged_image(image);
 
   json attempt = nullptr, reference;
   const std::string nonce = startup_variable(launcher_health_nonce_variable);
   if (!nonce.empty()) {
-    attempt = trial_attempt(nonce, interface, build_id, store.root());
+    attempt = trial_attempt(nonce, interface, build_id, root);
     reference = attempt.at("reference");
   } else {
     const std::optional<ManagedVersion> version = managed_version(image);
@@ -170,6 +170,7 @@ std::unique_ptr<LauncherRuntime> LauncherRuntime::attach(std::string_view interf
     reference = launcher_reference(version->manifest_sha256, std::string(build_id));
   }
 
+  const LauncherStore store = LauncherStore::for_launch(root);
   // Held locally until the runtime is complete: a failed start lets its
   // leases go at once instead of keeping them until the process ends.
   std::unique_ptr<FileLock> lease;
