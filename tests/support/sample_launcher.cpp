@@ -17,10 +17,12 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
   run_command({"strip", "-o", tree / "bin/zorvi", binary_dir() / "zorvi-sample-launcher"});
   fs::copy_file(tree / "bin/zorvi", tree / "bin/zorvi-gui");
   write_text(tree / "build-id", build + "\n");
-  if (padding > 0)
+  if (padding > 0) {
+    fs::create_directories(tree / "data");
     run_python("import os, sys\nfor i in range(int(sys.argv[2])):\n"
                "    open(os.path.join(sys.argv[1], 'data%04d' % i), 'wb').write(os.urandom(int(sys.argv[3])))",
                {(tree / "data").string(), std::to_string(padding), std::to_string(padding_bytes / padding)});
+  }
   pack_tree(tree, archive);
   json document = python_manifest(tree, archive);
   document.update({{"kind", "zorvi-launcher-release"}, {"build_id", build}, {"bootstrap_abi", 1}, {"health_abi", 1},
