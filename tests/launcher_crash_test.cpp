@@ -1,8 +1,10 @@
 // Crash points of the launcher update: the staging process and the bootstrap
 // trying a candidate are killed right after each durable step they take
 // (their test builds count every flush, rename and link), and the next start
-// must always bring up a working launcher without losing a verified version.
-// ZORVI_CRASH_ROUNDS=R repeats every kill R times (1 when unset).
+// must always bring up a working launcher without losing a verified version,
+// even when the first start after the kill is itself killed.
+// ZORVI_CRASH_ROUNDS=R repeats every kill R times (1 when unset), each round
+// pairing it with a kill at another step of that first start.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -16,6 +18,10 @@ namespace zorvi::testing {
 namespace {
 
 namespace fs = std::filesystem;
+
+// At least the longest road of one start (an attempt recovered, a new one
+// made and confirmed, three saves); a kill past a road's end lets it finish.
+constexpr long start_steps = 9;
 
 long rounds() {
   const char* text = std::getenv("ZORVI_CRASH_ROUNDS");
@@ -46,7 +52,7 @@ struct LauncherCrash : ::testing::Test {
     return run(kill_at, {binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),
                          repository.server->ca_bundle(), install.root});
   }
-  CommandResult trial(long kill_at) const {
+  CommandResult entry(long kill_at) const {
     return run(kill_at, {binary_dir() / "bootstrap_entry", install.root, "gui", "5000"});
   }
   // The length of a road: one full run that must succeed, with its steps counted.
@@ -55,6 +61,12 @@ struct LauncherCrash : ::testing::Test {
     return std::atol(read_text(steps).c_str());
   }
 
+  // A start by the crash-test build of the bootstrap, killed after its own
+  // step `kill_at`: recovering from a crash may itself crash.
+  void crashing_start(long kill_at) const {
+    const CommandResult start = entry(kill_at);
+    EXPECT_TRUE(start.status == 0 || start.status == 137) << start.status << start.err;
+  }
   // The next start must run a launcher. A candidate orphaned by the kill may
   // still hold its attempt for a moment, which that start refuses.
   void expect_working_start() const {
@@ -103,9 +115,12 @@ TEST_F(LauncherCrash, AStagingKilledAtAnyDurableStepLeavesAWorkingLauncherAndCan
 
   for (long round = 0; round < rounds(); ++round) {
     for (long kill_at = 1; kill_at <= total; ++kill_at) {
-      SCOPED_TRACE("round " + std::to_string(round) + ", staging killed after step " + std::to_string(kill_at));
+      const long then = 1 + (kill_at + round) % start_steps;
+      SCOPED_TRACE("round " + std::to_string(round) + ": staging killed after step " + std::to_string(kill_at) +
+                   ", the next start after step " + std::to_string(then));
       ASSERT_NO_FATAL_FAILURE(restore());
       ASSERT_EQ(stage(kill_at).status, 137);
+      crashing_start(then);
       ASSERT_NO_FATAL_FAILURE(expect_working_start());
       expect_versions_intact();
       // Whatever the kill left, staging again and one more start end on the new release.
@@ -125,16 +140,19 @@ TEST_F(LauncherCrash, ABootstrapKilledAtAnyDurableStepOfATrialLeavesAWorkingLaun
   ASSERT_EQ(stage(0).status, 0);
   ASSERT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
   save();
-  const long total = road_length(trial(0));
+  const long total = road_length(entry(0));
   ASSERT_EQ(install.slots(), "2.0.0 1.0.0 - -");
   ASSERT_GT(total, 3);  // at least the attempt's save and the confirmation's
   std::cout << "trial road: " << total << " durable steps\n";
 
   for (long round = 0; round < rounds(); ++round) {
     for (long kill_at = 1; kill_at <= total; ++kill_at) {
-      SCOPED_TRACE("round " + std::to_string(round) + ", bootstrap killed after step " + std::to_string(kill_at));
+      const long then = 1 + (kill_at + round) % start_steps;
+      SCOPED_TRACE("round " + std::to_string(round) + ": bootstrap killed after step " + std::to_string(kill_at) +
+                   ", the next start after step " + std::to_string(then));
       ASSERT_NO_FATAL_FAILURE(restore());
-      ASSERT_EQ(trial(kill_at).status, 137);
+      ASSERT_EQ(entry(kill_at).status, 137);
+      crashing_start(then);
       ASSERT_NO_FATAL_FAILURE(expect_working_start());
       expect_versions_intact();
     }
