@@ -23,6 +23,8 @@ namespace fs = std::filesystem;
 // made and confirmed, three saves); a kill past a road's end lets it finish.
 constexpr long start_steps = 9;
 
+constexpr const char* orphan_refusal = "The unfinished launcher is still using its startup attempt";
+
 long rounds() {
   const char* text = std::getenv("ZORVI_CRASH_ROUNDS");
   return text != nullptr && std::atol(text) > 0 ? std::atol(text) : 1;
@@ -61,21 +63,27 @@ struct LauncherCrash : ::testing::Test {
     return std::atol(read_text(steps).c_str());
   }
 
+  // A candidate orphaned by a kill may hold its attempt a moment longer,
+  // which a start refuses (launcher_running): that start is tried again.
+  template <class Start>
+  static CommandResult patiently(const Start& start) {
+    CommandResult result = start();
+    for (int retry = 0; retry < 100 && result.err.find(orphan_refusal) != std::string::npos; ++retry) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      result = start();
+    }
+    return result;
+  }
   // A start by the crash-test build of the bootstrap, killed after its own
   // step `kill_at`: recovering from a crash may itself crash.
   void crashing_start(long kill_at) const {
-    const CommandResult start = entry(kill_at);
+    const CommandResult start = patiently([&] { return entry(kill_at); });
     EXPECT_TRUE(start.status == 0 || start.status == 137) << start.status << start.err;
   }
-  // The next start must run a launcher. A candidate orphaned by the kill may
-  // still hold its attempt for a moment, which that start refuses.
+  // The next start, by the real bootstrap, must run a launcher.
   void expect_working_start() const {
     const std::size_t before = install.starts().size();
-    CommandResult start = install.start();
-    for (int retry = 0; retry < 100 && start.err.find("launcher_running") != std::string::npos; ++retry) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      start = install.start();
-    }
+    const CommandResult start = patiently([&] { return install.start(); });
     ASSERT_EQ(start.status, 0) << start.err;
     const std::vector<std::string> lines = install.starts();
     ASSERT_EQ(lines.size(), before + 1);
@@ -155,6 +163,11 @@ TEST_F(LauncherCrash, ABootstrapKilledAtAnyDurableStepOfATrialLeavesAWorkingLaun
       crashing_start(then);
       ASSERT_NO_FATAL_FAILURE(expect_working_start());
       expect_versions_intact();
+      // A trial that lost its bootstrap is not tried again on its own.
+      const json failed = install.store.load()["failed_candidate"];
+      if (!failed.is_null()) {
+        EXPECT_EQ(failed["problem"], "startup_interrupted");
+      }
     }
   }
 }
