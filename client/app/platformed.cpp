@@ -50,7 +50,7 @@ std::filesystem::path path_member(const json& document, const char* key, const s
 std::string crash_service(const json& document) {
   std::string origin = text_member(document, "crash_service");
   constexpr std::string_view scheme = "https://";
-  require(origin.starts_with(scheme) && origin.size() > scheme.size() &&
+  require(origin.starts_with(scheme) && origin.size() > scheme.size() && origin[scheme.size()] != ':' &&
               origin.find_first_of(std::string_view("/?#@ \t\\"), scheme.size()) == std::string::npos,
           refused, "zorvi-platform.json needs \"crash_service\" as a plain https:// origin");
   return origin;

@@ -50,7 +50,7 @@ TEST(PlatformedGame, RefusesEachFaultWithItsOwnSentence) {
       {R"({"game_id": "Star Miner"})"_json, "zorvi-platform.json has an unusable \"game_id\""},
       {R"({"name": ""})"_json, "zorvi-platform.json has an unusable \"name\""},
       {R"({"executable": "linked/star-miner"})"_json, "zorvi-platform.json has an unusable \"executable\""},
-      {R"({"crash_service": "https://"})"_json, "zorvi-platform.json needs \"crash_service\" as a plain https:// origin"},
+      {R"({"crash_service": "https://:8443"})"_json, "zorvi-platform.json needs \"crash_service\" as a plain https:// origin"},
   };
   for (const auto& [patch, message] : rows) EXPECT_EQ(with(patch), "platformed_config: " + message) << patch.dump();
   EXPECT_EQ(with(R"({"executable": "real/star-miner", "channel": null, "ca_bundle": null})"_json), "ok");

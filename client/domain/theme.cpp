@@ -1,5 +1,6 @@
 #include "client/domain/theme.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <initializer_list>
 #include <set>

@@ -17,8 +17,8 @@ using testing::TempDir;
 constexpr const char* fixture_script = R"(
 import shutil, struct, sys
 for face in ('DejaVuSans.ttf', 'DejaVuSans-Bold.ttf'): shutil.copy('/usr/share/fonts/truetype/dejavu/' + face, sys.argv[1])
-for spec in sys.argv[2:]:
-    name, width, height, bits, extra = spec.split(':')[0], *map(int, spec.split(':')[1:])
+for image in sys.argv[2:]:
+    name, width, height, bits, extra = image.split(':')[0], *map(int, image.split(':')[1:])
     row = (width * 3 + 3) // 4 * 4; size = 54 + row * height + extra
     header = struct.pack('<2sIHHIIiiHHIIiiII', b'BM', size, 0, 0, 54, 40, width, height, 1, bits, 0, row * height, 2835, 2835, 0, 0)
     open(sys.argv[1] + '/' + name, 'wb').write(header + bytes(size - 54))
