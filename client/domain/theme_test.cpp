@@ -1,0 +1,118 @@
+#include "client/domain/theme.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/test_support.hpp"
+
+namespace zorvi {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::outcome;
+using testing::TempDir;
+
+// Writes BMPs with Python's struct module and copies DejaVu fonts, so the
+// fixtures come from tools that are not ours. Arguments: folder, then
+// NAME:WIDTH:HEIGHT:BITS:EXTRA for each image.
+constexpr const char* fixture_script = R"(
+import shutil, struct, sys
+for face in ('DejaVuSans.ttf', 'DejaVuSans-Bold.ttf'): shutil.copy('/usr/share/fonts/truetype/dejavu/' + face, sys.argv[1])
+for image in sys.argv[2:]:
+    name, width, height, bits, extra = image.split(':')[0], *map(int, image.split(':')[1:])
+    row = (width * 3 + 3) // 4 * 4; size = 54 + row * height + extra
+    header = struct.pack('<2sIHHIIiiHHIIiiII', b'BM', size, 0, 0, 54, 40, width, height, 1, bits, 0, row * height, 2835, 2835, 0, 0)
+    open(sys.argv[1] + '/' + name, 'wb').write(header + bytes(size - 54))
+)";
+
+// The table's own colours, written out as a definition.
+json default_definition() {
+  return R"({"schema_version": 1, "kind": "zorvi-theme", "colors": {"background": "#14181f", "panel": "#1d232e",
+      "raised": "#28303e", "well": "#14181f", "border": "#546073", "text": "#f0f3f7", "muted": "#aab5c4",
+      "accent": "#2563c9", "accent_hover": "#3474de", "accent_text": "#ffffff", "danger": "#c4314b",
+      "danger_hover": "#d6425c", "danger_text": "#ffffff", "warning": "#f0b429", "success": "#3fb37f",
+      "focus": "#ffd24a", "disabled": "#303744", "disabled_text": "#7d8796", "paper": "#0d1117", "ink": "#f0f3f7",
+      "ink_muted": "#aab5c4"}})"_json;
+}
+
+// Readable everywhere: the two hover colours deepened, sizes at both bounds.
+json good_definition() {
+  json definition = default_definition();
+  definition.merge_patch(R"({"colors": {"accent_hover": "#2D6CD6", "danger_hover": "#c8384f"},
+      "corners": "rounded", "bevel": true, "text_sizes": {"title": 48, "small": 10},
+      "frame": {"outline": "#000000", "trim": "#546073", "gap": "#14181f", "rivet": "#aab5c4"},
+      "fonts": {"regular": "DejaVuSans.ttf", "bold": "DejaVuSans-Bold.ttf", "title": "DejaVuSans.ttf"},
+      "images": {"icon": {"file": "icon.bmp", "pixel_art": true}, "banner": {"file": "banner.bmp"}},
+      "notices": ["LICENSE.txt"]})"_json);
+  return definition;
+}
+
+TEST(Theme, InstalledFolderOfRealFilesBecomesTheLook) {
+  TempDir root;
+  const fs::path folder = theme_directory(root.path());
+  fs::create_directories(folder);
+  testing::run_python(fixture_script, {folder.string(), "icon.bmp:1:1:24:0", "banner.bmp:2048:1024:24:0"});
+  testing::write_text(folder / "LICENSE.txt", "Fonts: Bitstream Vera licence");
+
+  use_installed_theme(root.path());  // no theme yet: the client's own look stays
+  EXPECT_EQ(theme().accent_hover, (Rgb{0x34, 0x74, 0xde}));
+
+  testing::write_text(folder / "theme.json", good_definition().dump());
+  use_installed_theme(root.path());
+  const Theme& used = theme();
+  EXPECT_EQ(used.accent_hover, (Rgb{0x2d, 0x6c, 0xd6}));
+  EXPECT_TRUE(used.rounded && used.bevel && used.frame && used.images.icon->pixel_art && used.text_sizes.title == 48);
+  EXPECT_TRUE(used.fonts.bold && used.fonts.regular->starts_with(std::string("\0\1\0\0", 4)));
+  EXPECT_EQ(used.images.banner->bytes.size(), 54u + 1024u * 6144u);
+  EXPECT_EQ(used.notices, std::vector<std::string>{"Fonts: Bitstream Vera licence"});
+
+  // A broken installed theme is passed over; the theme in use stays.
+  testing::write_text(folder / "theme.json", default_definition().dump());
+  use_installed_theme(root.path());
+  EXPECT_EQ(theme().accent_hover, (Rgb{0x2d, 0x6c, 0xd6}));
+}
+
+TEST(Theme, RefusesEachFaultWithItsOwnSentence) {
+  TempDir dir;
+  testing::run_python(fixture_script, {dir.path().string(), "icon.bmp:1:1:24:0", "banner.bmp:64:64:24:0",
+                                       "wide.bmp:257:1:24:0", "padded.bmp:1:1:24:1", "deep.bmp:1:1:32:0"});
+  fs::create_symlink(dir / "icon.bmp", dir / "linked.bmp");
+  testing::write_text(dir / "LICENSE.txt", "notice");
+  const auto with = [&](const json& patch) {
+    json definition = good_definition();
+    definition.merge_patch(patch);
+    return outcome([&] { parse_theme(definition, [&](const std::string& name) { return dir / name; }); });
+  };
+  const std::vector<std::pair<json, std::string>> rows = {
+      {R"({"schema_version": true})"_json, "Unsupported theme schema"},
+      {R"({"colors": {"muted": null}})"_json, "Theme needs the colour muted"},
+      {R"({"colors": {"text": "#FFF"}})"_json, "Theme colours are written #rrggbb"},
+      {R"({"corners": "round"})"_json, "Theme corners are square or rounded"},
+      {R"({"bevel": "yes"})"_json, "Theme bevel is true or false"},
+      {R"({"frame": {"trim": null}})"_json, "Theme frame needs the colour trim"},
+      {R"({"text_sizes": {"body": 9}})"_json, "Theme text sizes are 10 to 48 pixels"},
+      {R"({"images": {"icon": {"file": null}}})"_json, "Theme image needs a file"},
+      {R"({"notices": "LICENSE.txt"})"_json, "Theme notices are a list of files"},
+      {json{{"notices", {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt", "f.txt", "g.txt", "h.txt", "i.txt"}}}, "A theme names at most 12 distinct files"},
+      {R"({"fonts": ["DejaVuSans.ttf"]})"_json, "Theme fonts must be an object"},
+      {R"({"notices": [7]})"_json, "Theme files are named by text"},
+      {R"({"notices": ["theme.json"]})"_json, "Theme file names are 1 to 100 letters, digits, '.', '_' or '-': theme.json"},
+      {R"({"fonts": {"bold": "icon.bmp"}})"_json, "Theme file has the wrong kind of extension: icon.bmp"},
+      {R"({"images": {"icon": {"file": "linked.bmp"}}})"_json, "Theme file is missing or not a plain file: " + (dir / "linked.bmp").string()},
+      {R"({"images": {"icon": {"file": "icon.bmp", "pixel_art": 1}}})"_json, "Theme pixel_art is true or false"},
+      {R"({"images": {"icon": {"file": "padded.bmp"}}})"_json, "Theme images are BMP files"},
+      {R"({"images": {"icon": {"file": "deep.bmp"}}})"_json, "Theme images must be uncompressed 24-bit BMP files"},
+      {R"({"images": {"icon": {"file": "wide.bmp"}}})"_json, "Theme image is larger than 256×256 pixels"},
+      {R"({"colors": {"button": "#8090a0"}})"_json, "Theme contrast is below 4.5:1 for text on button"},
+      {R"({"colors": {"focus": "#3a4150"}})"_json, "Theme focus colour is below 3:1 against the background or panel"},
+      // The table's own hover colours fall just short of 4.5:1.
+      {R"({"colors": {"accent_hover": "#3474de"}})"_json, "Theme contrast is below 4.5:1 for accent_text on accent_hover"},
+      {R"({"colors": {"danger_hover": "#d6425c"}})"_json, "Theme contrast is below 4.5:1 for danger_text on danger_hover"},
+  };
+  // The bound counts distinct names: twelve and a repeat pass.
+  EXPECT_EQ(theme_files(json{{"notices", {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt", "f.txt", "g.txt", "h.txt", "i.txt", "j.txt", "k.txt", "l.txt", "a.txt"}}}).size(), 12u);
+  for (const auto& [patch, message] : rows) EXPECT_EQ(with(patch), "invalid_theme: " + message) << patch.dump();
+  EXPECT_EQ(with(json::object()), "ok");
+}
+
+}  // namespace
+}  // namespace zorvi
