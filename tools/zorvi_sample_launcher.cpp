@@ -10,21 +10,31 @@
 // runs until killed, "exit" exits 3 before attaching, "silent" attaches and
 // exits 0 without a report, "lie" reports another process's id and runs on.
 // A good start exits with ZORVI_SAMPLE_LAUNCHER_STATUS (0 when unset).
+//
+// Two commands make it a client one can update: "self update" refreshes the
+// data folder's repository (repository.json, trust/) and stages a newer
+// launcher release as the candidate; "self status" prints the launcher state.
+// Both print one JSON line.
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
+#include <vector>
 #include <string>
 #include <thread>
 
 #include "client/app/launcher_attempts.hpp"
 #include "client/app/launcher_bootstrap.hpp"
 #include "client/app/launcher_runtime.hpp"
+#include "client/domain/identifier.hpp"
 #include "client/domain/error.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/interrupt.hpp"
 #include "client/platform/process.hpp"
+#include "client/transport/https.hpp"
+#include "client/tuf/tuf.hpp"
 
 namespace {
 
@@ -46,6 +56,18 @@ void report_falsely(const zorvi::LauncherRuntime& runtime) {
   const zorvi::LauncherManifest manifest = store.manifest(attempt.at("reference"));
   const zorvi::json health = manifest.startup_health(attempt, ::getppid(), runtime.interface(), false);
   zorvi::atomic_create(store.health_path(attempt), health.dump());
+}
+
+// Stages the repository's launcher release, as a running client does in the background.
+zorvi::json self_update(const fs::path& data_dir) {
+  const zorvi::json settings = zorvi::parse_json(zorvi::read_file(data_dir / "repository.json", 65536), 65536);
+  const std::string origin = settings.at("origin").get<std::string>();
+  const fs::path ca_bundle = zorvi::path_from_utf8(settings.at("ca_bundle").get<std::string>());
+  zorvi::HttpsTransport metadata(origin + "/tuf/metadata/", ca_bundle, 0, nullptr);
+  zorvi::HttpsTransport targets(origin + "/tuf/targets/", ca_bundle, 0, nullptr);
+  zorvi::TufClient tuf(data_dir / "trust", metadata, targets, {1 << 20, 1 << 16, 1 << 22, 8, 8}, {});
+  tuf.refresh();
+  return zorvi::LauncherStore(data_dir).stage(tuf, {}, {}, true);
 }
 
 std::string build_id() {
@@ -74,6 +96,10 @@ int run(int argc, char** argv) {
   }
   zorvi::report_launcher_health(runtime.get());
   if (interface == "gui") zorvi::confirm_launcher_start(data_dir);
+  const std::vector<std::string_view> command(argv + 3, argv + argc);
+  if (command == std::vector<std::string_view>{"self", "update"}) std::cout << self_update(data_dir).dump() << std::endl;
+  if (command == std::vector<std::string_view>{"self", "status"})
+    std::cout << zorvi::LauncherStore::existing(data_dir).status().dump() << std::endl;
   const std::string status = variable("ZORVI_SAMPLE_LAUNCHER_STATUS");
   return status.empty() ? 0 : std::atoi(status.c_str());
 }

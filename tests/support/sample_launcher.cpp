@@ -4,7 +4,9 @@
 #include <sstream>
 
 #include "client/domain/crypto.hpp"
+#include "client/domain/bootstrap_contract.hpp"
 #include "client/domain/launcher_contract.hpp"
+#include "client/platform/native_platform.hpp"
 #include "tests/support/snapshot_support.hpp"
 
 namespace zorvi::testing {
@@ -29,7 +31,8 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
                    {"staging_abi", 1}, {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1},
                    {"application_schema", {{"minimum", 1}, {"maximum", 1}}}, {"gui_executable", "bin/zorvi-gui"},
                    {"runtime_helpers", json::array()}});
-  document["archive"]["target"] = "launcher/" + build + ".tar.zst";
+  // Flat, so that the archive can also travel in an initial package.
+  document["archive"]["target"] = "launcher-" + build + ".tar.zst";
   manifest = document.dump();
   reference = launcher_reference(digest(manifest, "sha256"), build);
 }
@@ -37,8 +40,29 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
 void SampleRelease::publish(const TufRepository& repository) const {
   const fs::path bytes = archive.parent_path() / (build + ".manifest.json");
   write_text(bytes, manifest);
-  repository.run("target launcher/" + build + ".tar.zst @" + archive.string());
+  repository.run("target launcher-" + build + ".tar.zst @" + archive.string());
   repository.run("target " + launcher_manifest_target() + " @" + bytes.string());
+}
+
+SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std::string& build_id)
+    : build(build_id), tree(folder / ("bootstrap-tree-" + build_id)), archive(folder / ("bootstrap-" + build_id + ".tar.zst")) {
+  const fs::path shortcut = tree / bootstrap_shortcut_executable;
+  fs::create_directories(shortcut.parent_path());
+  run_command({"strip", "-o", tree / bootstrap_executable_posix, binary_dir() / "zorvi-bootstrap"});
+  run_command({"strip", "-o", shortcut, binary_dir() / "zorvi-shortcut"});
+  fs::permissions(shortcut, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+  pack_tree(tree, archive);
+  json document = python_manifest(tree, archive);
+  document.update({{"kind", bootstrap_release_kind}, {"build_id", build}, {"bootstrap_abi", 1}});
+  document["archive"]["target"] = "bootstrap-" + build + ".tar.zst";
+  manifest = document.dump();
+}
+
+void SampleBootstrapRelease::publish(const TufRepository& repository) const {
+  const fs::path bytes = archive.parent_path() / ("bootstrap-" + build + ".manifest.json");
+  write_text(bytes, manifest);
+  repository.run("target bootstrap-" + build + ".tar.zst @" + archive.string());
+  repository.run("target bootstrap-" + native_platform() + ".manifest.json @" + bytes.string());
 }
 
 BootstrapInstall::BootstrapInstall() {

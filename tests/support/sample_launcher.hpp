@@ -29,6 +29,20 @@ struct SampleRelease {
   json reference;
 };
 
+// A bootstrap release of the built zorvi-bootstrap, with a copy of
+// zorvi-shortcut in its app bundle as plain data (no platform but macOS
+// declares that helper), packed by tar and zstd.
+struct SampleBootstrapRelease {
+  SampleBootstrapRelease(const std::filesystem::path& folder, const std::string& build);
+
+  // Signs the manifest and archive into `repository` as its bootstrap release.
+  void publish(const TufRepository& repository) const;
+
+  std::string build;
+  std::filesystem::path tree, archive;
+  std::string manifest;  // the manifest's exact bytes
+};
+
 // A data folder with the real zorvi-bootstrap installed in it:
 //   <dir>/Zorvi Data/native/bootstrap/bin/zorvi-bootstrap
 // Every start logs to log() through the sample launcher.

@@ -1,0 +1,167 @@
+#include "client/app/native_package.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/sample_launcher.hpp"
+#include "tests/support/theme_support.hpp"
+
+namespace zorvi {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TempDir;
+using testing::outcome;
+
+// Re-signs the repository's root, to expire a second ago, into the file named.
+constexpr const char* expired_root_script = R"(
+import datetime, pickle, sys
+from cryptography.hazmat.primitives.serialization import load_pem_private_key
+from securesystemslib.signer import CryptoSigner
+st = pickle.load(open(sys.argv[1], 'rb')); root = st['md']['root']
+root.signed.expires = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) - datetime.timedelta(seconds=1); root.signatures.clear()
+for key in st['keys']['root']: root.sign(CryptoSigner(load_pem_private_key(key[1], None)), append=True)
+open(sys.argv[2], 'wb').write(root.to_bytes())
+)";
+
+// One repository holding a bootstrap and a launcher release, and a branded
+// package built from it by the real builder.
+class NativePackageTest : public ::testing::Test {
+protected:
+  static void SetUpTestSuite() {
+    shared = new Shared;
+    testing::SampleBootstrapRelease(shared->repository.dir.path(), "s1").publish(shared->repository);
+    testing::SampleRelease(shared->repository.dir.path(), "b1").publish(shared->repository);
+    const fs::path theme = shared->dir / "theme", brand = shared->dir / "brand.json", icon = shared->dir / "brand.ico";
+    fs::create_directories(theme);
+    testing::write_theme_files(theme, {"icon.bmp:1:1:24:0", "banner.bmp:64:32:24:0"});
+    testing::write_text(theme / "LICENSE.txt", "Fonts: Bitstream Vera licence");
+    testing::write_text(theme / "theme.json", testing::good_definition().dump());
+    testing::write_text(brand, R"({"name": "Acme Games", "id": "acme", "publisher": "Acme"})");
+    testing::run_python("import struct, sys\nopen(sys.argv[1], 'wb').write(struct.pack('<3H4B2H2I', 0, 1, 1, 1, 1, 0, 0, 1, "
+                        "32, 4, 22) + bytes(4))", {icon.string()});
+    const testing::CommandResult built = builder(shared->repository.repo, shared->package,
+        {"--ca-bundle", shared->repository.server->ca_bundle().string(), "--brand", brand.string(), "--icon",
+         icon.string(), "--theme", theme.string(), "--featured-game", "demo", std::string(80, 'n')});
+    ASSERT_EQ(built.status, 0) << built.err;
+    shared->seal = built.out.substr(0, 64);
+  }
+  static void TearDownTestSuite() { delete shared; }
+
+  static testing::CommandResult builder(const fs::path& repository, const fs::path& out, std::vector<std::string> options) {
+    std::vector<std::string> argv{(testing::source_dir() / "tools/zorvi-package").string(), "build", repository.string(),
+                                  out.string(), "--origin", "https://127.0.0.1:8443"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    return testing::run_command(argv);
+  }
+
+  struct Shared {
+    testing::TufRepository repository;
+    TempDir dir;
+    fs::path package = dir / "package";
+    std::string seal;
+  };
+  static inline Shared* shared = nullptr;
+};
+
+TEST_F(NativePackageTest, BuilderSealsWhatTheReaderProves) {
+  EXPECT_EQ(shared->seal, digest(testing::read_text(shared->package / "initial-package.json"), "sha256"));
+  std::size_t files = 0;
+  const NativePackage package = read_native_package(shared->package, shared->seal, [&](std::uint64_t done, std::uint64_t total) {
+    files += done == total;
+    return true;
+  });
+  EXPECT_EQ(files, 13u);  // root, CA, 2 manifests, 2 archives, icon, definition and 5 theme files
+  EXPECT_EQ(package.launcher.snapshot.build_id + package.bootstrap.build_id + package.origin, "b1s1https://127.0.0.1:8443");
+  EXPECT_EQ(digest(testing::read_text(package.bootstrap_archive()), "sha256"), package.bootstrap.archive_sha256);
+  EXPECT_EQ(package.ca_bundle, testing::read_text(shared->repository.server->ca_bundle()));
+  ASSERT_TRUE(package.theme && package.featured_game);
+  EXPECT_EQ(package.theme->files.front().first, "DejaVuSans-Bold.ttf");
+  EXPECT_EQ(package.featured_game->name.size(), 80u);
+
+  EXPECT_EQ(package_brand(shared->package, shared->seal), (Brand{"Acme Games", "acme", "Acme", true}));
+  EXPECT_EQ(package_brand_icon(shared->package, shared->seal)->size(), 26u);
+  EXPECT_EQ(package_theme(shared->package, shared->seal)->accent_hover, (Rgb{0x2d, 0x6c, 0xd6}));
+  EXPECT_EQ(package_featured_game(shared->package, shared->seal)->id, "demo");
+  EXPECT_EQ(outcome([&] { read_native_package(shared->package, shared->seal, [](auto, auto) { return false; }); }),
+            "cancelled: File verification cancelled");
+}
+
+TEST_F(NativePackageTest, BuilderRefusesAMissingTargetAndLeavesNothing) {
+  TempDir dir;
+  testing::run_command({"python3", (testing::source_dir() / "tests/tuf_repository.py").string(), (dir / "bare").string(), "build"});
+  const testing::CommandResult result = builder(dir / "bare", dir / "out", {});
+  EXPECT_EQ(std::to_string(result.status) + " " + result.err,
+            "1 zorvi-package: The repository has no target bootstrap-linux-x86_64.manifest.json\n");
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);  // only "bare"
+}
+
+// A copy of the built package with one thing changed, and sealed again
+// unless the row says otherwise.
+struct Edit {
+  fs::path dir; json descriptor; std::string seal; bool reseal = true;
+
+  // New bytes for the file a descriptor resource names, described truly.
+  void replace(const json::json_pointer& at, const std::string& bytes) {
+    testing::write_text(dir / descriptor[at]["path"].get<std::string>(), bytes);
+    descriptor[at]["length"] = bytes.size();
+    descriptor[at]["sha256"] = digest(bytes, "sha256");
+  }
+  json manifest(const char* name) const { return parse_json(testing::read_text(dir / descriptor[name]["path"].get<std::string>()), 1 << 20); }
+};
+
+TEST_F(NativePackageTest, EachFailureRowIsReached) {
+  using Change = std::function<void(Edit&)>;
+  enum Reader { full, theme, icon };
+  const std::vector<std::tuple<Change, Reader, std::string>> rows = {
+      {[](Edit& e) { e.seal = ""; }, full, "native_install_trust: This installer has no package seal; build it with ZORVI_INITIAL_PACKAGE_SHA256"},
+      {[](Edit& e) { e.seal = "x"; }, theme, "native_install_trust: This installer has no package seal"},
+      {[](Edit& e) { e.descriptor["origin"] = "https://127.0.0.1:8444"; e.reseal = false; }, full, "native_install_trust: This package is not the one this installer was built for"},
+      {[](Edit& e) { fs::rename(e.dir, e.dir.string() + ".real"); fs::create_directory_symlink(e.dir.string() + ".real", e.dir); }, full, "invalid_native_package: Choose an initial package directory"},
+      {[](Edit& e) { e.descriptor["origin"] = 443; }, full, "invalid_native_package: Initial package metadata is malformed"},
+      {[](Edit& e) { e.descriptor.erase("ca_bundle"); }, full, "invalid_native_package: Initial package record has unknown or missing fields"},
+      {[](Edit& e) { e.descriptor["root"]["length"] = -1; }, full, "invalid_native_package: Resource length must be an unsigned integer"},
+      {[](Edit& e) { e.descriptor["root"]["sha256"] = std::string(64, 'A'); }, full, "invalid_native_package: Resource hash must be a lowercase SHA-256 digest"},
+      {[](Edit& e) { e.descriptor["root"]["path"] = "initial-package.json"; }, full, "invalid_native_package: Initial package resources need distinct flat names"},
+      {[](Edit& e) { e.descriptor["ca_bundle"] = e.descriptor["root"]; }, full, "invalid_native_package: Initial package resources overlap"},
+      {[](Edit& e) { testing::write_text(e.dir / ".DS_Store", ""); }, full, "invalid_native_package: Initial package contains an unexpected entry: .DS_Store"},
+      {[](Edit& e) { fs::remove(e.dir / "bootstrap-s1.tar.zst"); }, full, "invalid_native_package: Initial package is missing a resource"},
+      {[](Edit& e) { fs::rename(e.dir / "root.json", e.dir / "r"); fs::create_symlink("r", e.dir / "root.json"); }, full, "invalid_native_package: Initial package resource is missing or not a plain file"},
+      {[](Edit& e) { e.replace("/brand/icon"_json_pointer, std::string("\0\0\1\0", 4) + std::string(17, 'i')); }, full, "invalid_native_package: The brand icon is not an .ico file"},
+      {[](Edit& e) { e.descriptor["brand"]["colour"] = "red"; }, full, "invalid_native_package: Brand has unknown or missing fields"},
+      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"] = json::array(); }, full, "invalid_native_package: Brand theme files must be an object"},
+      {[](Edit& e) { e.descriptor["brand"]["theme"]["definition"]["path"] = "root.json"; }, full, "invalid_native_package: Brand theme definition must be theme.json"},
+      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"]["icon.bmp"]["path"] = "theme-banner.bmp"; }, full, "invalid_native_package: Brand theme files are stored as theme-NAME"},
+      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"].erase("LICENSE.txt"); fs::remove(e.dir / "theme-LICENSE.txt"); }, theme, "invalid_native_package: Brand theme files differ from its definition"},
+      {[](Edit& e) { e.descriptor["featured_game"].erase("name"); }, full, "invalid_native_package: Featured game must name an id and a display name"},
+      {[](Edit& e) { e.descriptor["featured_game"]["name"] = std::string(81, 'n'); }, full, "invalid_native_package: Featured game name must be 1 to 80 bytes"},
+      {[](Edit& e) { e.descriptor["schema_version"] = 2; }, full, "unsupported_schema: Unsupported initial package schema"},
+      {[](Edit& e) { e.descriptor["platform"] = "macos-aarch64"; }, full, "launcher_incompatible: This package is for another platform"},
+      {[](Edit& e) { json m = e.manifest("launcher_manifest"); m["platform"] = "macos-aarch64"; e.replace("/launcher_manifest"_json_pointer, m.dump()); }, full, "launcher_incompatible: Package images are for another platform"},
+      {[](Edit& e) { e.descriptor["origin"] = "https://127.0.0.1:8443/zorvi"; }, full, "invalid_origin: The package origin must be a plain HTTPS origin"},
+      {[](Edit& e) { testing::run_python(expired_root_script, {(shared->repository.repo / "state.pickle").string(), (e.dir / "root.json").string()}); e.replace("/root"_json_pointer, testing::read_text(e.dir / "root.json")); }, full, "expired_metadata: The initial package's TUF root has expired"},
+      {[](Edit& e) { e.descriptor["root"]["length"] = 0; }, full, "size_limit: Initial package resource exceeds its size limit"},
+      {[](Edit& e) { json m = e.manifest("bootstrap_manifest"); m["archive"]["length"] = (1u << 30) + 1u; e.replace("/bootstrap_manifest"_json_pointer, m.dump()); }, full, "size_limit: Initial package payload is too large"},
+      {[](Edit& e) { for (auto& [name, file] : e.descriptor["brand"]["theme"]["files"].items()) file["length"] = 4194304; }, theme, "size_limit: Brand theme files exceed 16 MiB together"},
+      {[](Edit& e) { e.descriptor["root"]["length"] = e.descriptor["root"]["length"].get<int>() + 1; }, full, "content_mismatch: Initial package resource has the wrong length"},
+      {[](Edit& e) { std::string a = testing::read_text(e.dir / "launcher-b1.tar.zst"); a.back() ^= 1; testing::write_text(e.dir / "launcher-b1.tar.zst", a); }, full, "content_mismatch: Initial package resource changed: launcher-b1.tar.zst"},
+      {[](Edit& e) { testing::write_text(e.dir / "brand.ico", std::string(26, 'x')); }, icon, "content_mismatch: Initial package icon differs from its descriptor"},
+  };
+  for (const auto& [change, reader, expected] : rows) {
+    TempDir dir;
+    Edit edit{dir / "package", {}, shared->seal};
+    fs::copy(shared->package, edit.dir, fs::copy_options::recursive);
+    edit.descriptor = parse_json(testing::read_text(edit.dir / "initial-package.json"), 1 << 20);
+    change(edit);
+    const fs::path real = fs::is_symlink(edit.dir) ? fs::read_symlink(edit.dir) : edit.dir;
+    testing::write_text(real / "initial-package.json", edit.descriptor.dump());
+    if (edit.reseal && edit.seal == shared->seal) edit.seal = digest(edit.descriptor.dump(), "sha256");
+    EXPECT_EQ(outcome([&] {
+      if (reader == full) read_native_package(edit.dir, edit.seal, {});
+      if (reader == theme) package_theme(edit.dir, edit.seal);
+      if (reader == icon) package_brand_icon(edit.dir, edit.seal);
+    }), expected);
+  }
+}
+
+}  // namespace
+}  // namespace zorvi

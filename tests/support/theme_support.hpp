@@ -1,0 +1,23 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "client/domain/json.hpp"
+
+namespace zorvi::testing {
+
+// Copies the DejaVu regular and bold fonts into `folder` and writes BMPs
+// with Python's struct module, so the fixtures come from tools that are not
+// ours. Each image is NAME:WIDTH:HEIGHT:BITS:EXTRA.
+void write_theme_files(const std::filesystem::path& folder, const std::vector<std::string>& images);
+
+// The client's own colours, written out as a definition.
+json default_definition();
+
+// Readable everywhere: the two hover colours deepened, sizes at both bounds,
+// both fonts, "icon.bmp", "banner.bmp" and the notice "LICENSE.txt".
+json good_definition();
+
+}  // namespace zorvi::testing
