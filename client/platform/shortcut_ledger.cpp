@@ -51,11 +51,11 @@ std::vector<OwnedShortcut> read_ledger(const std::filesystem::path& data_root) {
   const std::filesystem::path file = ledger_file(data_root);
   if (!entry_present(file)) return {};
   const std::string malformed = "Shortcut list is malformed: " + path_utf8(file);
+  const std::string text = read_file(file, max_shortcut_ledger);
   json document;
   try {
-    document = parse_json(read_file(file, max_shortcut_ledger), max_shortcut_ledger);
-  } catch (const Error& failure) {
-    if (failure.code == "file_read" || failure.code == "size_limit") throw;
+    document = parse_json(text, max_shortcut_ledger);
+  } catch (const Error&) {
     throw Error("shortcut_ledger", malformed);
   }
   const bool known = document.is_object() && document.value("schema_version", json()) == 1 &&
