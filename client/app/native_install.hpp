@@ -1,0 +1,92 @@
+#pragma once
+
+// Installs a proven initial package into a data folder, or repairs one,
+// without a network. Everything is unpacked and checked in a staging folder
+// inside the data folder first, so the live installation only ever sees
+// renames on one volume and atomic writes, under a marker that says a commit
+// is under way. A repair looks only at what it finds, so it can always be
+// run again, from wherever a crash left things.
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/app/brand.hpp"
+#include "client/domain/crypto.hpp"
+#include "client/domain/json.hpp"
+#include "client/platform/native_lock.hpp"
+
+namespace zorvi {
+
+// The fixed places of one data folder.
+struct DataPaths {
+  explicit DataPaths(const std::filesystem::path& folder);
+
+  std::filesystem::path root, native, incomplete, setup_lock, bootstrap_lock, installation, status, bootstrap,
+      bootstrap_manifest, staging, launcher, trust, repository, repository_ca;
+};
+
+struct NativeInstallRequest {
+  std::filesystem::path package;
+  std::filesystem::path data_folder;
+  bool repair = false;
+  bool shortcut = false;  // the main shortcut, on a plain install
+};
+
+struct NativeSetupCallbacks {
+  std::function<void(std::string_view phase, std::uint64_t done, std::uint64_t total)> progress;
+  std::function<bool()> cancelled;  // may be empty
+  std::function<void(const std::filesystem::path& root)> seed_launcher;
+};
+
+struct NativeInstallResult {
+  std::filesystem::path data_root;
+  bool repaired = false;
+  std::vector<std::string> replaced;  // "bootstrap", "launcher", "trust"
+  std::filesystem::path bootstrap;
+  std::vector<std::filesystem::path> shortcuts;
+  std::string warning;
+
+  json to_json() const;
+};
+
+// Refuses an installation record that is not exactly known.
+void check_installation(const DataPaths& paths);
+
+// A data folder the installer may work on: absolute and normal, not a
+// filesystem root, not a symbolic link.
+std::filesystem::path data_folder(const std::filesystem::path& path);
+
+// Whether `inner` is `outer` or below it, by names.
+bool within(const std::filesystem::path& inner, const std::filesystem::path& outer);
+
+// Waits up to `timeout_ms` until no bootstrap, launcher or game of the folder
+// runs, and gives the bootstrap lock held so that none can start.
+std::unique_ptr<NativeFileLock> wait_for_zorvi_closed(const DataPaths& paths, std::int64_t timeout_ms,
+                                                      const std::function<bool()>& cancelled);
+
+// The per-user data folder, beside it under the brand's name for a brand.
+std::filesystem::path default_install_folder(const std::optional<Brand>& brand);
+
+// The plain `seed_launcher` callback: the first launcher of the package at
+// `package`, its manifest proved through the seal and the descriptor alone
+// (the archive is held to that manifest file by file as it is unpacked).
+std::function<void(const std::filesystem::path& root)> package_launcher_seeder(const std::filesystem::path& package,
+                                                                             std::string_view seal);
+
+class NativeInstaller {
+public:
+  static NativeInstallResult install(const NativeInstallRequest& request, std::string_view seal,
+                                     const NativeSetupCallbacks& callbacks);
+
+  // Builds the first launcher store under `root` from the package's launcher.
+  static void seed_launcher(const std::filesystem::path& root, std::string_view manifest,
+                            const std::filesystem::path& archive, const Progress& progress);
+};
+
+}  // namespace zorvi

@@ -1,0 +1,147 @@
+#include "client/app/native_install.hpp"
+
+#include <gtest/gtest.h>
+
+#include "client/app/launcher.hpp"
+#include "client/domain/snapshot.hpp"
+#include "client/platform/files.hpp"
+#include "tests/support/sample_launcher.hpp"
+
+namespace zorvi {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TempDir;
+
+// A package of a python-tuf repository served by nginx, made by the real
+// builder, and data folders to install it into.
+class NativeInstall : public ::testing::Test {
+protected:
+  static void SetUpTestSuite() {
+    shared = new Shared;
+    testing::SampleBootstrapRelease(shared->repository.dir.path(), "1.0.0").publish(shared->repository);
+    testing::SampleRelease(shared->repository.dir.path(), "1.0.0").publish(shared->repository);
+    std::string origin = shared->repository.server->base_url();
+    origin.pop_back();
+    const testing::CommandResult built = testing::run_command(
+        {testing::source_dir() / "tools/zorvi-package", "build", shared->repository.repo, shared->package, "--origin",
+         origin, "--ca-bundle", shared->repository.server->ca_bundle()});
+    ASSERT_EQ(built.status, 0) << built.err;
+    shared->seal = built.out.substr(0, 64);
+  }
+  static void TearDownTestSuite() { delete shared; }
+
+  static NativeInstallResult install(const fs::path& folder, bool repair = false,
+                                     std::function<bool()> cancelled = {}) {
+    const NativeSetupCallbacks callbacks{{}, std::move(cancelled), package_launcher_seeder(shared->package, shared->seal)};
+    return NativeInstaller::install({shared->package, folder, repair, false}, shared->seal, callbacks);
+  }
+  // The installed bootstrap, its first launcher and the trust root all work.
+  static void expect_working(const fs::path& folder) {
+    const DataPaths paths(folder);
+    EXPECT_FALSE(entry_present(paths.incomplete));
+    EXPECT_FALSE(entry_present(paths.staging));
+    const LauncherStore store = LauncherStore::existing(folder);
+    const json version = store.status()["candidate"].is_null() ? store.status()["active"] : store.status()["candidate"];
+    EXPECT_NO_THROW(verify_snapshot_tree(store.manifest(version).snapshot, store.payload(version), {}));
+    TufClient client(paths.trust, *shared->repository.metadata, *shared->repository.targets, {1 << 20, 1 << 16, 1 << 22, 8, 8}, {});
+    EXPECT_NO_THROW(client.refresh());
+  }
+
+  struct Shared {
+    testing::TufRepository repository;
+    TempDir dir;
+    fs::path package = dir / "package";
+    std::string seal;
+  };
+  static Shared* shared;
+  TempDir dir;
+  fs::path data = fs::canonical(dir.path()) / "Zorvi Data";
+};
+NativeInstall::Shared* NativeInstall::shared = nullptr;
+
+TEST_F(NativeInstall, InstallsAPackageThatStartsAndRepairsOnlyWhatIsDamaged) {
+  const NativeInstallResult first = install(data);
+  EXPECT_EQ(first.to_json()["replaced"], json({"bootstrap", "launcher", "trust"}));
+  EXPECT_EQ(first.bootstrap, data / "native/bootstrap/bin/zorvi-bootstrap");
+  expect_working(data);
+  const json repository = json::parse(testing::read_text(data / "repository.json"));
+  EXPECT_EQ(repository["ca_bundle"], (data / "repository-ca.pem").string());
+  // The installed bootstrap runs the first launcher, which becomes active.
+  const testing::CommandResult started = testing::run_command({first.bootstrap, "--data-dir", data, "--gui"});
+  EXPECT_EQ(started.status, 0) << started.err;
+  EXPECT_FALSE(LauncherStore::existing(data).status()["active"].is_null());
+
+  EXPECT_EQ(install(data, true).replaced, std::vector<std::string>{});
+  fs::resize_file(data / "native/bootstrap/bin/zorvi-bootstrap", 10);
+  fs::remove(data / "trust/root.json");
+  EXPECT_EQ(install(data, true).replaced, (std::vector<std::string>{"bootstrap", "trust"}));
+  expect_working(data);
+  EXPECT_EQ(json::parse(testing::read_text(data / "native/setup-status.json"))["outcome"], "succeeded");
+}
+
+TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
+  const fs::path empty = dir / "empty", notes = dir / "notes", earlier = dir / "earlier", link = dir / "link";
+  fs::create_directories(empty);
+  fs::create_directories(earlier / "userdata");
+  fs::create_directories(notes);
+  testing::write_text(notes / "notes.txt", "mine");
+  testing::write_text(earlier / "notes.txt", "mine");
+  fs::create_directory_symlink(empty, link);
+  install(data);
+  const std::string folder = data.string();
+  // Cancels once the install has begun to unpack into its staging folder.
+  const auto unpacking = [](const fs::path& target) { return [target] { return fs::exists(target / "native/staging"); }; };
+  const std::pair<std::function<void()>, std::string> rows[] = {
+      {[&] { install(dir / "fresh", true); }, "not_installed: Zorvi is not installed in " + (dir / "fresh").string()},
+      {[&] { install(empty, true); }, "not_installed: Zorvi is not installed in " + empty.string()},
+      {[&] { install(data); }, "already_installed: Zorvi is already installed in " + folder + "; use repair"},
+      {[&] { install(notes); }, "unsafe_path: Choose an empty folder or an earlier Zorvi data folder"},
+      {[&] { install(""); }, "unsafe_path: Choose a data folder"},
+      {[&] { install("/"); }, "unsafe_path: The data folder cannot be a filesystem root"},
+      {[&] { install(link); }, "unsafe_path: The data folder cannot be a symbolic link"},
+      {[&] { install(shared->package / "data"); }, "unsafe_path: The package and data folders overlap"},
+      {[&] { install(dir / "new", false, unpacking(dir / "new")); }, "cancelled: Operation cancelled at a safe boundary"},
+      {[&] { install(empty, false, unpacking(empty)); }, "cancelled: Operation cancelled at a safe boundary"},
+  };
+  for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
+  EXPECT_FALSE(fs::exists(dir / "new"));  // a failed install into a new folder leaves none
+  EXPECT_TRUE(fs::is_empty(empty));       // nor a lock in a folder that was empty
+  EXPECT_NO_THROW(install(earlier));      // user data marks an earlier data folder
+  {
+    const NativeFileLock running(data / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install,
+                                 LockMode::shared);
+    EXPECT_EQ(testing::outcome([&] { install(data, true); }),
+              "zorvi_running: Zorvi or a game from this folder is still running; close it and try again");
+  }
+  testing::write_text(data / "native/installation.json", R"({"schema_version": 2})");
+  EXPECT_EQ(testing::outcome([&] { install(data, true); }),
+            "unsupported_schema: Unsupported installation record " + folder + "/native/installation.json");
+}
+
+// Kills a real install after each of its durable steps; a repair (or, before
+// any commit began, a new install) always ends with a working installation.
+TEST_F(NativeInstall, AKillAtEveryDurableStepIsFinishedByTheNextSetup) {
+  const auto entry = [&](const fs::path& folder, const std::string& kill_at, bool repair = false) {
+    std::vector<std::string> argv{"env", "ZORVI_TEST_KILL_AT_STEP=" + kill_at, "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(),
+                                  testing::binary_dir() / "install_entry", shared->seal, shared->package, folder};
+    if (repair) argv.emplace_back("--repair");
+    return testing::run_command(argv);
+  };
+  ASSERT_EQ(entry(dir / "count", "0").status, 0);
+  const int total = std::stoi(testing::read_text(dir / "steps"));
+  ASSERT_GT(total, 20);
+  RecordProperty("durable_steps", total);
+  for (int step = 1; step < total; ++step) {
+    SCOPED_TRACE(step);
+    const fs::path folder = dir / ("round-" + std::to_string(step));
+    ASSERT_EQ(entry(folder, std::to_string(step)).status, 128 + 9);
+    const bool begun = entry_present(folder / ".zorvi-setup-incomplete") || entry_present(folder / "native/installation.json");
+    const testing::CommandResult next = entry(folder, "0", begun);
+    ASSERT_EQ(next.status, 0) << next.out;
+    expect_working(folder);
+  }
+}
+
+}  // namespace
+}  // namespace zorvi
