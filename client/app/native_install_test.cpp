@@ -114,32 +114,60 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
     EXPECT_EQ(testing::outcome([&] { install(data, true); }),
               "zorvi_running: Zorvi or a game from this folder is still running; close it and try again");
   }
+  // A package changed after it was sealed installs nothing.
+  const fs::path tampered = dir / "tampered";
+  testing::run_command({"cp", "-a", shared->package, tampered});
+  testing::write_text(tampered / "notes.txt", "");
+  EXPECT_EQ(testing::outcome([&] { NativeInstaller::install({tampered, dir / "t", false, false}, shared->seal, {}); }),
+            "invalid_native_package: Initial package contains an unexpected entry: notes.txt");
+  EXPECT_FALSE(fs::exists(dir / "t"));
   testing::write_text(data / "native/installation.json", R"({"schema_version": 2})");
   EXPECT_EQ(testing::outcome([&] { install(data, true); }),
             "unsupported_schema: Unsupported installation record " + folder + "/native/installation.json");
 }
 
-// Kills a real install after each of its durable steps; a repair (or, before
-// any commit began, a new install) always ends with a working installation.
-TEST_F(NativeInstall, AKillAtEveryDurableStepIsFinishedByTheNextSetup) {
-  const auto entry = [&](const fs::path& folder, const std::string& kill_at, bool repair = false) {
-    std::vector<std::string> argv{"env", "ZORVI_TEST_KILL_AT_STEP=" + kill_at, "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(),
+// Kills a real install, and a repair, after each of their durable steps: the
+// next setup always ends with a working installation, and the user's data
+// stays as it was. ZORVI_CRASH_ROUNDS repeats the campaign.
+TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheNextRepair) {
+  const auto entry = [&](const fs::path& folder, int kill_at, bool repair) {
+    std::vector<std::string> argv{"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
+                                  "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(),
                                   testing::binary_dir() / "install_entry", shared->seal, shared->package, folder};
     if (repair) argv.emplace_back("--repair");
     return testing::run_command(argv);
   };
-  ASSERT_EQ(entry(dir / "count", "0").status, 0);
-  const int total = std::stoi(testing::read_text(dir / "steps"));
-  ASSERT_GT(total, 20);
-  RecordProperty("durable_steps", total);
-  for (int step = 1; step < total; ++step) {
-    SCOPED_TRACE(step);
-    const fs::path folder = dir / ("round-" + std::to_string(step));
-    ASSERT_EQ(entry(folder, std::to_string(step)).status, 128 + 9);
-    const bool begun = entry_present(folder / ".zorvi-setup-incomplete") || entry_present(folder / "native/installation.json");
-    const testing::CommandResult next = entry(folder, "0", begun);
-    ASSERT_EQ(next.status, 0) << next.out;
-    expect_working(folder);
+  const auto steps = [&] { return std::stoi(testing::read_text(dir / "steps")); };
+  const fs::path folder = dir / "folder", saved = folder / "userdata/save.dat", damaged = dir / "damaged";
+  // A complete installation with all three parts damaged, for the repair road.
+  ASSERT_EQ(entry(damaged, 0, false).status, 0);
+  fs::remove_all(damaged / "launcher");
+  fs::remove(damaged / "trust/root.json");
+  fs::resize_file(damaged / "native/bootstrap/bin/zorvi-bootstrap", 10);
+  const auto fresh = [&](bool repair) {
+    fs::remove_all(folder);
+    if (repair) testing::run_command({"cp", "-a", damaged, folder});
+    fs::create_directories(saved.parent_path());
+    testing::write_text(saved, "level 7");
+  };
+  const char* rounds = std::getenv("ZORVI_CRASH_ROUNDS");
+  for (int round = 0; round < (rounds ? std::atoi(rounds) : 1); ++round) {
+    for (const bool repair : {false, true}) {
+      fresh(repair);
+      ASSERT_EQ(entry(folder, 0, repair).status, 0);
+      const int total = steps();
+      ASSERT_GT(total, 20);
+      for (int step = 1; step < total; ++step) {
+        SCOPED_TRACE((repair ? "repair, step " : "install, step ") + std::to_string(step));
+        fresh(repair);
+        ASSERT_EQ(entry(folder, step, repair).status, 128 + 9);
+        const bool begun = entry_present(folder / ".zorvi-setup-incomplete") || entry_present(folder / "native/installation.json");
+        const testing::CommandResult next = entry(folder, 0, begun);
+        ASSERT_EQ(next.status, 0) << next.out;
+        expect_working(folder);
+        EXPECT_EQ(testing::read_text(saved), "level 7");
+      }
+    }
   }
 }
 

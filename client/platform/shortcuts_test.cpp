@@ -106,6 +106,10 @@ TEST(LaunchDocumentCreation, TheDesktopOpensTheDocumentWithTheRegisteredHelper) 
   ASSERT_NE(start, std::string::npos) << handler;
   const fs::path entry = home.path() / "share/applications" / handler.substr(start, handler.find(".desktop", start) + 8 - start);
   EXPECT_EQ(testing::run_command({"desktop-file-validate", entry.native()}).status, 0);
+  // The freedesktop tools a desktop without GLib asks give the same answers.
+  EXPECT_EQ(testing::run_command({"xdg-mime", "query", "filetype", document.native()}).out, "application/x-zorvi-launch\n");
+  EXPECT_EQ(testing::run_command({"xdg-mime", "query", "default", "application/x-zorvi-launch"}).out,
+            entry.filename().native() + "\n");
   ASSERT_EQ(testing::run_command({"gio", "launch", entry.native(), document.native()}).status, 0);
   EXPECT_EQ(ran_by(home.bootstrap().parent_path() / "ZorviShortcut.app/Contents/MacOS/x"), document.native() + "\n");
 }
@@ -176,7 +180,7 @@ TEST(Shortcuts, ConcurrentWritersShareTheBoundedLedger) {
   std::vector<pid_t> children;
   for (const char* game : {"one", "two"}) {
     const pid_t pid = ::fork();
-    if (pid == 0) _exit(testing::outcome([&] { create_owned_native_shortcut(home.shortcut(game), native_menu_entry(home.root(), game, "")); }) == "ok" ? 0 : 1);
+    if (pid == 0) { const std::string result = testing::outcome([&] { create_owned_native_shortcut(home.shortcut(game), native_menu_entry(home.root(), game, "")); }); if (result != "ok") std::fprintf(stderr, "child: %s\n", result.c_str()); _exit(result == "ok" ? 0 : 1); }
     children.push_back(pid);
   }
   for (pid_t pid : children) {
