@@ -76,8 +76,8 @@ PlatformedGame parse_platformed_game(const json& document, const std::filesystem
   game.build = identifier_member(document, "build");
   if (document.contains("channel")) game.channel = identifier_member(document, "channel");
   game.executable = path_member(document, "executable", folder);
-  game.crash_service = crash_service(document);
   if (document.contains("ca_bundle")) game.ca_bundle = path_member(document, "ca_bundle", folder);
+  game.crash_service = crash_service(document);
   return game;
 }
 

@@ -51,6 +51,7 @@ TEST(PlatformedGame, RefusesEachFaultWithItsOwnSentence) {
       {R"({"name": ""})"_json, "zorvi-platform.json has an unusable \"name\""},
       {R"({"executable": "linked/star-miner"})"_json, "zorvi-platform.json has an unusable \"executable\""},
       {R"({"crash_service": "https://:8443"})"_json, "zorvi-platform.json needs \"crash_service\" as a plain https:// origin"},
+      {R"({"ca_bundle": "../ca.pem", "crash_service": "http://crash.example"})"_json, "zorvi-platform.json has an unusable \"ca_bundle\""},
   };
   for (const auto& [patch, message] : rows) EXPECT_EQ(with(patch), "platformed_config: " + message) << patch.dump();
   EXPECT_EQ(with(R"({"executable": "real/star-miner", "channel": null, "ca_bundle": null})"_json), "ok");

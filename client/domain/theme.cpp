@@ -337,7 +337,7 @@ Theme parse_theme(const json& definition, const ThemeResolver& resolver) {
 std::optional<Theme> load_theme(const std::filesystem::path& directory) {
   const auto definition = directory / "theme.json";
   if (!entry_present(definition)) return std::nullopt;
-  const json document = parse_json(read_plain(definition, max_theme_definition_bytes), max_theme_definition_bytes);
+  const json document = parse_json(read_file(definition, max_theme_definition_bytes), max_theme_definition_bytes);
   return parse_theme(document, [&](const std::string& name) { return directory / name; });
 }
 
