@@ -157,6 +157,7 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheN
       ASSERT_EQ(entry(folder, 0, repair).status, 0);
       const int total = steps();
       ASSERT_GT(total, 20);
+      RecordProperty(repair ? "repair_steps" : "install_steps", total);
       for (int step = 1; step < total; ++step) {
         SCOPED_TRACE((repair ? "repair, step " : "install, step ") + std::to_string(step));
         fresh(repair);
