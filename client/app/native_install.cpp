@@ -267,22 +267,26 @@ void require_installable(const DataPaths& paths, bool fresh, bool repair) {
   require(repair || !complete, "already_installed", "Zorvi is already installed in " + folder + "; use repair");
   require(!repair || complete || marker, "not_installed", "Zorvi is not installed in " + folder);
   if (repair || fresh) return;
-  bool empty = true, known = false, only_lock = true;
-  std::size_t seen = 0;
-  for (const auto& entry : fs::directory_iterator(paths.root)) {
-    require(++seen <= max_lease_scan, "unsafe_path", "Choose an empty folder or an earlier Zorvi data folder");
-    const std::string name = entry.path().filename().string();
-    empty = false;
-    if (name != ".zorvi-setup.lock") only_lock = false;
-    if (name == "native" || name == "launcher" || name == "userdata" || name == "settings.json") known = true;
+  constexpr const char* unusable = "Choose an empty folder or an earlier Zorvi data folder";
+  // Something that is not a directory, or cannot be listed, is no folder to install into.
+  std::error_code error;
+  fs::directory_iterator walk(paths.root, error);
+  require(!error, "unsafe_path", unusable);
+  std::size_t foreign = 0;
+  for (; walk != fs::directory_iterator(); walk.increment(error)) {
+    const std::string name = walk->path().filename().string();
+    if (name == "native" || name == "launcher" || name == "userdata" || name == "settings.json") return;
+    if (name != ".zorvi-setup.lock") require(++foreign <= max_lease_scan, "unsafe_path", unusable);
   }
-  require(empty || only_lock || known, "unsafe_path", "Choose an empty folder or an earlier Zorvi data folder");
+  require(!error && foreign == 0, "unsafe_path", unusable);
 }
 
 NativeInstallResult locked_install(const DataPaths& paths, const NativePackage& package,
-                                   const NativeInstallRequest& request, const NativeSetupCallbacks& callbacks) {
+                                   const NativeInstallRequest& request, const NativeSetupCallbacks& callbacks,
+                                   bool& holds_setup_lock) {
   private_directory(paths.root);
   const NativeFileLock setup(paths.setup_lock, true, NativeLockSharing::shared_install, LockMode::exclusive);
+  holds_setup_lock = true;
   private_directory(paths.native);
   NativeInstallResult result;
   {
@@ -423,9 +427,14 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
   struct stat status {};
   const bool fresh = ::lstat(paths.root.c_str(), &status) != 0;
   require_installable(paths, fresh, request.repair);
+  bool holds_setup_lock = false;
   try {
-    return locked_install(paths, package, request, callbacks);
+    return locked_install(paths, package, request, callbacks, holds_setup_lock);
   } catch (const std::exception& failure) {
+    // A setup lock held elsewhere means another installer is at work in this
+    // folder: what stands there is its work, not ours to clean up or report.
+    const auto* error = dynamic_cast<const Error*>(&failure);
+    if (!holds_setup_lock && error != nullptr && error->code == "busy") throw;
     if (request.repair) {
       write_status(paths, "repair", "failed", failure.what());
     } else {

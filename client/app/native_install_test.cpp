@@ -101,6 +101,7 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
       {[&] { install("/"); }, "unsafe_path: The data folder cannot be a filesystem root"},
       {[&] { install(link); }, "unsafe_path: The data folder cannot be a symbolic link"},
       {[&] { install(shared->package / "data"); }, "unsafe_path: The package and data folders overlap"},
+      {[&] { const NativeFileLock other(empty / ".zorvi-setup.lock", true, NativeLockSharing::shared_install, LockMode::exclusive); install(empty); }, "busy: Another worker owns this native installation"},
       {[&] { install(dir / "new", false, unpacking(dir / "new")); }, "cancelled: Operation cancelled at a safe boundary"},
       {[&] { install(empty, false, unpacking(empty)); }, "cancelled: Operation cancelled at a safe boundary"},
   };

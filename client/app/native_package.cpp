@@ -201,7 +201,6 @@ void check_fixed_members(const json& rest) {
 }
 
 void check_manifests(const NativePackage& package) {
-  validate_bootstrap_contract(package.bootstrap);
   require(package.launcher.runtime_lease_abi == 2 && package.launcher.staging_abi == 1, "launcher_incompatible",
           "The initial launcher needs the current runtime contracts");
   require(package.bootstrap.platform == native_platform() && package.launcher.snapshot.platform == native_platform(),
@@ -225,11 +224,11 @@ void check_folder(const fs::path& directory, const std::vector<Resource>& resour
   fs::directory_iterator walk(directory, error);
   require(!error, "file_read", with_errno("Cannot list the initial package", error.value()));
   for (; walk != fs::directory_iterator(); walk.increment(error)) {
+    require(walk->symlink_status().type() == fs::file_type::regular, refused,
+            "Initial package resource is missing or not a plain file");
     const std::string name = path_utf8(walk->path().filename());
     require(names.contains(name) && ++entries <= names.size(), refused,
             "Initial package contains an unexpected entry: " + name);
-    require(walk->symlink_status().type() == fs::file_type::regular, refused,
-            "Initial package resource is missing or not a plain file");
   }
   require(!error, "file_read", with_errno("Cannot list the initial package", error.value()));
   require(entries == names.size(), refused, "Initial package is missing a resource");
@@ -277,6 +276,7 @@ NativePackage prove_package(const fs::path& directory, std::string_view seal, co
 
   check_root(package.root);
   package.bootstrap = SnapshotManifest::parse(parse_json(package.bootstrap_manifest, max_package_document_bytes));
+  validate_bootstrap_contract(package.bootstrap);
   package.launcher = LauncherManifest::parse(parse_json(package.launcher_manifest, max_package_document_bytes));
   check_manifests(package);
   resources.push_back({package.bootstrap.archive_target, package.bootstrap.archive_sha256,
