@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -49,8 +50,8 @@ struct Setup {
     seal = built.out.substr(0, 64);
     proved = zorvi::read_native_package(package, seal, {});
     std::ofstream list(checksums);
-    for (const auto& [name, file] : proved.bootstrap.files) list << file.sha256 << "  " << (reference / "b" / name).string() << '\n';
-    for (const auto& [name, file] : proved.launcher.snapshot.files) list << file.sha256 << "  " << (reference / "l" / name).string() << '\n';
+    for (const auto& [name, file] : proved.bootstrap.files) list << file.sha256 << "  " << (reference / "b" / name).native() << '\n';
+    for (const auto& [name, file] : proved.launcher.snapshot.files) list << file.sha256 << "  " << (reference / "l" / name).native() << '\n';
   }
 
   zorvi::testing::TufRepository repository;
@@ -66,28 +67,29 @@ Setup& setup() {
   return instance;
 }
 
-// Points in one install: the package proved, the launcher's seeding begun and ended.
-struct Marks { Clock::time_point begin, proved, seeding, seeded, end; };
+using Totals = std::map<std::string, double>;
 
-Marks install() {
+// One fresh install, its phases added to `t`: the proof of the package, the
+// bootstrap, the launcher's seeding, and the commit after it.
+double install(Totals& t) {
   Setup& s = setup();
-  Marks marks{};
+  Clock::time_point proved{}, seeding, seeded;
   const auto seeder = zorvi::package_launcher_seeder(s.package, s.seal);
   const zorvi::NativeSetupCallbacks callbacks{
       [&](std::string_view phase, std::uint64_t, std::uint64_t) {
-        if (phase == "installing" && marks.proved == Clock::time_point{}) marks.proved = Clock::now();
+        if (phase == "installing" && proved == Clock::time_point{}) proved = Clock::now();
       },
       {},
-      [&](const fs::path& root) {
-        marks.seeding = Clock::now();
-        seeder(root);
-        marks.seeded = Clock::now();
-      }};
-  marks.begin = Clock::now();
+      [&](const fs::path& root) { seeding = Clock::now(), seeder(root), seeded = Clock::now(); }};
+  const auto begin = Clock::now();
   zorvi::NativeInstaller::install({s.package, s.data, false, false}, s.seal, callbacks);
-  marks.end = Clock::now();
+  const auto end = Clock::now();
   fs::remove_all(s.data);
-  return marks;
+  t["proof_ms"] += ms_between(begin, proved);
+  t["bootstrap_ms"] += ms_between(proved, seeding);
+  t["seed_ms"] += ms_between(seeding, seeded);
+  t["commit_ms"] += ms_between(seeded, end);
+  return ms_between(begin, end);
 }
 
 // tar -x of both archives into a fresh folder, then sha256sum -c of the list.
@@ -107,40 +109,34 @@ double reference(double& fsync) {
   return ms_between(begin, checked);
 }
 
-void BM_InstallAgainstTarAndSha256sum(benchmark::State& state) {
-  double own = 0, ref = 0, ref_fsync = 0, proof = 0, bootstrap = 0, seed = 0, commit = 0;
-  install();  // warms both sides
-  reference(ref_fsync);
-  ref_fsync = 0;
-  for (auto _ : state) {
-    const Marks m = install();
-    state.SetIterationTime(ms_between(m.begin, m.end) / 1e3);
-    own += ms_between(m.begin, m.end);
-    proof += ms_between(m.begin, m.proved);
-    bootstrap += ms_between(m.proved, m.seeding);
-    seed += ms_between(m.seeding, m.seeded);
-    commit += ms_between(m.seeded, m.end);
-    ref += reference(ref_fsync);
-  }
-  const double n = static_cast<double>(state.iterations());
-  state.counters["install_ms"] = own / n;
-  state.counters["reference_ms"] = ref / n;
-  state.counters["ratio"] = own / ref;
-  state.counters["reference_fsync_ms"] = ref_fsync / n;
-  state.counters["proof_ms"] = proof / n;
-  state.counters["bootstrap_ms"] = bootstrap / n;
-  state.counters["seed_ms"] = seed / n;
-  state.counters["commit_ms"] = commit / n;
+// Each counter as its mean over the iterations, in milliseconds.
+void report(benchmark::State& state, const Totals& totals) {
+  for (const auto& [name, ms] : totals) state.counters[name] = ms / static_cast<double>(state.iterations());
 }
 
-// The launcher's seeding taken apart: one hash of its archive, one
-// extraction (which checks each file as written and the whole tree at its
-// end), and one more verification of the finished tree.
+void BM_InstallAgainstTarAndSha256sum(benchmark::State& state) {
+  Totals t, warming;
+  install(warming);  // warms both sides
+  reference(warming["reference_fsync_ms"]);
+  for (auto _ : state) {
+    const double own = install(t);
+    state.SetIterationTime(own / 1e3);
+    t["install_ms"] += own;
+    t["reference_ms"] += reference(t["reference_fsync_ms"]);
+  }
+  report(state, t);
+  state.counters["ratio"] = t["install_ms"] / t["reference_ms"];
+}
+
+// The launcher's seeding taken apart: one hash of its archive (as the
+// package proof does), one extraction (which hashes the archive, checks each
+// file as written and proves the whole tree at its end), and, for scale, one
+// proof of the finished tree alone.
 void BM_SeedingParts(benchmark::State& state) {
   Setup& s = setup();
   const zorvi::SnapshotManifest& manifest = s.proved.launcher.snapshot;
   const fs::path tree = s.work / "tree";
-  double archive = 0, extract = 0, verify = 0;
+  Totals t;
   for (auto _ : state) {
     const auto begin = Clock::now();
     benchmark::DoNotOptimize(zorvi::digest_file(s.proved.launcher_archive(), "sha256"));
@@ -150,15 +146,12 @@ void BM_SeedingParts(benchmark::State& state) {
     zorvi::verify_snapshot_tree(manifest, tree, {});
     const auto end = Clock::now();
     state.SetIterationTime(ms_between(begin, end) / 1e3);
-    archive += ms_between(begin, hashed);
-    extract += ms_between(hashed, extracted);
-    verify += ms_between(extracted, end);
+    t["archive_hash_ms"] += ms_between(begin, hashed);
+    t["extract_ms"] += ms_between(hashed, extracted);
+    t["tree_verify_ms"] += ms_between(extracted, end);
     fs::remove_all(tree);
   }
-  const double n = static_cast<double>(state.iterations());
-  state.counters["archive_hash_ms"] = archive / n;
-  state.counters["extract_ms"] = extract / n;
-  state.counters["tree_verify_ms"] = verify / n;
+  report(state, t);
 }
 
 BENCHMARK(BM_InstallAgainstTarAndSha256sum)->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);
