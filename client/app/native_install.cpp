@@ -198,7 +198,6 @@ InstallPlan stage_and_commit(const DataPaths& paths, const NativePackage& packag
   const Progress installing = phase_progress(callbacks, "installing");
   if (plan.bootstrap) {
     extract_snapshot(package.bootstrap, package.bootstrap_archive(), paths.staging / "bootstrap", installing, nullptr);
-    verify_snapshot_tree(package.bootstrap, paths.staging / "bootstrap", installing);
     check_cancelled(callbacks);
   }
   if (plan.launcher) {
