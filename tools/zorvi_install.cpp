@@ -1,6 +1,7 @@
 // zorvi-install: installs the initial package this installer was sealed to.
 //
 //   zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut]
+//   zorvi-install --status DATA_FOLDER
 //
 // The seal is the SHA-256 of the package's descriptor, fixed when the
 // installer is built (ZORVI_INITIAL_PACKAGE_SHA256). The result record is
@@ -28,6 +29,15 @@ void print(const zorvi::Error& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 3 && std::string_view(argv[1]) == "--status") {
+    try {
+      std::cout << zorvi::NativeInstaller::status(argv[2]).to_json().dump() << std::endl;
+      return 0;
+    } catch (const zorvi::Error& error) {
+      print(error);
+      return 1;
+    }
+  }
   zorvi::NativeInstallRequest request;
   int operands = 0;
   for (int index = 1; index < argc; ++index) {
@@ -44,7 +54,7 @@ int main(int argc, char** argv) {
     }
   }
   if (operands != 2) {
-    std::fputs("usage: zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut]\n", stderr);
+    std::fputs("usage: zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut] | --status DATA_FOLDER\n", stderr);
     return 2;
   }
   try {

@@ -55,6 +55,24 @@ struct NativeInstallResult {
   json to_json() const;
 };
 
+// The outcome of the last setup, as "native/setup-status.json" keeps it.
+struct NativeSetupRecord {
+  std::string action, outcome, message, finished_at;
+};
+
+// What a data folder holds, for a report.
+struct NativeInstallStatus {
+  std::filesystem::path data_root;
+  bool installed = false;
+  bool incomplete = false;
+  std::optional<std::string> bootstrap_build, launcher_build;
+  bool bootstrap_update_pending = false;
+  std::vector<std::filesystem::path> shortcuts;
+  std::optional<NativeSetupRecord> last_operation;
+
+  json to_json() const;
+};
+
 // Refuses an installation record that is not exactly known.
 void check_installation(const DataPaths& paths);
 
@@ -83,6 +101,8 @@ class NativeInstaller {
 public:
   static NativeInstallResult install(const NativeInstallRequest& request, std::string_view seal,
                                      const NativeSetupCallbacks& callbacks);
+
+  static NativeInstallStatus status(const std::filesystem::path& data_folder);
 
   // Builds the first launcher store under `root` from the package's launcher.
   static void seed_launcher(const std::filesystem::path& root, std::string_view manifest,
