@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <thread>
 
-#include "client/domain/snapshot.hpp"
 #include "tests/support/sample_launcher.hpp"
 
 namespace zorvi::testing {
@@ -31,36 +30,21 @@ long rounds() {
 }
 
 struct LauncherCrash : ::testing::Test {
-  // The data folder and trust folder are put back by copy at the same paths,
-  // so nothing recorded in them goes stale.
-  void save() const {
-    for (const fs::path& folder : {install.root, repository.trust})
-      ASSERT_EQ(run_command({"cp", "-a", folder, saved.path() / folder.filename()}).status, 0);
+  // 1.0.0 active and 2.0.0 published, as the update finds them.
+  void SetUp() override {
+    install.seed(first);
+    ASSERT_EQ(install.start().status, 0);
+    second.publish(repository);
   }
-  void restore() const {
-    for (const fs::path& folder : {install.root, repository.trust}) {
-      fs::remove_all(folder);
-      ASSERT_EQ(run_command({"cp", "-a", saved.path() / folder.filename(), folder}).status, 0);
-    }
+  std::vector<std::string> killing(long kill_at) const {
+    return {"ZORVI_TEST_STEP_COUNT=" + steps.string(), "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at)};
   }
-  // Runs a crash-test program, killed after step `kill_at` (never when 0).
-  CommandResult run(long kill_at, std::vector<std::string> argv) const {
-    argv.insert(argv.begin(), {"env", "ZORVI_TEST_STEP_COUNT=" + steps.string(),
-                               "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
-                               "ZORVI_SAMPLE_LAUNCHER_LOG=" + install.log.string()});
-    return run_command(argv);
-  }
-  CommandResult stage(long kill_at) const {
-    return run(kill_at, {binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),
-                         repository.server->ca_bundle(), install.root});
-  }
+  CommandResult stage(long kill_at) const { return install.stage(repository, killing(kill_at)); }
   CommandResult entry(long kill_at) const {
-    return run(kill_at, {binary_dir() / "bootstrap_entry", install.root, "gui", "5000"});
-  }
-  // The length of a road: one full run that must succeed, with its steps counted.
-  long road_length(const CommandResult& full) const {
-    EXPECT_EQ(full.status, 0) << full.out << full.err;
-    return std::atol(read_text(steps).c_str());
+    std::vector<std::string> argv{"env", "ZORVI_SAMPLE_LAUNCHER_LOG=" + install.log.string()};
+    for (const std::string& variable : killing(kill_at)) argv.push_back(variable);
+    argv.insert(argv.end(), {binary_dir() / "bootstrap_entry", install.root, "gui", "5000"});
+    return run_command(argv);
   }
 
   // A candidate orphaned by a kill may hold its attempt a moment longer,
@@ -73,12 +57,6 @@ struct LauncherCrash : ::testing::Test {
       result = start();
     }
     return result;
-  }
-  // A start by the crash-test build of the bootstrap, killed after its own
-  // step `kill_at`: recovering from a crash may itself crash.
-  void crashing_start(long kill_at) const {
-    const CommandResult start = patiently([&] { return entry(kill_at); });
-    EXPECT_TRUE(start.status == 0 || start.status == 137) << start.status << start.err;
   }
   // The next start, by the real bootstrap, must run a launcher.
   void expect_working_start() const {
@@ -94,11 +72,43 @@ struct LauncherCrash : ::testing::Test {
   void expect_versions_intact() const {
     const json state = install.store.load();
     ASSERT_FALSE(state["active"].is_null());
-    for (const char* slot : {"active", "rollback"}) {
-      if (state[slot].is_null()) continue;
-      SCOPED_TRACE(slot);
-      const LauncherManifest manifest = install.store.manifest(state[slot]);
-      EXPECT_NO_THROW(verify_snapshot_tree(manifest.snapshot, install.store.payload(state[slot]), {}));
+    for (const char* slot : {"active", "rollback"})
+      if (!state[slot].is_null()) install.expect_intact(state[slot]);
+  }
+
+  // Records the data and trust folders, runs the road once in full (which
+  // must take more than `least` steps and leave the `slots` named), then for every step: puts the folders
+  // back by copy at the same paths, kills the road there, kills the first
+  // start after it at another step (recovering may itself crash), and checks
+  // with `after` once a real start has run a launcher.
+  template <class Road>
+  void campaign(const std::string& name, const Road& road, long least, const std::string& slots,
+                const std::function<void()>& after) {
+    for (const fs::path& folder : {install.root, repository.trust})
+      ASSERT_EQ(run_command({"cp", "-a", folder, saved.path() / folder.filename()}).status, 0);
+    const CommandResult full = road(0);
+    ASSERT_EQ(full.status, 0) << full.out << full.err;
+    ASSERT_EQ(install.slots(), slots);
+    const long total = std::atol(read_text(steps).c_str());
+    ASSERT_GT(total, least);
+    std::cout << name << " road: " << total << " durable steps\n";
+    for (long round = 0; round < rounds(); ++round) {
+      for (long kill_at = 1; kill_at <= total; ++kill_at) {
+        const long then = 1 + (kill_at + round) % start_steps;
+        SCOPED_TRACE("round " + std::to_string(round) + ": " + name + " killed after step " + std::to_string(kill_at) +
+                     ", the next start after step " + std::to_string(then));
+        for (const fs::path& folder : {install.root, repository.trust}) {
+          fs::remove_all(folder);
+          ASSERT_EQ(run_command({"cp", "-a", saved.path() / folder.filename(), folder}).status, 0);
+        }
+        ASSERT_EQ(road(kill_at).status, 137);
+        const CommandResult start = patiently([&] { return entry(then); });
+        EXPECT_TRUE(start.status == 0 || start.status == 137) << start.status << start.err;
+        ASSERT_NO_FATAL_FAILURE(expect_working_start());
+        expect_versions_intact();
+        after();
+        if (HasFatalFailure()) return;
+      }
     }
   }
 
@@ -110,66 +120,27 @@ struct LauncherCrash : ::testing::Test {
 };
 
 TEST_F(LauncherCrash, AStagingKilledAtAnyDurableStepLeavesAWorkingLauncherAndCanBeRedone) {
-  install.seed(first);
-  ASSERT_EQ(install.start().status, 0);
-  second.publish(repository);
-  save();
-  const long total = road_length(stage(0));
-  ASSERT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
   // Refresh, two downloads with their receipts, extraction and the state:
   // far more than a handful, or the counting hook is broken.
-  ASSERT_GT(total, 20);
-  std::cout << "staging road: " << total << " durable steps\n";
-
-  for (long round = 0; round < rounds(); ++round) {
-    for (long kill_at = 1; kill_at <= total; ++kill_at) {
-      const long then = 1 + (kill_at + round) % start_steps;
-      SCOPED_TRACE("round " + std::to_string(round) + ": staging killed after step " + std::to_string(kill_at) +
-                   ", the next start after step " + std::to_string(then));
-      ASSERT_NO_FATAL_FAILURE(restore());
-      ASSERT_EQ(stage(kill_at).status, 137);
-      crashing_start(then);
-      ASSERT_NO_FATAL_FAILURE(expect_working_start());
-      expect_versions_intact();
-      // Whatever the kill left, staging again and one more start end on the new release.
-      const CommandResult again = stage(0);
-      ASSERT_EQ(again.status, 0) << again.out;
-      ASSERT_NO_FATAL_FAILURE(expect_working_start());
-      ASSERT_EQ(install.slots().substr(0, 11), "2.0.0 1.0.0");
-      expect_versions_intact();
-    }
-  }
+  campaign("staging", [&](long kill_at) { return stage(kill_at); }, 20, "1.0.0 - 2.0.0 -", [&] {
+    // Whatever the kill left, staging again and one more start end on the new release.
+    const CommandResult again = stage(0);
+    ASSERT_EQ(again.status, 0) << again.out;
+    ASSERT_NO_FATAL_FAILURE(expect_working_start());
+    ASSERT_EQ(install.slots().substr(0, 11), "2.0.0 1.0.0");
+    expect_versions_intact();
+  });
 }
 
 TEST_F(LauncherCrash, ABootstrapKilledAtAnyDurableStepOfATrialLeavesAWorkingLauncher) {
-  install.seed(first);
-  ASSERT_EQ(install.start().status, 0);
-  second.publish(repository);
   ASSERT_EQ(stage(0).status, 0);
   ASSERT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
-  save();
-  const long total = road_length(entry(0));
-  ASSERT_EQ(install.slots(), "2.0.0 1.0.0 - -");
-  ASSERT_GT(total, 3);  // at least the attempt's save and the confirmation's
-  std::cout << "trial road: " << total << " durable steps\n";
-
-  for (long round = 0; round < rounds(); ++round) {
-    for (long kill_at = 1; kill_at <= total; ++kill_at) {
-      const long then = 1 + (kill_at + round) % start_steps;
-      SCOPED_TRACE("round " + std::to_string(round) + ": bootstrap killed after step " + std::to_string(kill_at) +
-                   ", the next start after step " + std::to_string(then));
-      ASSERT_NO_FATAL_FAILURE(restore());
-      ASSERT_EQ(entry(kill_at).status, 137);
-      crashing_start(then);
-      ASSERT_NO_FATAL_FAILURE(expect_working_start());
-      expect_versions_intact();
-      // A trial that lost its bootstrap is not tried again on its own.
-      const json failed = install.store.load()["failed_candidate"];
-      if (!failed.is_null()) {
-        EXPECT_EQ(failed["problem"], "startup_interrupted");
-      }
-    }
-  }
+  // At least the attempt's save and the confirmation's.
+  campaign("trial", [&](long kill_at) { return entry(kill_at); }, 3, "2.0.0 1.0.0 - -", [&] {
+    // A trial that lost its bootstrap is not tried again on its own.
+    const json failed = install.store.load()["failed_candidate"];
+    EXPECT_TRUE(failed.is_null() || failed["problem"] == "startup_interrupted") << failed.dump();
+  });
 }
 
 }  // namespace

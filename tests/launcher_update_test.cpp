@@ -3,7 +3,6 @@
 // process, and tried by the installed zorvi-bootstrap.
 #include <gtest/gtest.h>
 
-#include "client/domain/snapshot.hpp"
 #include "client/platform/files.hpp"
 #include "tests/support/helper_install.hpp"
 #include "tests/support/sample_launcher.hpp"
@@ -15,11 +14,6 @@ namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
 struct LauncherUpdate : ::testing::Test {
-  // The staging process: refresh, find, budget, download, extract, name the candidate.
-  CommandResult stage() const {
-    return run_command({binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),
-                        repository.server->ca_bundle(), install.root});
-  }
   // Stages the published release in this process, the quick way to a candidate.
   void stage_here() {
     TufClient client = repository.client();
@@ -28,10 +22,6 @@ struct LauncherUpdate : ::testing::Test {
   }
   std::string ran(const std::string& how, const std::string& build, const std::string& rest = "") const {
     return how + " " + build + " --data-dir " + install.root.string() + rest;
-  }
-  void expect_intact(const SampleRelease& release) const {
-    const LauncherManifest manifest = install.store.manifest(release.reference);
-    EXPECT_NO_THROW(verify_snapshot_tree(manifest.snapshot, install.store.payload(release.reference), {}));
   }
 
   TufRepository repository;
@@ -48,7 +38,7 @@ TEST_F(LauncherUpdate, ANewReleaseIsStagedTriedAndKeptWithTheOldOneAsRollback) {
   EXPECT_EQ(install.start().status, 0);
 
   second.publish(repository);
-  run = stage();
+  run = install.stage(repository);  // refresh, find, budget, download, extract, name the candidate
   ASSERT_EQ(run.status, 0) << run.out;
   EXPECT_EQ(json::parse(run.out)["manifest_sha256"], second.reference["manifest_sha256"]);
   EXPECT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
@@ -62,7 +52,7 @@ TEST_F(LauncherUpdate, ANewReleaseIsStagedTriedAndKeptWithTheOldOneAsRollback) {
   EXPECT_EQ(install.starts(), (Lines{ran("trial", "1.0.0"), ran("start", "1.0.0"),
                                      ran("trial", "2.0.0", " --launch star-harbor"),
                                      ran("start", "2.0.0", " --json list")}));
-  expect_intact(first);
+  install.expect_intact(first.reference);
 }
 
 TEST_F(LauncherUpdate, AFailedCandidateFallsBackToActiveThenRollbackThenWhatIsOnDisk) {

@@ -59,7 +59,7 @@ void write_ledger(const fs::path& root, const json& entries, int version = 1) {
 TEST(LaunchDocumentCreation, EachRefusalLeavesEverythingAsItWas) {
   DesktopHome home;
   const fs::path desk = home.path() / "Desktop";
-  for (const char* folder : {"Desktop", "launcher/versions/1.0", "launcher/staging/x", "versions", "share"})
+  for (const char* folder : {"Desktop", "launcher/versions/1.0", "versions", "share"})
     fs::create_directories(home.path() / folder);
   testing::write_text(desk / "taken.zorvi-launch", "mine");
   testing::write_text(home.path() / "versions/taken.zorvi-launch", "mine");
@@ -71,16 +71,13 @@ TEST(LaunchDocumentCreation, EachRefusalLeavesEverythingAsItWas) {
     return [=] { create_macos_launch_document(shortcut, destination); };
   };
   const std::string inputs = "shortcut_path|Shortcut inputs need existing ordinary files and directories";
-  const std::string payloads = "shortcut_path|Launch documents must be outside managed launcher payloads";
   const std::string exists = "already_exists|Launch-document destination already exists; it was preserved";
   testing::expect_rows({
       {create(desk / "star.txt"), "shortcut_path|macOS launch documents must end in .zorvi-launch"},
       {create("Desktop/x.zorvi-launch"), "shortcut_path|Shortcut paths must be absolute and normalized below a filesystem root"},
-      {create(desk / "x.zorvi-launch", home.path() / "none/bin/zorvi-bootstrap"), inputs},
       {create(desk / "missing/x.zorvi-launch"), inputs},
       {create(home.root() / "x.zorvi-launch"), "shortcut_path|Launch documents must be outside application data"},
-      {create(home.path() / "launcher/versions/1.0/x.zorvi-launch"), payloads},
-      {create(home.path() / "launcher/staging/x/y.zorvi-launch"), payloads},
+      {create(home.path() / "launcher/versions/1.0/x.zorvi-launch"), "shortcut_path|Launch documents must be outside managed launcher payloads"},
       {create(desk / "taken.zorvi-launch"), exists},
       {create(home.path() / "versions/taken.zorvi-launch"), exists},
       {create(desk / "dangling.zorvi-launch"), "unsafe_path|macOS setup ancestry is linked, unavailable or changed"},
@@ -125,8 +122,6 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   const std::string normalized = "shortcut_path|Shortcut paths must be absolute and normalized";
   testing::expect_rows({
       {[] { native_menu_entry("/a/../b", "", ""); }, normalized},
-      {[] { native_menu_entry("/a\tb", "", ""); }, "shortcut_text|Shortcut text must be bounded and contain no control characters"},
-      {[] { native_menu_entry("/a/\xff", "", ""); }, "shortcut_text|Shortcut text must be valid UTF-8"},
       {[] { linux_menu_entry("", "", ""); }, "shortcut_path|Application menu entry needs its selected profile"},
       {[&] { create_owned_native_shortcut(sc, home.root() / "x.desktop"); }, "shortcut_path|Shortcuts must be outside the data folder"},
       {native("missing/x.desktop"), "shortcut_path|Custom shortcut destinations require an existing parent directory"},

@@ -1,16 +1,31 @@
 #include "tests/support/sample_launcher.hpp"
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <sstream>
 
 #include "client/domain/crypto.hpp"
 #include "client/domain/bootstrap_contract.hpp"
 #include "client/domain/launcher_contract.hpp"
+#include "client/domain/snapshot.hpp"
 #include "client/platform/native_platform.hpp"
 #include "tests/support/snapshot_support.hpp"
 
 namespace zorvi::testing {
 namespace fs = std::filesystem;
+namespace {
+
+// Signs a release's archive as NAME.tar.zst and its manifest as `target`.
+void publish_release(const TufRepository& repository, const std::string& name, const fs::path& archive,
+                     const std::string& target, const std::string& manifest) {
+  const fs::path bytes = archive.parent_path() / (name + ".manifest.json");
+  write_text(bytes, manifest);
+  repository.run("target " + name + ".tar.zst @" + archive.string());
+  repository.run("target " + target + " @" + bytes.string());
+}
+
+}  // namespace
 
 SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id, std::size_t padding,
                              std::uint64_t padding_bytes)
@@ -38,10 +53,7 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
 }
 
 void SampleRelease::publish(const TufRepository& repository) const {
-  const fs::path bytes = archive.parent_path() / (build + ".manifest.json");
-  write_text(bytes, manifest);
-  repository.run("target launcher-" + build + ".tar.zst @" + archive.string());
-  repository.run("target " + launcher_manifest_target() + " @" + bytes.string());
+  publish_release(repository, "launcher-" + build, archive, launcher_manifest_target(), manifest);
 }
 
 SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std::string& build_id)
@@ -59,10 +71,7 @@ SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std
 }
 
 void SampleBootstrapRelease::publish(const TufRepository& repository) const {
-  const fs::path bytes = archive.parent_path() / ("bootstrap-" + build + ".manifest.json");
-  write_text(bytes, manifest);
-  repository.run("target bootstrap-" + build + ".tar.zst @" + archive.string());
-  repository.run("target bootstrap-" + native_platform() + ".manifest.json @" + bytes.string());
+  publish_release(repository, "bootstrap-" + build, archive, "bootstrap-" + native_platform() + ".manifest.json", manifest);
 }
 
 BootstrapInstall::BootstrapInstall() {
@@ -81,6 +90,19 @@ CommandResult BootstrapInstall::start(const std::vector<std::string>& arguments,
   return run_command(argv);
 }
 
+CommandResult BootstrapInstall::stage(const TufRepository& repository, const std::vector<std::string>& variables) const {
+  std::vector<std::string> argv{"env", "ZORVI_SAMPLE_LAUNCHER_LOG=" + log.string()};
+  argv.insert(argv.end(), variables.begin(), variables.end());
+  argv.insert(argv.end(), {binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),
+                           repository.server->ca_bundle(), root});
+  return run_command(argv);
+}
+
+void BootstrapInstall::expect_intact(const json& reference) const {
+  SCOPED_TRACE(reference.dump());
+  EXPECT_NO_THROW(verify_snapshot_tree(store.manifest(reference).snapshot, store.payload(reference), {}));
+}
+
 std::vector<std::string> BootstrapInstall::starts() const {
   std::vector<std::string> lines;
   std::ifstream in(log);
@@ -96,6 +118,26 @@ std::string BootstrapInstall::slots() const {
     text += (text.empty() ? "" : " ") + (reference.is_object() ? reference["build_id"].get<std::string>() : "-");
   }
   return text;
+}
+
+SamplePackage::SamplePackage(const std::string& build) {
+  SampleBootstrapRelease(repository.dir.path(), build).publish(repository);
+  SampleRelease(repository.dir.path(), build).publish(repository);
+}
+
+CommandResult SamplePackage::build(const std::string& origin, const std::vector<std::string>& options) {
+  std::vector<std::string> all{"--ca-bundle", repository.server->ca_bundle().string()};
+  all.insert(all.end(), options.begin(), options.end());
+  const CommandResult built = package_builder(repository.repo, package, origin, all);
+  if (built.status == 0) seal = built.out.substr(0, 64);
+  return built;
+}
+
+CommandResult package_builder(const fs::path& repository, const fs::path& out, const std::string& origin,
+                              const std::vector<std::string>& options) {
+  std::vector<std::string> argv{source_dir() / "tools/zorvi-package", "build", repository, out, "--origin", origin};
+  argv.insert(argv.end(), options.begin(), options.end());
+  return run_command(argv);
 }
 
 }  // namespace zorvi::testing

@@ -57,6 +57,13 @@ struct BootstrapInstall {
   CommandResult start(const std::vector<std::string>& arguments = {"--gui"}, const std::string& mode = "",
                       const std::map<std::string, std::string>& extra = {}) const;
 
+  // Runs tests/programs/launcher_stage against `repository` with these
+  // variables set first (the crash-test ones, say).
+  CommandResult stage(const TufRepository& repository, const std::vector<std::string>& variables = {}) const;
+
+  // The release `reference` names is on disk and its every file verifies.
+  void expect_intact(const json& reference) const;
+
   // The launcher lines logged so far ("trial|start BUILD ARGS...").
   std::vector<std::string> starts() const;
 
@@ -69,5 +76,24 @@ struct BootstrapInstall {
   std::filesystem::path log = dir / "launcher.log";
   LauncherStore store{root, true};
 };
+
+// A repository holding a bootstrap and a launcher release of one build id,
+// and the package the real builder makes of it.
+struct SamplePackage {
+  explicit SamplePackage(const std::string& build);
+
+  // tools/zorvi-package for `origin`, trusting the repository's server; on
+  // success the seal it prints is kept.
+  CommandResult build(const std::string& origin, const std::vector<std::string>& options = {});
+
+  TufRepository repository;
+  TempDir dir;
+  std::filesystem::path package = dir / "package";
+  std::string seal;
+};
+
+// `tools/zorvi-package build REPOSITORY OUT --origin ORIGIN OPTIONS...`
+CommandResult package_builder(const std::filesystem::path& repository, const std::filesystem::path& out,
+                              const std::string& origin, const std::vector<std::string>& options = {});
 
 }  // namespace zorvi::testing

@@ -1,5 +1,7 @@
 #include "tests/support/theme_support.hpp"
 
+#include <filesystem>
+
 #include "tests/support/test_support.hpp"
 
 namespace zorvi::testing {
@@ -41,6 +43,13 @@ json good_definition() {
       "images": {"icon": {"file": "icon.bmp", "pixel_art": true}, "banner": {"file": "banner.bmp"}},
       "notices": ["LICENSE.txt"]})"_json);
   return definition;
+}
+
+void write_good_theme(const std::filesystem::path& folder, const std::string& banner) {
+  std::filesystem::create_directories(folder);
+  write_theme_files(folder, {"icon.bmp:1:1:24:0", banner});
+  write_text(folder / "LICENSE.txt", "Fonts: Bitstream Vera licence");
+  write_text(folder / "theme.json", good_definition().dump());
 }
 
 }  // namespace zorvi::testing

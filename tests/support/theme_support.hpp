@@ -20,4 +20,8 @@ json default_definition();
 // both fonts, "icon.bmp", "banner.bmp" and the notice "LICENSE.txt".
 json good_definition();
 
+// A folder good_definition() reads: its theme.json, the fonts, a 1×1 icon,
+// the banner image given and the notice.
+void write_good_theme(const std::filesystem::path& folder, const std::string& banner);
+
 }  // namespace zorvi::testing
