@@ -172,6 +172,9 @@ TEST(Shortcuts, ConcurrentWritersShareTheBoundedLedger) {
   for (int i = 0; i < 126; ++i)
     fake.push_back({{"path", (home.path() / ("f" + std::to_string(i) + ".desktop")).native()}, {"game", ""}, {"name", "Z"}, {"sha256", ""}});
   write_ledger(home.root(), fake);
+  // The menu folder exists, as on any desktop: a key of a path whose missing
+  // folders another process creates meanwhile is refused, by design.
+  fs::create_directories(home.path() / "share/applications");
   std::vector<pid_t> children;
   for (const char* game : {"one", "two"}) {
     const pid_t pid = ::fork();
