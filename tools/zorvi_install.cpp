@@ -2,6 +2,7 @@
 //
 //   zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut]
 //   zorvi-install --status DATA_FOLDER
+//   zorvi-install --uninstall DATA_FOLDER [--remove-data]
 //
 // The seal is the SHA-256 of the package's descriptor, fixed when the
 // installer is built (ZORVI_INITIAL_PACKAGE_SHA256). The result record is
@@ -28,16 +29,28 @@ void print(const zorvi::Error& error) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc == 3 && std::string_view(argv[1]) == "--status") {
-    try {
+// The data-folder commands: a report, or the removal of the installation.
+int folder_command(int argc, char** argv) {
+  const std::string_view command = argv[1];
+  try {
+    if (command == "--status") {
       std::cout << zorvi::NativeInstaller::status(argv[2]).to_json().dump() << std::endl;
-      return 0;
-    } catch (const zorvi::Error& error) {
-      print(error);
-      return 1;
+    } else {
+      const zorvi::NativeUninstallRequest request{argv[2], argc == 4, 0};
+      std::cout << zorvi::NativeInstaller::uninstall(request, {}).to_json().dump() << std::endl;
     }
+    return 0;
+  } catch (const zorvi::Error& error) {
+    print(error);
+    return 1;
   }
+}
+
+int main(int argc, char** argv) {
+  if ((argc == 3 && std::string_view(argv[1]) == "--status") ||
+      ((argc == 3 || (argc == 4 && std::string_view(argv[3]) == "--remove-data")) &&
+       std::string_view(argv[1]) == "--uninstall"))
+    return folder_command(argc, argv);
   zorvi::NativeInstallRequest request;
   int operands = 0;
   for (int index = 1; index < argc; ++index) {
@@ -54,7 +67,8 @@ int main(int argc, char** argv) {
     }
   }
   if (operands != 2) {
-    std::fputs("usage: zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut] | --status DATA_FOLDER\n", stderr);
+    std::fputs("usage: zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut] | --status DATA_FOLDER |\n"
+               "       zorvi-install --uninstall DATA_FOLDER [--remove-data]\n", stderr);
     return 2;
   }
   try {

@@ -82,11 +82,6 @@ Progress phase_progress(const NativeSetupCallbacks& callbacks, std::string_view 
   };
 }
 
-SnapshotManifest current_bootstrap(const DataPaths& paths) {
-  return SnapshotManifest::parse(
-      parse_json(read_file(paths.bootstrap_manifest, max_bootstrap_manifest_bytes), max_bootstrap_manifest_bytes));
-}
-
 // Files a bootstrap self-update left behind under the bootstrap tree.
 void remove_old_files(const fs::path& bootstrap) {
   std::error_code error;
@@ -105,7 +100,7 @@ InstallPlan damaged_parts(const DataPaths& paths) {
   InstallPlan plan;
   remove_old_files(paths.bootstrap);
   try {
-    verify_snapshot_tree(current_bootstrap(paths), paths.bootstrap, {});
+    verify_snapshot_tree(installed_bootstrap_manifest(paths), paths.bootstrap, {});
     plan.bootstrap = false;
   } catch (const std::exception&) {
   }
@@ -161,7 +156,7 @@ json installation_record(const NativePackage& package) {
 // The one step that changes live state. It is never rolled back: whatever a
 // crash interrupts, the marker stays and the next repair finishes the work.
 void commit(const DataPaths& paths, const NativePackage& package, const InstallPlan& plan) {
-  atomic_write(paths.incomplete, json{{"schema_version", 1}, {"kind", "zorvi-setup-incomplete"}}.dump());
+  mark_setup_incomplete(paths);
   if (plan.bootstrap) {
     replace_tree(paths.staging / "bootstrap", paths.bootstrap, paths.staging / "old-bootstrap");
     atomic_write(paths.bootstrap_manifest, package.bootstrap_manifest);
@@ -296,7 +291,7 @@ NativeInstallResult locked_install(const DataPaths& paths, const NativePackage& 
     for (const auto& [done, name] : {std::pair{plan.bootstrap, "bootstrap"}, std::pair{plan.launcher, "launcher"},
                                       std::pair{plan.trust, "trust"}})
       if (done) result.replaced.emplace_back(name);
-    result.bootstrap = safe_join(paths.bootstrap, current_bootstrap(paths).executable, true);
+    result.bootstrap = safe_join(paths.bootstrap, installed_bootstrap_manifest(paths).executable, true);
   }
   desktop_work(paths, package, request, result);
   write_status(paths, request.repair ? "repair" : "install", "succeeded", result.warning);
@@ -341,6 +336,15 @@ void check_installation(const DataPaths& paths) {
   require(record.is_object() && record.value("schema_version", json()) == 1 &&
               record.value("kind", json()) == "zorvi-installation",
           "unsupported_schema", "Unsupported installation record " + shown);
+}
+
+void mark_setup_incomplete(const DataPaths& paths) {
+  atomic_write(paths.incomplete, json{{"schema_version", 1}, {"kind", "zorvi-setup-incomplete"}}.dump());
+}
+
+SnapshotManifest installed_bootstrap_manifest(const DataPaths& paths) {
+  return SnapshotManifest::parse(
+      parse_json(read_file(paths.bootstrap_manifest, max_bootstrap_manifest_bytes), max_bootstrap_manifest_bytes));
 }
 
 fs::path data_folder(const fs::path& path) {

@@ -20,8 +20,11 @@
 #include "client/domain/crypto.hpp"
 #include "client/domain/json.hpp"
 #include "client/platform/native_lock.hpp"
+#include "client/platform/shortcuts.hpp"
 
 namespace zorvi {
+
+struct SnapshotManifest;
 
 // The fixed places of one data folder.
 struct DataPaths {
@@ -55,6 +58,22 @@ struct NativeInstallResult {
   json to_json() const;
 };
 
+struct NativeUninstallRequest {
+  std::filesystem::path data_folder;
+  bool remove_data = false;  // also "userdata" and "settings.json"
+  std::int64_t wait = 0;     // milliseconds to wait for running clients and games
+};
+
+struct NativeUninstallResult {
+  std::filesystem::path data_root;
+  bool data_removed = false;
+  std::vector<std::filesystem::path> kept;
+  std::vector<std::filesystem::path> deferred;  // goes only once this process ends
+  std::vector<std::filesystem::path> changed_shortcuts;
+
+  json to_json() const;
+};
+
 // The outcome of the last setup, as "native/setup-status.json" keeps it.
 struct NativeSetupRecord {
   std::string action, outcome, message, finished_at;
@@ -75,6 +94,13 @@ struct NativeInstallStatus {
 
 // Refuses an installation record that is not exactly known.
 void check_installation(const DataPaths& paths);
+
+// Writes the marker that makes the folder read as unfinished until a setup
+// or an uninstall removes it again.
+void mark_setup_incomplete(const DataPaths& paths);
+
+// The manifest of the installed bootstrap.
+SnapshotManifest installed_bootstrap_manifest(const DataPaths& paths);
 
 // A data folder the installer may work on: absolute and normal, not a
 // filesystem root, not a symbolic link.
@@ -103,6 +129,17 @@ public:
                                      const NativeSetupCallbacks& callbacks);
 
   static NativeInstallStatus status(const std::filesystem::path& data_folder);
+
+  // Removes the installation and the client's unchanged shortcuts; the
+  // user's data stays unless the request says otherwise.
+  static NativeUninstallResult uninstall(const NativeUninstallRequest& request, const NativeSetupCallbacks& callbacks);
+
+  // An owned shortcut that starts the installed bootstrap, for the launcher
+  // (empty `game_id`) or a game. An empty destination is the menu entry, an
+  // empty name the product's name.
+  static json create_shortcut(const std::filesystem::path& data_folder, const std::string& game_id,
+                              const std::filesystem::path& destination, const std::string& name);
+  static ShortcutRemoval remove_shortcuts(const std::filesystem::path& data_folder);
 
   // Builds the first launcher store under `root` from the package's launcher.
   static void seed_launcher(const std::filesystem::path& root, std::string_view manifest,

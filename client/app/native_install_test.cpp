@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "client/app/install_guards.hpp"
 #include "client/app/launcher.hpp"
 #include "client/domain/snapshot.hpp"
 #include "client/platform/files.hpp"
@@ -66,6 +67,12 @@ TEST_F(NativeInstall, InstallsAPackageThatStartsAndRepairsOnlyWhatIsDamaged) {
   const json status = NativeInstaller::status(data).to_json();
   EXPECT_EQ(status["launcher_build"], "1.0.0");
   EXPECT_EQ(status["last_operation"]["outcome"], "succeeded");
+  // A half-made installation names no builds; a damaged one is refused.
+  testing::write_text(data / ".zorvi-setup-incomplete", "");
+  EXPECT_TRUE(NativeInstaller::status(data).incomplete && !NativeInstaller::status(data).bootstrap_build);
+  fs::remove(data / ".zorvi-setup-incomplete");
+  testing::write_text(data / "native/installation.json", R"({"schema_version": 2})");
+  EXPECT_EQ(testing::caught([&] { NativeInstaller::status(data); }).code, "unsupported_schema");
 }
 
 TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
@@ -82,6 +89,17 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
   testing::write_text(tampered / "notes.txt", "");
   install(data);
   const std::string folder = data.string();
+  // Setup records that status cannot read, and an uninstall that an
+  // unprivileged user cannot finish.
+  const fs::path records = dir / "records", stuck = install(dir / "stuck").data_root;
+  fs::create_directories(records / "native");
+  testing::write_text(records / "native/setup-status.json", R"({"schema_version": 2})");
+  testing::run_command({"chown", "-R", "65534:65534", stuck});
+  fs::create_directories(stuck / "native/held/x");
+  fs::permissions(dir.path(), fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
+  const auto as_nobody = [&](const fs::path& target) {
+    const std::string out = testing::run_command({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", testing::binary_dir() / "install_entry", "--uninstall", target}).out;
+    throw Error(out.substr(0, out.find(':')), out.substr(out.find(": ") + 2, out.size() - out.find(": ") - 3)); };
   // Cancels once the install has begun to unpack into its staging folder.
   const auto unpacking = [](const fs::path& target) { return [target] { return fs::exists(target / "native/staging"); }; };
   const std::pair<std::function<void()>, std::string> rows[] = {
@@ -97,6 +115,12 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
       {[&] { install(dir / "new", false, unpacking(dir / "new")); }, "cancelled: Operation cancelled at a safe boundary"},
       {[&] { install(empty, false, unpacking(empty)); }, "cancelled: Operation cancelled at a safe boundary"},
       {[&] { NativeInstaller::install({tampered, dir / "t", false, false}, shared->seal, {}); }, "invalid_native_package: Initial package contains an unexpected entry: notes.txt"},
+      {[&] { NativeInstaller::uninstall({empty}, {}); }, "not_installed: Zorvi is not installed in " + empty.string()},
+      {[&] { NativeInstaller::remove_shortcuts(empty); }, "not_installed: Zorvi is not installed in " + empty.string()},
+      {[&] { NativeInstaller::uninstall({data}, {{}, [] { return true; }, {}}); }, "cancelled: Setup was cancelled"},
+      {[&] { as_nobody(stuck); }, "file_remove: Cannot remove " + (stuck / "native/held/x").string()},
+      {[&] { NativeInstaller::status(records); }, "unsupported_schema: Unsupported setup status record"},
+      {[&] { testing::write_text(records / "native/setup-status.json", R"({"schema_version": 1, "kind": "zorvi-setup-status"})"); NativeInstaller::status(records); }, "unsupported_schema: Setup status record is malformed: " + (records / "native/setup-status.json").string()},
   };
   for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
   EXPECT_FALSE(fs::exists(dir / "new") || fs::exists(dir / "t"));  // a failed install into a new folder leaves none
@@ -155,6 +179,41 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheN
         EXPECT_EQ(testing::read_text(saved), "level 7");
       }
     }
+  }
+}
+
+// The user's data and the shortcuts the user edited stay unless the data is
+// asked to go; the client's own unchanged shortcuts always go.
+TEST_F(NativeInstall, UninstallKeepsUserDataAndEditedShortcutsUnlessAskedToRemoveData) {
+  ::setenv("XDG_DATA_HOME", data.parent_path().c_str(), 1);
+  install(data);
+  fs::create_directories(data / "userdata");
+  testing::write_text(data / "settings.json", "{}");
+  const fs::path menu = NativeInstaller::create_shortcut(data, "", "", "").at("path").get<std::string>();
+  const fs::path edited = NativeInstaller::create_shortcut(data, "", data.parent_path() / "Mine.desktop", "Mine").at("path").get<std::string>();
+  testing::write_text(edited, "[Desktop Entry]\n");
+  const NativeUninstallResult kept = NativeInstaller::uninstall({data}, {});
+  EXPECT_EQ(kept.kept, (std::vector<fs::path>{data / "settings.json", data / "userdata"}));
+  EXPECT_EQ(kept.changed_shortcuts, std::vector<fs::path>{edited});
+  EXPECT_TRUE(!kept.data_removed && !fs::exists(menu) && fs::exists(edited));
+  install(data);
+  EXPECT_TRUE(NativeInstaller::uninstall({data, true}, {}).to_json()["data_removed"]);
+}
+
+// Kills an uninstall after each of its durable steps: what it leaves starts
+// nothing, and the next uninstall finishes the work.
+TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnUninstallIsFinishedByTheNextOne) {
+  const auto entry = [&](int kill_at) { return testing::run_command({"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at), "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(), testing::binary_dir() / "install_entry", "--uninstall", data}).status; };
+  const fs::path installed = install(dir / "installed").data_root;
+  testing::write_text(installed / "settings.json", "{}");
+  for (int step = 0, total = 1; step < total; ++step) {
+    SCOPED_TRACE(step);
+    testing::run_command({"cp", "-aT", installed, data});
+    ASSERT_EQ(entry(step), step == 0 ? 0 : 128 + 9);
+    if (step == 0) total = std::stoi(testing::read_text(dir / "steps"));
+    EXPECT_TRUE(!entry_present(data / ".zorvi-setup-incomplete") || (NativeInstaller::status(data).incomplete && testing::caught([&] { require_complete_native_install(data); }).code == "native_install_incomplete"));
+    EXPECT_EQ(entry(0), step == 0 ? 1 : 0);  // after a finished uninstall there is nothing to remove
+    EXPECT_EQ(testing::read_text(data / "settings.json"), "{}");
   }
 }
 

@@ -15,7 +15,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::size_t max_setup_status_bytes = 65536;
-constexpr std::size_t max_bootstrap_manifest_bytes = 524288;
 
 NativeSetupRecord read_setup_status(const DataPaths& paths) {
   const json record = parse_json(read_file(paths.status, max_setup_status_bytes), max_setup_status_bytes);
@@ -68,10 +67,7 @@ NativeInstallStatus NativeInstaller::status(const fs::path& folder) {
   status.incomplete = entry_present(paths.incomplete);
   if (status.installed && !status.incomplete) {
     check_installation(paths);
-    status.bootstrap_build = SnapshotManifest::parse(parse_json(read_file(paths.bootstrap_manifest,
-                                                                          max_bootstrap_manifest_bytes),
-                                                                max_bootstrap_manifest_bytes))
-                                 .build_id;
+    status.bootstrap_build = installed_bootstrap_manifest(paths).build_id;
     status.launcher_build = launcher_build(paths.root);
   }
   status.bootstrap_update_pending = bootstrap_update_pending(paths.root);

@@ -63,6 +63,8 @@ SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std
   run_command({"strip", "-o", tree / bootstrap_executable_posix, binary_dir() / "zorvi-bootstrap"});
   run_command({"strip", "-o", shortcut, binary_dir() / "zorvi-shortcut"});
   fs::permissions(shortcut, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+  // The bundle's metadata, without which no shortcut to the installation is made.
+  write_text(tree / bootstrap_shortcut_info_plist, "<plist version=\"1.0\"><dict/></plist>\n");
   pack_tree(tree, archive);
   json document = python_manifest(tree, archive);
   document.update({{"kind", bootstrap_release_kind}, {"build_id", build}, {"bootstrap_abi", 1}});
