@@ -8,6 +8,8 @@
 // it), else the console one. "--game GAME" becomes the launcher arguments
 // "--launch GAME". The first other word, or what follows "--", begins the
 // arguments for the launcher, passed on as they stand.
+// A pending bootstrap update is applied first; with ZORVI_BOOTSTRAP_START_CHECK
+// set the program only shows that it starts, and exits 0 at once.
 // ZORVI_STARTUP_LIMIT_MS shortens the time a new launcher version has to
 // report health (1 to 30000; 15000 when unset). A failure prints "zorvi: "
 // lines on standard error and exits 1; a bad command line exits 2.
@@ -19,6 +21,7 @@
 #include <string_view>
 #include <vector>
 
+#include "client/app/bootstrap_update.hpp"
 #include "client/app/install_guards.hpp"
 #include "client/app/launcher_bootstrap.hpp"
 #include "client/domain/crypto.hpp"
@@ -91,10 +94,21 @@ void print(const zorvi::Error& error) {
 int main(int argc, char** argv) {
   try {
     zorvi::initialize_client_runtime();
+    // Read once: once an update has moved this image aside, the running
+    // process no longer names the installed path.
+    const std::filesystem::path image = zorvi::current_executable_path();
+    // Before the lifetime lock: an update is applied only while no bootstrap
+    // image of the installation runs, this one included. Its failure leaves
+    // the installed bootstrap as it was, so the start goes on.
+    try {
+      zorvi::apply_pending_bootstrap_update(image);
+    } catch (const zorvi::Error& error) {
+      print(error);
+    }
     // Taken before the command line is read: no update may replace this
     // image while it runs, even when it only prints a refusal.
     const std::unique_ptr<zorvi::NativeFileLock> lifetime =
-        zorvi::bootstrap_lifetime(zorvi::current_executable_path());
+        zorvi::bootstrap_lifetime(image);
     Command command;
     try {
       command = parse(argc, argv);

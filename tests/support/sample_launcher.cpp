@@ -56,18 +56,21 @@ void SampleRelease::publish(const TufRepository& repository) const {
   publish_release(repository, "launcher-" + build, archive, launcher_manifest_target(), manifest);
 }
 
-SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std::string& build_id)
+SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std::string& build_id,
+                                               const std::string& image)
     : build(build_id), tree(folder / ("bootstrap-tree-" + build_id)), archive(folder / ("bootstrap-" + build_id + ".tar.zst")) {
   const fs::path shortcut = tree / bootstrap_shortcut_executable;
   fs::create_directories(shortcut.parent_path());
-  run_command({"strip", "-o", tree / bootstrap_executable_posix, binary_dir() / "zorvi-bootstrap"});
+  run_command({"strip", "-o", tree / bootstrap_executable_posix, binary_dir() / image});
+  write_text(tree / ("build-" + build), build + "\n");
   run_command({"strip", "-o", shortcut, binary_dir() / "zorvi-shortcut"});
   fs::permissions(shortcut, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
   // The bundle's metadata, without which no shortcut to the installation is made.
   write_text(tree / bootstrap_shortcut_info_plist, "<plist version=\"1.0\"><dict/></plist>\n");
   pack_tree(tree, archive);
   json document = python_manifest(tree, archive);
-  document.update({{"kind", bootstrap_release_kind}, {"build_id", build}, {"bootstrap_abi", 1}});
+  document.update({{"kind", bootstrap_release_kind}, {"build_id", build}, {"bootstrap_abi", 1},
+                   {"runtime_lease_abi", 1}, {"application_schema", {{"minimum", 1}, {"maximum", 1}}}});
   document["archive"]["target"] = "bootstrap-" + build + ".tar.zst";
   manifest = document.dump();
 }

@@ -29,11 +29,13 @@ struct SampleRelease {
   json reference;
 };
 
-// A bootstrap release of the built zorvi-bootstrap, with a copy of
-// zorvi-shortcut in its app bundle as plain data (no platform but macOS
-// declares that helper), packed by tar and zstd.
+// A bootstrap release of the built zorvi-bootstrap (or of `image`, another
+// built program, as bin/zorvi-bootstrap), with a copy of zorvi-shortcut in
+// its app bundle as plain data (no platform but macOS declares that helper)
+// and a file named after the build, packed by tar and zstd.
 struct SampleBootstrapRelease {
-  SampleBootstrapRelease(const std::filesystem::path& folder, const std::string& build);
+  SampleBootstrapRelease(const std::filesystem::path& folder, const std::string& build,
+                         const std::string& image = "zorvi-bootstrap");
 
   // Signs the manifest and archive into `repository` as its bootstrap release.
   void publish(const TufRepository& repository) const;

@@ -1,0 +1,162 @@
+#include "client/app/bootstrap_update.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "client/app/native_install.hpp"
+#include "client/domain/snapshot.hpp"
+#include "tests/support/sample_launcher.hpp"
+
+namespace zorvi {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CommandResult;
+using testing::run_command;
+
+// Installations made by the real installer from a package of a python-tuf
+// repository served by nginx, updated by the real zorvi-bootstrap.
+struct BootstrapUpdate : ::testing::Test {
+  struct Shared {
+    testing::TufRepository repository;
+    testing::TempDir dir;
+    fs::path package = dir / "package";
+    std::string seal;
+  };
+  static inline Shared* shared = nullptr;
+
+  static void SetUpTestSuite() {
+    shared = new Shared;
+    release("1.0.0");
+    testing::SampleRelease(shared->repository.dir.path(), "1.0.0").publish(shared->repository);
+    std::string origin = shared->repository.server->base_url();
+    origin.pop_back();
+    const CommandResult built = run_command({testing::source_dir() / "tools/zorvi-package", "build", shared->repository.repo,
+                                             shared->package, "--origin", origin, "--ca-bundle", shared->repository.server->ca_bundle()});
+    ASSERT_EQ(built.status, 0) << built.err;
+    shared->seal = built.out.substr(0, 64);
+  }
+  static void TearDownTestSuite() { delete shared; }
+  // Published at once; the repository takes each release once.
+  static std::string release(const std::string& build, const std::string& image = "zorvi-bootstrap") {
+    const testing::SampleBootstrapRelease made(shared->repository.dir.path(), build, image);
+    made.publish(shared->repository);
+    return made.manifest;
+  }
+
+  void SetUp() override {
+    const NativeSetupCallbacks callbacks{{}, {}, package_launcher_seeder(shared->package, shared->seal)};
+    NativeInstaller::install({shared->package, data, false, false}, shared->seal, callbacks);
+  }
+  std::string stage(const fs::path& folder) const {
+    TufClient client = shared->repository.client();
+    client.refresh();
+    return stage_bootstrap_update(folder, client, {});
+  }
+  int start() const { return run_command({bootstrap, "--data-dir", data, "--gui"}).status; }
+  // The build of the installed tree, proved whole, with no update beside it.
+  std::string installed() const {
+    const auto manifest = SnapshotManifest::parse(json::parse(testing::read_text(data / "native/bootstrap.json")));
+    EXPECT_NO_THROW(verify_snapshot_tree(manifest, data / "native/bootstrap", {}));
+    EXPECT_FALSE(bootstrap_update_pending(data) || fs::exists(data / "native/bootstrap-update"));
+    return manifest.build_id;
+  }
+
+  testing::TempDir dir;
+  fs::path data = fs::canonical(dir.path()) / "Zorvi Data";
+  fs::path bootstrap = data / "native/bootstrap/bin/zorvi-bootstrap";
+};
+
+TEST_F(BootstrapUpdate, ANewImageReplacesTheOldOnlyWhenItProvesItStarts) {
+  const std::string unstartable = release("3.0.0", "unstartable_bootstrap");
+  EXPECT_EQ(stage(data), "staged");
+  EXPECT_EQ(start(), 0);  // the old image undoes the update and runs on
+  EXPECT_EQ(installed(), "1.0.0");
+  EXPECT_EQ(testing::read_text(data / "native/bootstrap-update.rejected"), digest(unstartable, "sha256"));
+  EXPECT_EQ(stage(data), "rejected");
+
+  release("2.0.0");
+  EXPECT_EQ(stage(data), "staged");
+  {  // a running bootstrap holds the lifetime lock: the update waits
+    const NativeFileLock running(data / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install, LockMode::shared);
+    apply_pending_bootstrap_update(bootstrap);
+    EXPECT_EQ(stage(data), "pending");
+  }
+  EXPECT_EQ(start(), 0);
+  EXPECT_EQ(installed(), "2.0.0");  // build-1.0.0 went aside as .old, and then away
+  EXPECT_EQ(stage(data), "current");
+  EXPECT_EQ(run_command({"env", "ZORVI_BOOTSTRAP_START_CHECK=1", bootstrap.string(), "--bad"}).status, 0);
+}
+
+TEST_F(BootstrapUpdate, RefusalsLeaveTheInstalledTreeAsItWas) {
+  const json good = json::parse(testing::SampleBootstrapRelease(dir.path(), "2.1.0").manifest);
+  const auto with = [&](const std::function<void(json&)>& change) {
+    json document = good;
+    change(document);
+    return [text = document.dump()] { parse_bootstrap_update(text); };
+  };
+  const auto published = [&](const std::string& bytes) {
+    const fs::path file = dir / std::to_string(bytes.size());
+    testing::write_text(file, bytes);
+    return [&, file] { shared->repository.run("target " + bootstrap_manifest_target() + " @" + file.string()); stage(data); };
+  };
+  json other = good;
+  other["archive"]["target"] = "bootstrap-3.0.0.tar.zst";
+  const std::pair<std::function<void()>, std::string> rows[] = {
+      {with([](json& d) { d["runtime_lease_abi"] = 2; }), "launcher_incompatible: Bootstrap updates require the current native lifetime contract"},
+      {with([](json& d) { d.erase("application_schema"); }), "launcher_incompatible: Bootstrap update data contract is missing"},
+      {with([](json& d) { d["application_schema"]["maximum"] = 2; }), "launcher_incompatible: Bootstrap update data contract is unsupported"},
+      {with([](json& d) { d["platform"] = "windows-x86_64"; }), "launcher_incompatible: Bootstrap update targets another platform"},
+      {with([](json& d) { d["archive"]["length"] = (1 << 30) + 1; }), "size_limit: Bootstrap update exceeds its size limit"},
+      {[&] { stage(dir / "none"); }, "not_installed: Bootstrap updates need an installed Zorvi"},
+      {published(std::string(524289, ' ')), "size_limit: Bootstrap update manifest exceeds 512 KiB"},
+      {published(other.dump()), "content_mismatch: Bootstrap archive is not authorized with its declared length and hash"},
+  };
+  for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
+  release("2.2.0");
+  ASSERT_EQ(stage(data), "staged");
+  std::ofstream(data / "native/bootstrap-update/build-2.2.0", std::ios::app) << "x";
+  EXPECT_EQ(testing::outcome([&] { apply_pending_bootstrap_update(bootstrap); }),
+            "content_mismatch: Staged bootstrap file changed: build-2.2.0");
+  fs::remove_all(data / "native/bootstrap-update");
+  fs::remove(data / "native/bootstrap-update.json");
+  EXPECT_EQ(installed(), "1.0.0");
+}
+
+// Kills the staging and the apply after each of their durable steps: the
+// next start always runs a whole tree, and the update still lands.
+// ZORVI_CRASH_ROUNDS repeats the campaign.
+TEST_F(BootstrapUpdate, AKillAtEveryDurableStepLeavesAWholeBootstrap) {
+  const fs::path saved = dir / "saved", staged = dir / "staged", steps = dir / "steps";
+  // Runs the crash-test build of the staging (or the apply) from `from`, killed after step `kill_at` (never at 0).
+  const auto entry = [&](const fs::path& from, bool apply, long kill_at) {
+    if (!from.empty()) fs::remove_all(data), run_command({"cp", "-a", from, data});
+    std::vector<std::string> words{"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at), "ZORVI_TEST_STEP_COUNT=" + steps.string(),
+                                   testing::binary_dir() / "bootstrap_update_entry", "stage", data / "trust",
+                                   shared->repository.server->base_url(), shared->repository.server->ca_bundle(), data};
+    if (apply) words.resize(6), words[4] = "apply", words[5] = bootstrap;
+    return run_command(words).status == 0 ? std::atol(testing::read_text(steps).c_str()) : -1;
+  };
+  release("4.0.0");
+  run_command({"cp", "-a", data, saved});
+  for (int round = 0; round < (std::getenv("ZORVI_CRASH_ROUNDS") ? std::atoi(std::getenv("ZORVI_CRASH_ROUNDS")) : 1); ++round) {
+    const long staging = entry(saved, false, 0);
+    fs::remove_all(staged);
+    run_command({"cp", "-a", data, staged});
+    const long applying = entry({}, true, 0);
+    ASSERT_TRUE(installed() == "4.0.0" && staging > 0 && applying > 0);
+    for (long step = 1; step < staging + applying; ++step) {
+      SCOPED_TRACE("step " + std::to_string(step));
+      const bool apply = step >= staging;
+      ASSERT_EQ(entry(apply ? staged : saved, apply, apply ? step - staging + 1 : step), -1);
+      ASSERT_EQ(start(), 0);  // a whole tree, old or new
+      installed();
+      EXPECT_EQ(entry({}, false, 0) >= 0 && start() == 0 && installed() == "4.0.0", true);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zorvi
