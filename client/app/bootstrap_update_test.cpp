@@ -103,7 +103,7 @@ TEST_F(BootstrapUpdate, RefusalsLeaveTheInstalledTreeAsItWas) {
     return [&, file] { shared->repository.run("target " + bootstrap_manifest_target() + " @" + file.string()); stage(data); };
   };
   json other = good;
-  other["archive"]["target"] = "bootstrap-3.0.0.tar.zst";
+  other["archive"]["target"] = "bootstrap-1.0.0.tar.zst";  // signed, with another length and hash
   const std::pair<std::function<void()>, std::string> rows[] = {
       {with([](json& d) { d["runtime_lease_abi"] = 2; }), "launcher_incompatible: Bootstrap updates require the current native lifetime contract"},
       {with([](json& d) { d.erase("application_schema"); }), "launcher_incompatible: Bootstrap update data contract is missing"},
