@@ -40,10 +40,6 @@ struct InstallPlan {
 
 bool present(const fs::path& path) { return entry_present(path); }
 
-bool plain_directory(const fs::path& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
 
 std::string utc_now() {
   const std::time_t now = std::time(nullptr);
@@ -54,20 +50,12 @@ std::string utc_now() {
   return text;
 }
 
-// The longest prefix within `limit` bytes that does not cut a UTF-8 sequence.
-std::string cut_utf8(std::string_view text, std::size_t limit) {
-  if (text.size() <= limit) return std::string(text);
-  std::size_t end = limit;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0u) == 0x80u) --end;
-  return std::string(text.substr(0, end));
-}
-
 void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,
                   std::string_view message) {
-  if (!plain_directory(paths.native)) return;
+  if (!directory_present(paths.native)) return;
   const json record{{"schema_version", 1},         {"kind", "zorvi-setup-status"},
                     {"action", action},            {"outcome", outcome},
-                    {"message", cut_utf8(message, max_status_message_bytes)}, {"finished_at", utc_now()}};
+                    {"message", std::string(utf8_prefix(message, max_status_message_bytes))}, {"finished_at", utc_now()}};
   atomic_write(paths.status, record.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
@@ -372,7 +360,7 @@ std::unique_ptr<NativeFileLock> wait_for_zorvi_closed(const DataPaths& paths, st
     try {
       auto held = std::make_unique<NativeFileLock>(paths.bootstrap_lock, true, NativeLockSharing::exclusive_install,
                                                    LockMode::exclusive);
-      if (plain_directory(leases)) {
+      if (directory_present(leases)) {
         std::size_t seen = 0;
         for (const auto& entry : fs::directory_iterator(leases)) {
           require(++seen <= max_lease_scan, "launcher_state", "Too many launcher version leases");

@@ -48,19 +48,10 @@ constexpr const char* usage_line = "Open a Zorvi launch document with this helpe
 constexpr const char* child_failed =
     "Zorvi could not complete this shortcut launch. Open Zorvi to inspect the game and operation history.";
 
-// The longest prefix of `text` within `limit` bytes that does not end inside
-// a UTF-8 sequence.
-std::string_view cut_text(std::string_view text, std::size_t limit) {
-  if (text.size() <= limit) return text;
-  std::size_t end = limit;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0u) == 0x80u) --end;
-  return text.substr(0, end);
-}
-
 // The one way the helper speaks once SDL is up. The line on standard error
 // is what a headless run, where no box can appear, leaves behind.
 void show(std::string_view text) {
-  const std::string shown(cut_text(text, max_shown_text));
+  const std::string shown(utf8_prefix(text, max_shown_text));
   std::fprintf(stderr, "zorvi: %s\n", shown.c_str());
   std::fflush(stderr);
   SDL_ShowSimpleMessageBox(SDL_MESSAGEBOX_ERROR, "Zorvi", shown.c_str(), nullptr);

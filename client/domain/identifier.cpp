@@ -67,4 +67,11 @@ std::string path_utf8(const std::filesystem::path& path) { return path.native();
 
 std::size_t native_length(std::string_view text) { return path_from_utf8(text).native().size(); }
 
+std::string_view utf8_prefix(std::string_view text, std::size_t limit) {
+  if (text.size() <= limit) return text;
+  std::size_t end = limit;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0u) == 0x80u) --end;
+  return text.substr(0, end);
+}
+
 }  // namespace zorvi

@@ -20,6 +20,10 @@ std::filesystem::path path_from_utf8(std::string_view text);
 std::string path_utf8(const std::filesystem::path& path);
 std::size_t native_length(std::string_view text);
 
+// The longest prefix of `text` within `limit` bytes that does not end inside
+// a UTF-8 sequence.
+std::string_view utf8_prefix(std::string_view text, std::size_t limit);
+
 inline constexpr std::size_t max_relative_path = 4096;
 inline constexpr std::size_t max_component = 255;
 inline constexpr std::size_t max_absolute_path = 4096;

@@ -80,6 +80,11 @@ bool entry_present(const std::filesystem::path& path) {
   return true;
 }
 
+bool directory_present(const std::filesystem::path& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 std::string read_file(const std::filesystem::path& path, std::uint64_t limit) {
   return read_bounded(path, limit, false, nullptr);
 }

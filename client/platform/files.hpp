@@ -18,6 +18,8 @@ std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limi
 // Whether anything, a symbolic link included, stands at `path`; a failure to
 // look raises instead of reading as absence.
 bool entry_present(const std::filesystem::path& path);
+// Whether a directory stands at `path` by its own status; a link to one is not.
+bool directory_present(const std::filesystem::path& path);
 
 // Flushes to stable storage.
 void sync_file(const std::filesystem::path& path);

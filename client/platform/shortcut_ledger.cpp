@@ -26,10 +26,7 @@ FileLock ledger_lock(const std::filesystem::path& data_root) {
   return FileLock(native_folder(data_root) / "shortcuts.lock", true, LockMode::exclusive);
 }
 
-bool native_folder_exists(const std::filesystem::path& data_root) {
-  struct stat status {};
-  return ::lstat(native_folder(data_root).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
+bool native_folder_exists(const std::filesystem::path& data_root) { return directory_present(native_folder(data_root)); }
 
 // Only bytes that still hash to what was written are the client's; a file
 // larger than anything it writes cannot be.
