@@ -42,9 +42,9 @@ fs::path install_game(const fs::path& root, const Change& change = {}) {
 }
 
 // No launcher version at all and a repository that does not answer: the real
-// windowed bootstrap starts the game from its records alone, and a platformed
-// copy starts its own game from outside the data folder. Without its program
-// that copy fails rather than fall back to the install in the data folder.
+// windowed bootstrap starts the game from its records alone. A platformed copy
+// starts its own game from outside the data folder without reading a record,
+// and without its program fails before it would look for one.
 TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
   BootstrapInstall install;
   const fs::path started = install_game(install.root) / "versions/1.4.0/started";
@@ -52,11 +52,16 @@ TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
   write_text(install.root / "repository.json", json{{"schema_version", 1}, {"origin", "https://127.0.0.1:" + port}, {"ca_bundle", ""}}.dump());
   const CommandResult run = install.start({"--gui", "--game", "star-harbor"});
   EXPECT_EQ(std::to_string(run.status) + " " + run.err + read_text(started), "0 " + announced + "0\n");
+  // Without replacing this process the game is let go as a child of its own.
+  fs::remove(started);
+  start_installed_game(install.root, "star-harbor", false);
+  EXPECT_TRUE(eventually([&] { return fs::exists(started); }));
 
   const fs::path bin = install.dir / "Star Harbor/native/bootstrap/bin";
   write_tree(bin, {{"game/star-harbor", game_program, true}, {"zorvi-platform.json", R"({"schema_version": 1,
       "game_id": "star-harbor", "name": "Star Harbor", "build": "b-7", "executable": "game/star-harbor", "crash_service": "https://crash.example"})"}});
   fs::copy_file(binary_dir() / "zorvi-bootstrap", bin / "zorvi-bootstrap");
+  fs::remove(install.root / "games/star-harbor/record.json");
   const auto shell = [&] { return run_command({bin / "zorvi-bootstrap", "--data-dir", install.root, "--gui", "--game", "star-harbor"}); };
   EXPECT_EQ(shell().status, 0);
   EXPECT_EQ(read_text(bin / "game/started"), "0\n");
@@ -77,11 +82,6 @@ TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
       {std::to_string(orphan.status) + " " + orphan.err, "1 " + announced + "zorvi: The game's program is missing\n"},
   };
   for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
-
-  // Without replacing this process the game is let go as a child of its own.
-  fs::remove(started);
-  start_installed_game(install.root, "star-harbor", false);
-  EXPECT_TRUE(eventually([&] { return fs::exists(started); }));
 }
 
 }  // namespace
