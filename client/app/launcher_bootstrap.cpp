@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "client/app/cli_entry.hpp"
+#include "client/app/direct_start.hpp"
 #include "client/app/launcher_attempts.hpp"
 #include "client/app/launcher_trial.hpp"
 #include "client/domain/error.hpp"
@@ -96,19 +97,17 @@ struct Launch {
   }
 }
 
-// GAP: the direct game start, the last resort of a windowed "--launch GAME"
-// when no version can start, is not part of this build yet. Until it is, the
-// request is refused with the failure of the versions themselves, and the
-// repair line that announces a direct start is not written.
-[[noreturn]] void start_direct_game(const fs::path& data_dir, const std::string& game, const Error& failure) {
-  (void)data_dir;
-  (void)game;
-  throw failure;
+// The last resort of a windowed "--launch GAME" when no version can start:
+// the installed game itself, found from its records alone. The user is told
+// that Zorvi needs repair, since the game now runs without it.
+int start_direct_game(const fs::path& data_dir, const std::string& game) {
+  std::cerr << "zorvi: starting " << game << " directly; repair Zorvi by running its installer again\n";
+  start_installed_game(data_dir, game, true);
+  return 0;
 }
 
-[[noreturn]] void choose_version(const fs::path& data_dir, std::string_view interface,
-                                 const std::vector<std::string>& forwarded,
-                                 std::unique_ptr<ConsoleInterrupt>& interrupt) {
+int choose_version(const fs::path& data_dir, std::string_view interface, const std::vector<std::string>& forwarded,
+                   std::unique_ptr<ConsoleInterrupt>& interrupt) {
   const LauncherStore store = LauncherStore::for_launch(data_dir);
   const std::vector<json> versions = versions_to_try(store);
   const std::vector<std::string> arguments = launcher_arguments(data_dir, forwarded);
@@ -126,7 +125,7 @@ struct Launch {
     }
   }
   if (interface == "gui" && forwarded.size() == 2 && forwarded[0] == "--launch") {
-    start_direct_game(data_dir, forwarded[1], final_failure);
+    return start_direct_game(data_dir, forwarded[1]);
   }
   throw final_failure;
 }
@@ -195,7 +194,7 @@ int run_launcher_bootstrap(const fs::path& data_dir, std::string_view interface,
                          [&interrupt] { return interrupt && interrupt->requested(); }};
     if (const std::optional<int> status = run_candidate(start)) return *status;
   }
-  choose_version(data_dir, interface, forwarded, interrupt);
+  return choose_version(data_dir, interface, forwarded, interrupt);
 }
 
 void confirm_launcher_start(const fs::path& data_dir) {

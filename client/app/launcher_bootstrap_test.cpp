@@ -157,7 +157,7 @@ TEST(LauncherBootstrap, RefusedRuns) {
       {run("cli", 1000, {"--data-dir", "x", "list"}), usage},
       {run("cli", 1000, {"--json", "self", "uninstall"}), "maintenance_failed: Maintenance commands are not available in this build"},
       {run("cli", 1000, {"list"}), nothing},
-      {run("gui", 30000, {"--launch", "game"}), nothing},  // the direct start is not built yet
+      {run("gui", 30000, {"--launch", "game"}), "file_read: Cannot open file: " + (dir / "data/games/game/record.json").string()},
   };
   for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
   ::testing::internal::CaptureStdout();
