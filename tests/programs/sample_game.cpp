@@ -1,12 +1,10 @@
-// A stand-in game: it writes its SDK session record under its own process id
-// through "starting", "ready" and "clean_exit", each state one atomic
-// replacement, as a game built on the SDK does.
-//
-//   ZORVI_SAMPLE_GAME_RECORD       where the record goes (required)
-//   ZORVI_SAMPLE_GAME_SESSION      session id; _NONCE, _ID, _BUILD likewise
-//   ZORVI_SAMPLE_GAME_BREADCRUMBS  how many breadcrumbs to leave (1)
-//   ZORVI_SAMPLE_GAME_EXIT         the exit code, also recorded (0)
-//   ZORVI_SAMPLE_GAME_LOG          appended a line "<pid> <session> <exit code>" when set
+// A stand-in game: writes its SDK session record ("session.json" in its
+// working directory unless ZORVI_SAMPLE_GAME_RECORD names another path) under
+// its own pid through "starting", "ready" and "clean_exit", each one an atomic
+// replacement. ZORVI_SAMPLE_GAME_SESSION sets the session id ("session"); the
+// nonce, game and build are "nonce", "sample-game" and "1.0.0".
+// It leaves one breadcrumb and one log attachment and exits with 0; with
+// ZORVI_SAMPLE_GAME_LOG set it first appends "<pid> <session> 0" to that file.
 
 #include <unistd.h>
 
@@ -17,37 +15,23 @@
 #include "client/domain/json.hpp"
 #include "client/platform/files.hpp"
 
-namespace {
-
-std::string setting(const char* name, const char* fallback) {
+static std::string setting(const char* name, const char* fallback) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : fallback;
 }
 
-}  // namespace
-
 int main() {
-  const std::string record_path = setting("ZORVI_SAMPLE_GAME_RECORD", "");
-  if (record_path.empty()) return 2;
-  const int exit_code = std::stoi(setting("ZORVI_SAMPLE_GAME_EXIT", "0"));
-  zorvi::json record = {{"schema_version", 1},
-                        {"session_id", setting("ZORVI_SAMPLE_GAME_SESSION", "session")},
-                        {"nonce", setting("ZORVI_SAMPLE_GAME_NONCE", "nonce")},
-                        {"game_id", setting("ZORVI_SAMPLE_GAME_ID", "sample-game")},
-                        {"build_id", setting("ZORVI_SAMPLE_GAME_BUILD", "1.0.0")},
-                        {"pid", ::getpid()},
-                        {"breadcrumbs", zorvi::json::array()},
+  const std::string session = setting("ZORVI_SAMPLE_GAME_SESSION", "session");
+  zorvi::json record = {{"schema_version", 1}, {"session_id", session}, {"nonce", "nonce"}, {"game_id", "sample-game"},
+                        {"build_id", "1.0.0"}, {"pid", ::getpid()}, {"breadcrumbs", {{{"category", "sample"}, {"message", "started"}}}},
                         {"attachments", {{{"kind", "log"}, {"path", "logs/game.log"}}}}};
-  for (int i = std::stoi(setting("ZORVI_SAMPLE_GAME_BREADCRUMBS", "1")); i > 0; --i)
-    record["breadcrumbs"].push_back({{"category", "sample"}, {"message", "step " + std::to_string(i)}});
   int sequence = 0;
   for (const std::string state : {"starting", "ready", "clean_exit"}) {
     record.update({{"sequence", ++sequence}, {"state", state}, {"ready_seen", state != "starting"}});
-    if (state == "clean_exit") record["exit_code"] = exit_code;
-    zorvi::atomic_write(record_path, record.dump());
+    if (state == "clean_exit") record["exit_code"] = 0;
+    zorvi::atomic_write(setting("ZORVI_SAMPLE_GAME_RECORD", "session.json"), record.dump());
   }
   if (const std::string log = setting("ZORVI_SAMPLE_GAME_LOG", ""); !log.empty())
-    std::ofstream(log, std::ios::app) << ::getpid() << ' ' << record["session_id"].get<std::string>() << ' '
-                                      << exit_code << '\n';
-  return exit_code;
+    std::ofstream(log, std::ios::app) << ::getpid() << ' ' << session << " 0\n";
+  return 0;
 }
