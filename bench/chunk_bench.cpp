@@ -17,6 +17,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -104,9 +105,9 @@ void BM_DecryptArchive(benchmark::State& state) {
   const zorvi::testing::TempDir scratch;
   const auto archive = scratch / "archive";
   const std::uint64_t size = bench_bytes();
-  const std::string expected = checked_output({"python3", (zorvi::testing::source_dir() / "tests/encrypted_archive.py").string(),
-                                               archive.string(), key_hex, std::to_string(size)})
-                                   .substr(0, 64);
+  const auto script = (zorvi::testing::source_dir() / "tests/encrypted_archive.py").string();
+  const std::string expected =
+      checked_output({"python3", script, archive.string(), key_hex, std::to_string(size)}).substr(0, 64);
   const std::vector<std::uint8_t> key_bytes = zorvi::unhex(key_hex, 64);
   const zorvi::AeadKey key(key_bytes.data(), zorvi::aead_key_size);
 

@@ -69,7 +69,7 @@ void decrypt_chacha20_poly1305(AeadKey key, AeadNonce nonce, std::string_view as
   // Whatever the buffer held before is wiped too when the call is refused:
   // a caller that reuses it never keeps plaintext past a failure.
   WipeUnlessDone wipe(output);
-  require(record.size() >= aead_tag_size && expected < max_chunk_plaintext &&
+  require(record.size() >= aead_tag_size && expected < chunk_plaintext_limit &&
               record.size() <= expected + aead_tag_size && output.size() >= record.size() - aead_tag_size &&
               associated.size() <= max_associated_data,
           "encrypted_format", "AEAD record or associated data exceeds its bound");

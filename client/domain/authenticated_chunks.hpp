@@ -12,8 +12,9 @@ inline constexpr std::size_t aead_key_size = 32;
 inline constexpr std::size_t aead_nonce_size = 12;
 inline constexpr std::size_t aead_tag_size = 16;
 inline constexpr std::size_t max_associated_data = 4096;
-// Below INT_MAX by a tag's size, so that every length OpenSSL sees fits its int.
-inline constexpr std::size_t max_chunk_plaintext = 0x7FFFFFF0;
+// Plaintext sizes stay below this, so that a whole record, tag included,
+// still fits the int lengths OpenSSL takes.
+inline constexpr std::size_t chunk_plaintext_limit = 0x7FFFFFF0;
 
 inline constexpr std::size_t max_key_derivation_input = 4096;
 
