@@ -52,6 +52,8 @@ std::set<std::string> implied_directories(const SnapshotManifest& manifest) {
   return directories;
 }
 
+// A special file, or an entry that vanished while the walk saw it, is as
+// unmanaged as a foreign file: the tree stays.
 void require_known_entry(const SnapshotManifest& manifest, const std::set<std::string>& directories,
                          const fs::path& root, const std::string& relative) {
   struct stat status {};
