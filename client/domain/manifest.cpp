@@ -371,7 +371,8 @@ GameManifest parse_game_document(const json& document) {
 }  // namespace
 
 std::uint64_t encrypted_archive_length(std::uint64_t archive_length) {
-  // Cannot overflow: the archive is at most 2^42 bytes, so the tags add at most 2^30.
+  // Within this bound the tags add at most 2^30 bytes, so nothing below can overflow.
+  require(archive_length <= max_snapshot_bytes, "size_limit", "Snapshot exceeds archive size bounds");
   const std::uint64_t chunks = archive_length / chunk_bytes + (archive_length % chunk_bytes != 0 ? 1 : 0);
   return archive_length + chunk_tag * chunks + chunk_framing;
 }

@@ -37,8 +37,8 @@ std::string presentation_text(const json& value, std::size_t limit, bool multi_l
   return bounded_text(value.get_ref<const std::string&>(), limit, multi_line);
 }
 
-// The byte count of the UTF-8 character that `lead` begins, from the lead
-// byte alone; the text rules have already kept control bytes out.
+// The byte count of the UTF-8 character that `lead` begins, judged from the
+// lead byte alone; a text that ends sooner simply yields what it has.
 std::size_t character_length(unsigned char lead) {
   if (lead < 0x80) return 1;
   if (lead < 0xe0) return 2;
@@ -46,6 +46,7 @@ std::size_t character_length(unsigned char lead) {
   return 4;
 }
 
+// Characters counted as the bytes that do not continue a sequence.
 std::size_t character_count(std::string_view text) {
   return static_cast<std::size_t>(
       std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
