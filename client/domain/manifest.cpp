@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
 #include <memory>
+#include <set>
 #include <string_view>
 
 #include "client/domain/crypto.hpp"
@@ -195,6 +197,192 @@ std::size_t SnapshotManifest::longest_native_path() const {
   std::size_t longest = 0;
   for (const auto& entry : files) longest = std::max(longest, native_length(entry.first));
   return longest;
+}
+
+}  // namespace zorvi
+
+// Game manifests: the snapshot above plus what makes it one game's build.
+namespace zorvi {
+namespace {
+
+constexpr std::string_view chacha_format = "zorvi-chacha20-poly1305-v1";
+constexpr std::size_t max_display_name = 200;
+constexpr std::size_t max_release_notes = 16384;
+constexpr std::size_t max_decoder_name = 80;
+constexpr std::uint64_t key_length = 32;
+constexpr std::uint64_t chunk_bytes = 65536;
+constexpr std::uint64_t chunk_tag = 16;
+constexpr std::uint64_t chunk_framing = 96;
+constexpr std::uint64_t min_encrypted_length = chunk_framing + 1;
+constexpr std::uint64_t max_encrypted_length = chunk_framing + max_snapshot_bytes + (std::uint64_t{1} << 30);
+
+[[noreturn]] void malformed() { throw json::type_error::create(302, "game manifest field has the wrong shape", nullptr); }
+
+bool has_exactly(const json& object, std::initializer_list<std::string_view> keys) {
+  if (!object.is_object() || object.size() != keys.size()) return false;
+  return std::all_of(keys.begin(), keys.end(), [&](std::string_view key) { return object.contains(key); });
+}
+
+ManifestTarget target_path(const json& descriptor) {
+  ManifestTarget target;
+  target.target = text_field(descriptor, "target");
+  validate_relative_path(target.target, true);
+  return target;
+}
+
+void read_length_and_digest(const json& descriptor, ManifestTarget& target) {
+  target.length = size_value(descriptor.at("length"));
+  target.sha256 = sha256_value(descriptor.at("sha256"));
+}
+
+std::string display_name(const json& document) {
+  const bool valid = document.contains("display_name") && document["display_name"].is_string() &&
+                     !document["display_name"].get_ref<const std::string&>().empty() &&
+                     document["display_name"].get_ref<const std::string&>().size() <= max_display_name;
+  require(valid, "invalid_manifest", "Game display name is missing or too long");
+  return document["display_name"].get<std::string>();
+}
+
+std::string release_notes(const json& value) {
+  const auto& notes = value.get_ref<const std::string&>();
+  require(notes.size() <= max_release_notes, "invalid_manifest", "Release notes exceed 16 KiB");
+  require(displayable_text(notes, true), "invalid_manifest", "Release notes contain unsupported control characters");
+  return notes;
+}
+
+bool sdk_required(const json& sdk) {
+  require(sdk.is_object() && sdk.contains("required") && sdk["required"].is_boolean(), "invalid_manifest",
+          "SDK capability must be explicit");
+  if (!sdk["required"].get<bool>()) return false;
+  // A required SDK without an ABI number is as unclear as no answer at all.
+  require(sdk.contains("abi_version"), "invalid_manifest", "SDK capability must be explicit");
+  const json& abi = sdk["abi_version"];
+  require(abi.is_number_integer() && abi == 1, "sdk_incompatible", "Game needs an unsupported SDK ABI");
+  return true;
+}
+
+EncryptedArchive parse_encrypted(const json& value, const SnapshotManifest& snapshot) {
+  if (!value.is_object()) malformed();
+  if (!has_exactly(value, {"format", "artifact", "key"})) invalid("Unknown encrypted archive field");
+  EncryptedArchive encrypted;
+  encrypted.format = text_field(value, "format");
+  if (encrypted.format.empty() || encrypted.format.size() > max_decoder_name)
+    invalid("Invalid encrypted archive decoder name");
+  const json& artifact = value["artifact"];
+  const json& key = value["key"];
+  if (!artifact.is_object() || !key.is_object()) malformed();
+  for (const json* descriptor : {&artifact, &key}) {
+    if (!has_exactly(*descriptor, {"target", "length", "sha256"})) invalid("Unknown encrypted artifact/key descriptor field");
+  }
+  encrypted.artifact = target_path(artifact);
+  encrypted.key = target_path(key);
+  const std::string artifact_name = fold(encrypted.artifact.target);
+  const std::string key_name = fold(encrypted.key.target);
+  const std::string archive_name = fold(snapshot.archive_target);
+  if (artifact_name == key_name || artifact_name == archive_name || key_name == archive_name)
+    invalid("Encrypted artifact/key aliases the full snapshot");
+  encrypted.artifact.sha256 = sha256_value(artifact.at("sha256"));
+  encrypted.key.sha256 = sha256_value(key.at("sha256"));
+  encrypted.artifact.length = size_value(artifact.at("length"));
+  encrypted.key.length = size_value(key.at("length"));
+  const bool bounded = encrypted.artifact.length >= min_encrypted_length &&
+                       encrypted.artifact.length <= max_encrypted_length && encrypted.key.length == key_length;
+  if (!bounded) invalid("Encrypted archive/key exceeds its bound");
+  if (encrypted.format == chacha_format && encrypted.artifact.length != encrypted_archive_length(snapshot.archive_length))
+    invalid("Encrypted archive length differs from its fixed authenticated chunks");
+  return encrypted;
+}
+
+// A patch object and its two descriptors must hold exactly their keys: a
+// wrong count is an unknown field, a right count with a stranger in it is a
+// missing one.
+void require_patch_keys(const json& object, std::initializer_list<std::string_view> keys) {
+  if (!object.is_object()) malformed();
+  if (object.size() != keys.size()) invalid("Unknown direct patch field");
+  if (!has_exactly(object, keys)) invalid("Missing direct patch field");
+}
+
+DirectPatch parse_patch(const json& value, const SnapshotManifest& snapshot, std::set<std::string>& sources,
+                        std::set<std::string>& artifacts) {
+  require_patch_keys(value, {"format", "source", "artifact"});
+  const json& source = value["source"];
+  const json& artifact = value["artifact"];
+  require_patch_keys(source, {"format", "build_id", "target", "length", "sha256"});
+  require_patch_keys(artifact, {"target", "length", "sha256"});
+
+  DirectPatch patch;
+  patch.format = text_field(value, "format");
+  validate_identifier(patch.format);
+  if (text_field(source, "format") != archive_format) invalid("A direct patch must start from a full snapshot");
+  patch.source_build_id = text_field(source, "build_id");
+  validate_identifier(patch.source_build_id);
+  if (patch.source_build_id == snapshot.build_id || !sources.insert(patch.source_build_id).second)
+    invalid("Direct patch repeats its source or targets its own build");
+
+  patch.source = target_path(source);
+  read_length_and_digest(source, patch.source);
+  patch.artifact = target_path(artifact);
+  read_length_and_digest(artifact, patch.artifact);
+  const bool distinct = patch.source.target != snapshot.archive_target &&
+                        patch.artifact.target != snapshot.archive_target &&
+                        patch.artifact.target != patch.source.target && artifacts.insert(fold(patch.artifact.target)).second;
+  if (!distinct) invalid("Direct patch artifacts repeat or alias a snapshot");
+  for (const std::uint64_t length : {patch.source.length, patch.artifact.length}) {
+    require(length >= 1 && length <= max_snapshot_bytes, "size_limit", "Direct patch input exceeds its size bounds");
+  }
+  return patch;
+}
+
+std::vector<DirectPatch> parse_patches(const json& value, const SnapshotManifest& snapshot) {
+  if (!value.is_array() || value.size() > max_direct_patches) invalid("Direct patch list exceeds its bound");
+  std::set<std::string> sources;
+  std::set<std::string> artifacts;
+  std::vector<DirectPatch> patches;
+  for (const json& element : value) patches.push_back(parse_patch(element, snapshot, sources, artifacts));
+  return patches;
+}
+
+GameManifest parse_game_document(const json& document) {
+  const bool known_schema = document.is_object() && document.contains("schema_version") &&
+                            document["schema_version"].is_number_integer() && document["schema_version"] == 1;
+  require(known_schema, "unsupported_schema", "Unsupported game manifest schema; nothing was rewritten");
+  const json& minimum_launcher = document.at("minimum_launcher");
+  if (!minimum_launcher.is_number()) malformed();
+  require(minimum_launcher.is_number_integer() && minimum_launcher == 1, "launcher_incompatible",
+          "This build needs a different launcher protocol");
+
+  GameManifest manifest;
+  manifest.snapshot = SnapshotManifest::parse(document);
+  manifest.game_id = text_field(document, "game_id");
+  validate_identifier(manifest.game_id);
+  manifest.display_name = display_name(document);
+  if (document.contains("presentation")) {
+    const json& presentation = document["presentation"];
+    require(presentation.is_object(), "invalid_presentation", "Game presentation must be an object");
+    manifest.presentation = GamePresentation::parse(manifest.display_name, presentation);
+  }
+  if (document.contains("release_notes")) manifest.release_notes = release_notes(document["release_notes"]);
+  if (document.contains("sdk")) manifest.sdk_required = sdk_required(document["sdk"]);
+  if (document.contains("encrypted")) manifest.encrypted = parse_encrypted(document["encrypted"], manifest.snapshot);
+  if (document.contains("patches")) manifest.patches = parse_patches(document["patches"], manifest.snapshot);
+  return manifest;
+}
+
+}  // namespace
+
+std::uint64_t encrypted_archive_length(std::uint64_t archive_length) {
+  // Within this bound the tags add at most 2^30 bytes, so nothing below can overflow.
+  require(archive_length <= max_snapshot_bytes, "size_limit", "Snapshot exceeds archive size bounds");
+  const std::uint64_t chunks = archive_length / chunk_bytes + (archive_length % chunk_bytes != 0 ? 1 : 0);
+  return archive_length + chunk_tag * chunks + chunk_framing;
+}
+
+GameManifest GameManifest::parse(const json& document) {
+  try {
+    return parse_game_document(document);
+  } catch (const json::exception&) {
+    throw Error("invalid_manifest", "Game manifest has missing or malformed fields");
+  }
 }
 
 }  // namespace zorvi

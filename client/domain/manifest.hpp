@@ -3,9 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "client/domain/json.hpp"
+#include "client/domain/presentation.hpp"
 
 namespace zorvi {
 
@@ -48,5 +51,51 @@ std::uint64_t size_value(const json& value);
 // Exactly 64 lower-case hexadecimal digits; a non-string raises the JSON
 // library's type error as above.
 std::string sha256_value(const json& value);
+
+// A repository target that a game manifest names beside its snapshot archive.
+struct ManifestTarget {
+  std::string target;
+  std::uint64_t length = 0;
+  std::string sha256;
+};
+
+// The archive in encrypted form, with the target that carries its key. The
+// decoder's name is only bounded here; whoever uses the artifact judges it.
+struct EncryptedArchive {
+  std::string format;
+  ManifestTarget artifact;
+  ManifestTarget key;
+};
+
+// A patch that turns the full snapshot of an older build into this one.
+struct DirectPatch {
+  std::string format;
+  std::string source_build_id;
+  ManifestTarget source;
+  ManifestTarget artifact;
+};
+
+// The signed description of one game build: the snapshot inventory of the
+// same document, the game's identity and presentation, and the optional
+// artifacts that deliver the build in other forms.
+struct GameManifest {
+  static GameManifest parse(const json& document);
+
+  SnapshotManifest snapshot;
+  std::string game_id;
+  std::string display_name;
+  std::string release_notes;
+  std::optional<GamePresentation> presentation;
+  bool sdk_required = false;
+  std::vector<DirectPatch> patches;
+  std::optional<EncryptedArchive> encrypted;
+};
+
+inline constexpr std::size_t max_direct_patches = 8;
+
+// The length of an archive in the authenticated-chunk layout: a 16-byte tag
+// for every 65,536 bytes of the archive (the last chunk may be short) and 96
+// bytes of framing. Raises for an archive above 2 to the 42nd bytes.
+std::uint64_t encrypted_archive_length(std::uint64_t archive_length);
 
 }  // namespace zorvi
