@@ -44,7 +44,7 @@ fs::path game_path(const fs::path& root, const std::string& game_id, const std::
   return safe_join(root, "games/" + game_id + "/" + relative, true);
 }
 
-SnapshotManifest parse_installed_manifest(const json& document) { return SnapshotManifest::parse(document); }
+SnapshotManifest parse_installed_manifest(const json& document) { return GameManifest::parse(document).snapshot; }
 
 void require_manifest_ref(const json& reference) {
   bool valid = reference.is_string() && reference.get_ref<const std::string&>().size() == manifest_ref_length;

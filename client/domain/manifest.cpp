@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "client/domain/crypto.hpp"
+#include "client/domain/encrypted_archive.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 
@@ -205,16 +206,12 @@ std::size_t SnapshotManifest::longest_native_path() const {
 namespace zorvi {
 namespace {
 
-constexpr std::string_view chacha_format = "zorvi-chacha20-poly1305-v1";
 constexpr std::size_t max_display_name = 200;
 constexpr std::size_t max_release_notes = 16384;
 constexpr std::size_t max_decoder_name = 80;
 constexpr std::uint64_t key_length = 32;
-constexpr std::uint64_t chunk_bytes = 65536;
-constexpr std::uint64_t chunk_tag = 16;
-constexpr std::uint64_t chunk_framing = 96;
-constexpr std::uint64_t min_encrypted_length = chunk_framing + 1;
-constexpr std::uint64_t max_encrypted_length = chunk_framing + max_snapshot_bytes + (std::uint64_t{1} << 30);
+constexpr std::uint64_t min_encrypted_length = encrypted_archive_header + 1;
+constexpr std::uint64_t max_encrypted_length = encrypted_archive_header + max_snapshot_bytes + (std::uint64_t{1} << 30);
 
 [[noreturn]] void malformed() { throw json::type_error::create(302, "game manifest field has the wrong shape", nullptr); }
 
@@ -288,7 +285,7 @@ EncryptedArchive parse_encrypted(const json& value, const SnapshotManifest& snap
   const bool bounded = encrypted.artifact.length >= min_encrypted_length &&
                        encrypted.artifact.length <= max_encrypted_length && encrypted.key.length == key_length;
   if (!bounded) invalid("Encrypted archive/key exceeds its bound");
-  if (encrypted.format == chacha_format && encrypted.artifact.length != encrypted_archive_length(snapshot.archive_length))
+  if (encrypted.format == encrypted_archive_format && encrypted.artifact.length != encrypted_archive_length(snapshot.archive_length))
     invalid("Encrypted archive length differs from its fixed authenticated chunks");
   return encrypted;
 }
@@ -369,13 +366,6 @@ GameManifest parse_game_document(const json& document) {
 }
 
 }  // namespace
-
-std::uint64_t encrypted_archive_length(std::uint64_t archive_length) {
-  // Within this bound the tags add at most 2^30 bytes, so nothing below can overflow.
-  require(archive_length <= max_snapshot_bytes, "size_limit", "Snapshot exceeds archive size bounds");
-  const std::uint64_t chunks = archive_length / chunk_bytes + (archive_length % chunk_bytes != 0 ? 1 : 0);
-  return archive_length + chunk_tag * chunks + chunk_framing;
-}
 
 GameManifest GameManifest::parse(const json& document) {
   try {

@@ -93,9 +93,4 @@ struct GameManifest {
 
 inline constexpr std::size_t max_direct_patches = 8;
 
-// The length of an archive in the authenticated-chunk layout: a 16-byte tag
-// for every 65,536 bytes of the archive (the last chunk may be short) and 96
-// bytes of framing. Raises for an archive above 2 to the 42nd bytes.
-std::uint64_t encrypted_archive_length(std::uint64_t archive_length);
-
 }  // namespace zorvi

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "client/domain/encrypted_archive.hpp"
 #include "client/domain/error.hpp"
 #include "tests/support/snapshot_support.hpp"
 
