@@ -66,13 +66,13 @@ void open_record(EVP_CIPHER_CTX* context, AeadKey key, AeadNonce nonce, std::str
 
 void decrypt_chacha20_poly1305(AeadKey key, AeadNonce nonce, std::string_view associated, std::string_view record,
                                std::span<std::uint8_t> output, std::size_t expected) {
-  // Whatever the buffer held before is wiped too when the call is refused:
-  // a caller that reuses it never keeps plaintext past a failure.
-  WipeUnlessDone wipe(output);
   require(record.size() >= aead_tag_size && expected < chunk_plaintext_limit &&
               record.size() <= expected + aead_tag_size && output.size() >= record.size() - aead_tag_size &&
               associated.size() <= max_associated_data,
           "encrypted_format", "AEAD record or associated data exceeds its bound");
+  // A refused call has written nothing, so the buffer keeps what the caller
+  // put there; from here on it may hold unauthenticated plaintext.
+  WipeUnlessDone wipe(output);
   const CipherContext context(EVP_CIPHER_CTX_new());
   require(static_cast<bool>(context), "crypto_failure", "Cannot initialize authenticated chunk decryption");
   open_record(context.get(), key, nonce, associated, record, output, expected);

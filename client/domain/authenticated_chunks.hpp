@@ -23,8 +23,9 @@ using AeadNonce = std::span<const std::uint8_t, aead_nonce_size>;
 
 // Opens one record, the ciphertext directly followed by its Poly1305 tag,
 // into `output`, which must hold the ciphertext. The plaintext must be exactly
-// `expected` bytes long. On any failure all of `output` is wiped, so that
-// plaintext that failed authentication never reaches the caller.
+// `expected` bytes long. Once the bounds hold, any failure wipes all of
+// `output`, so that plaintext that failed authentication never reaches the
+// caller; a call refused for its bounds leaves `output` untouched.
 void decrypt_chacha20_poly1305(AeadKey key, AeadNonce nonce, std::string_view associated, std::string_view record,
                                std::span<std::uint8_t> output, std::size_t expected);
 

@@ -31,8 +31,10 @@ DirectoryIdentity recorded_identity(const json& document) {
   return {pair[0].get<std::uint64_t>(), pair[1].get<std::uint64_t>()};
 }
 
+// A root that is no longer a plain directory (a link or a file in its place)
+// fails inside the inspection itself.
 bool same_directory(const fs::path& path, const DirectoryIdentity& identity) {
-  return directory_present(path) && inspect_storage_directory(path) == identity;
+  return inspect_storage_directory(path) == identity;
 }
 
 bool on_device(const fs::path& directory, const DirectoryIdentity& identity) {

@@ -68,12 +68,13 @@ void check_reference(const json& reference, const char* state) {
   require(is_lower_hex(ref.get<std::string>(), 64), state, "Installation ownership needs an exact manifest digest");
 }
 
-void check_bounds(const json& document, const char* state) {
+// The manifest target is bounded by the path rule, the versions path by its
+// own limit; either way the document is outside the format it was written in.
+void check_bounds(const json& document) {
   const std::string& target = document["reference"]["manifest_target"].get_ref<const std::string&>();
   const std::string& versions = document["versions_path"].get_ref<const std::string&>();
   const auto exceeds = [] { return Error("size_limit", "Installation ownership exceeds its bounded format"); };
-  if (target.size() > max_relative_path || versions.size() > max_versions_path) throw exceeds();
-  require(passes([&] { validate_relative_path(target, true); }), state, "Installation ownership reference is malformed");
+  if (!passes([&] { validate_relative_path(target, true); }) || versions.size() > max_versions_path) throw exceeds();
   // The document must also be writable as it will be stored: a path that is
   // not UTF-8 fails here, in the JSON library.
   if (document.dump().size() > max_document_bytes) throw exceeds();
@@ -93,7 +94,7 @@ void check_document(const json& document, bool ready) {
   require(normal_absolute(document["versions_path"].get<std::string>()), state,
           "Prepared storage path is not absolute and normalized");
   check_reference(document["reference"], state);
-  check_bounds(document, state);
+  check_bounds(document);
 }
 
 void validate_document(const json& document, bool ready) {

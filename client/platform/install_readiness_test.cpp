@@ -88,6 +88,7 @@ TEST_F(InstallReadiness, RefusalsPreserveWhatTheyCannotProve) {
            {as(changed(preparation, "/reference/build_id", "B"), false), p + "Installation ownership reference is malformed"},
            {as(changed(ready, "/reference/manifest_ref", std::string(64, 'A')), true), r + "Installation ownership needs an exact manifest digest"},
            {as(changed(preparation, "/versions_path", "/" + std::string(16384, 'v')), false), "size_limit: Installation ownership exceeds its bounded format"},
+           {as(changed(ready, "/reference/manifest_target", "../game.json"), true), "size_limit: Installation ownership exceeds its bounded format"},
            {as(changed(preparation, "/versions_path", "/\xff"), false), p + "Malformed installation ownership was preserved"},
            {[] { parse_install_document("{\"schema_version\": 1,", true); }, r + "Malformed installation ownership was preserved"},
            {[&] { validate_install_preparation(recorded, changed(ready, "/staging_identity/1", 3)); }, p + "Readiness differs from recorded preparation ownership"},
@@ -95,6 +96,7 @@ TEST_F(InstallReadiness, RefusalsPreserveWhatTheyCannotProve) {
            {[&] { cleanup_after("prepared", "ln staging/1.0.0/bin/game linked"); }, changed_file},
            {[&] { cleanup_after("prepared", "touch staging/1.0.0/data/notes.txt"); }, changed_file},
            {[&] { cleanup_after("prepared", "mv staging/1.0.0 moved && cp -a moved staging/1.0.0"); }, "allocation_changed: Prepared directory identity changed; preserve its replacement"},
+           {[&] { cleanup_after("prepared", "mv staging/1.0.0 moved && ln -s ../moved staging/1.0.0"); }, "unsafe_path: Cannot inspect prepared directory identity"},
            {[&] { cleanup_after("prepared", "true", "mount -t tmpfs tmpfs staging && mkdir staging/1.0.0"); }, "allocation_changed: Prepared storage volume changed"},
            {[&] { cleanup_after("ready", "cp -a staging/1.0.0 versions && rm -r staging/1.0.0", "true", "discard"); }, "allocation_changed: Activation directory identity changed; preserve its replacement"}})
     EXPECT_EQ(testing::outcome(call), expected);
