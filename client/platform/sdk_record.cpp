@@ -139,4 +139,16 @@ json validate_sdk_record(const json& record, const ExpectedSdkSession& expected,
   }
 }
 
+json validate_sdk_record(const json& record, const json& expected, std::uint64_t last_sequence) {
+  ExpectedSdkSession session;
+  try {
+    session = ExpectedSdkSession{expected.at("session_id").get<std::string>(), expected.at("nonce").get<std::string>(),
+                                 expected.at("game_id").get<std::string>(), expected.at("build_id").get<std::string>(),
+                                 expected.at("pid").get<std::uint64_t>()};
+  } catch (const json::exception&) {
+    throw Error("invalid_session", "Expected SDK session is malformed");
+  }
+  return validate_sdk_record(record, session, last_sequence);
+}
+
 }  // namespace zorvi

@@ -31,5 +31,8 @@ struct ExpectedSdkSession {
 // otherwise. A record repeating `last_sequence` is accepted, an older one is a
 // replay.
 json validate_sdk_record(const json& record, const ExpectedSdkSession& expected, std::uint64_t last_sequence);
+// The same, with the session given as a JSON object of those five keys, as a
+// caller that keeps its sessions as JSON holds them.
+json validate_sdk_record(const json& record, const json& expected, std::uint64_t last_sequence);
 
 }  // namespace zorvi

@@ -24,6 +24,8 @@ TEST(SdkRecord, RealGamesAndFailureTable) {
   const testing::TempDir dir;
   const auto [record, expected] = run_game(dir);
   EXPECT_EQ(validate_sdk_record(record, expected, 3), record);
+  const json as_json = {{"session_id", "s-1"}, {"nonce", "nonce"}, {"game_id", "sample-game"}, {"build_id", "1.0.0"}, {"pid", expected.pid}};
+  EXPECT_EQ(validate_sdk_record(record, as_json, 3), record);
   const std::string mismatch = "invalid_session: Readiness record does not match the expected game/process/session";
   const json crumb = {{"category", "c"}, {"message", "m"}}, log = {{"kind", "log"}, {"path", "a"}};
   const std::pair<json, std::string> rows[] = {
