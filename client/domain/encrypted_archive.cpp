@@ -7,8 +7,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <condition_variable>
+#include <exception>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <openssl/crypto.h>
 
@@ -27,13 +32,15 @@ constexpr std::size_t sealed_header = 80;  // the part the header tag and every 
 using Header = std::array<std::uint8_t, encrypted_archive_header>;
 using Nonce = std::array<std::uint8_t, aead_nonce_size>;
 
-// One record and one plaintext chunk, page-aligned for the copy out of the
-// page cache; the plaintext is wiped when the buffer goes.
-struct alignas(4096) ChunkBuffer {
-  std::array<char, encrypted_archive_chunk + aead_tag_size> record;
-  std::array<std::uint8_t, encrypted_archive_chunk> plaintext;
-  ~ChunkBuffer() { OPENSSL_cleanse(plaintext.data(), plaintext.size()); }
+// One plaintext chunk, wiped when the buffer goes.
+struct PlaintextBuffer {
+  std::array<std::uint8_t, encrypted_archive_chunk> bytes;
+  ~PlaintextBuffer() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
 };
+
+constexpr std::size_t record_size = encrypted_archive_chunk + aead_tag_size;
+constexpr std::size_t records_per_batch = 4;
+constexpr std::size_t batch_slots = 4;
 
 // Reads exactly `size` bytes unless the file ends first; the count read.
 std::size_t read_full(int descriptor, void* buffer, std::size_t size, const std::filesystem::path& path) {
@@ -85,6 +92,101 @@ std::uint64_t file_size(int descriptor, const std::filesystem::path& path) {
   return static_cast<std::uint64_t>(status.st_size);
 }
 
+// Reads the records ahead on a thread of its own while the caller decrypts,
+// so that the copy out of the page cache and the cipher overlap instead of
+// taking turns. Batches of whole records pass through a small ring; a read
+// failure reaches the caller after every batch read before it.
+class RecordReader {
+ public:
+  RecordReader(int descriptor, const std::filesystem::path& path, std::uint64_t record_bytes)
+      : descriptor_(descriptor), path_(path), left_(record_bytes) {
+    for (auto& slot : slots_) slot.resize(records_per_batch * record_size);
+    thread_ = std::thread([this] { run(); });
+  }
+  ~RecordReader() {
+    {
+      const std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  RecordReader(const RecordReader&) = delete;
+  RecordReader& operator=(const RecordReader&) = delete;
+
+  // The next batch, valid until the following call; empty after the last.
+  std::string_view next() {
+    std::unique_lock lock(mutex_);
+    if (taken_) {
+      ++consumed_;
+      taken_ = false;
+      changed_.notify_all();
+    }
+    changed_.wait(lock, [this] { return produced_ > consumed_ || finished_; });
+    if (produced_ == consumed_) {
+      if (failure_) std::rethrow_exception(failure_);
+      return {};
+    }
+    taken_ = true;
+    const auto index = static_cast<std::size_t>(consumed_ % batch_slots);
+    return {slots_[index].data(), sizes_[index]};
+  }
+
+ private:
+  void run() {
+    try {
+      while (left_ > 0) {
+        std::size_t index = 0;
+        {
+          std::unique_lock lock(mutex_);
+          changed_.wait(lock, [this] { return produced_ - consumed_ < batch_slots || stopping_; });
+          if (stopping_) return;
+          index = static_cast<std::size_t>(produced_ % batch_slots);
+        }
+        const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(left_, slots_[index].size()));
+        require(read_full(descriptor_, slots_[index].data(), want, path_) == want, "encrypted_format",
+                "Encrypted archive length differs from its header");
+        left_ -= want;
+        sizes_[index] = want;
+        publish([this] { ++produced_; });
+      }
+      char extra = 0;
+      require(read_full(descriptor_, &extra, 1, path_) == 0, "encrypted_format",
+              "Encrypted archive length differs from its header");
+      publish([this] { finished_ = true; });
+    } catch (...) {
+      publish([this, failure = std::current_exception()] {
+        failure_ = failure;
+        finished_ = true;
+      });
+    }
+  }
+
+  template <typename Change>
+  void publish(Change change) {
+    {
+      const std::lock_guard lock(mutex_);
+      change();
+    }
+    changed_.notify_all();
+  }
+
+  const int descriptor_;
+  const std::filesystem::path& path_;
+  std::uint64_t left_;
+  std::array<std::vector<char>, batch_slots> slots_;
+  std::array<std::size_t, batch_slots> sizes_{};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::uint64_t produced_ = 0;
+  std::uint64_t consumed_ = 0;
+  bool taken_ = false;
+  bool finished_ = false;
+  bool stopping_ = false;
+  std::exception_ptr failure_;
+  std::thread thread_;
+};
+
 }  // namespace
 
 std::uint64_t encrypted_archive_length(std::uint64_t plaintext) {
@@ -109,19 +211,22 @@ void decrypt_archive_file(const std::filesystem::path& path, AeadKey key, const 
   require(size == encrypted_archive_length(parsed.plaintext), "encrypted_format",
           "Encrypted archive length differs from its header");
 
-  const auto buffer = std::make_unique<ChunkBuffer>();
-  for (std::uint64_t done = 0, index = 0; done < parsed.plaintext; done += encrypted_archive_chunk, ++index) {
-    const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(parsed.plaintext - done, encrypted_archive_chunk));
-    const std::size_t record = chunk + aead_tag_size;
-    require(read_full(file.get(), buffer->record.data(), record, path) == record, "encrypted_format",
-            "Encrypted archive length differs from its header");
-    decrypt_chacha20_poly1305(key, chunk_nonce(parsed.nonce_base, index), associated,
-                              std::string_view(buffer->record.data(), record), buffer->plaintext, chunk);
-    sink(std::span<const std::uint8_t>(buffer->plaintext.data(), chunk));
+  const auto plaintext = std::make_unique<PlaintextBuffer>();
+  RecordReader reader(file.get(), path, size - encrypted_archive_header);
+  std::uint64_t done = 0;
+  std::uint64_t index = 0;
+  for (std::string_view batch = reader.next(); !batch.empty(); batch = reader.next()) {
+    while (!batch.empty()) {
+      const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(parsed.plaintext - done, encrypted_archive_chunk));
+      const std::size_t record = chunk + aead_tag_size;
+      decrypt_chacha20_poly1305(key, chunk_nonce(parsed.nonce_base, index), associated, batch.substr(0, record),
+                                plaintext->bytes, chunk);
+      sink(std::span<const std::uint8_t>(plaintext->bytes.data(), chunk));
+      batch.remove_prefix(record);
+      done += chunk;
+      ++index;
+    }
   }
-  char extra = 0;
-  require(read_full(file.get(), &extra, 1, path) == 0, "encrypted_format",
-          "Encrypted archive length differs from its header");
 }
 
 }  // namespace zorvi
