@@ -1,6 +1,8 @@
 // zorvi-bootstrap: the stable bootstrap. It never changes with a launcher
 // update; it picks the launcher version to run, tries a new one under
-// supervision, and otherwise replaces itself with a trusted version.
+// supervision, and otherwise replaces itself with a trusted version. When no
+// version can start, a windowed start for a game starts that installed game
+// directly from its records.
 //
 //   zorvi-bootstrap --data-dir DIR [--gui] [--game GAME] [--] [ARGS...]
 //
