@@ -39,7 +39,7 @@ struct PlaintextBuffer {
 };
 
 constexpr std::size_t record_size = encrypted_archive_chunk + aead_tag_size;
-constexpr std::size_t records_per_batch = 4;
+constexpr std::size_t records_per_batch = 16;
 constexpr std::size_t batch_slots = 4;
 
 // Reads exactly `size` bytes unless the file ends first; the count read.
