@@ -251,10 +251,11 @@ bool sdk_required(const json& sdk) {
   require(sdk.is_object() && sdk.contains("required") && sdk["required"].is_boolean(), "invalid_manifest",
           "SDK capability must be explicit");
   if (!sdk["required"].get<bool>()) return false;
-  // A required SDK without an ABI number is as unclear as no answer at all.
-  require(sdk.contains("abi_version"), "invalid_manifest", "SDK capability must be explicit");
-  const json& abi = sdk["abi_version"];
-  require(abi.is_number_integer() && abi == 1, "sdk_incompatible", "Game needs an unsupported SDK ABI");
+  // A required SDK names the one ABI this client speaks; anything else,
+  // including no number at all, is an ABI it cannot serve.
+  const auto abi = sdk.find("abi_version");
+  require(abi != sdk.end() && abi->is_number_integer() && *abi == 1, "sdk_incompatible",
+          "Game needs an unsupported SDK ABI");
   return true;
 }
 
