@@ -18,20 +18,20 @@ namespace fs = std::filesystem;
 TEST(MaintenanceHandoff, RemovesABigTreeOnItsWorkerAndCanBeCancelledWhileItWaits) {
   testing::TempDir dir;
   const fs::path data = fs::canonical(dir.path()) / "data";
-  fs::create_directories(data / "userdata");
-  testing::write_text(data / ".zorvi-setup-incomplete", "");  // a removal cut short, to be finished
-  testing::run_python("import os, sys\nfor i in range(2000):\n    d = os.path.join(sys.argv[1], str(i % 40))\n"
-                      "    os.makedirs(d, exist_ok=True)\n    open(os.path.join(d, str(i)), 'wb').write(os.urandom(4096))",
-                      {(data / "launcher").string()});
+  testing::run_python("import os, sys\nos.makedirs(sys.argv[1] + '/userdata')\nfor i in range(2000):\n d = '%s/launcher/%d' % (sys.argv[1], i % 40)\n"
+                      " os.makedirs(d, exist_ok=True)\n open('%s/%d' % (d, i), 'wb').write(os.urandom(4096))", {data.string()});
+  const auto bootstrap_running = [&] {  // in a folder whose last removal was cut short
+    testing::write_text(data / ".zorvi-setup-incomplete", "");
+    return std::make_unique<NativeFileLock>(data / ".native-bootstrap.lock", true, NativeLockSharing::exclusive_install,
+                                            LockMode::shared);
+  };
   std::atomic<int> wakeups{0};
-  auto running = std::make_unique<NativeFileLock>(data / ".native-bootstrap.lock", true,
-                                                  NativeLockSharing::exclusive_install, LockMode::shared);
+  auto running = bootstrap_running();
   MaintenanceHandoff handoff;
   handoff.set_wakeup([&] { ++wakeups; });
   handoff.uninstall({data, false, 600000});
   EXPECT_EQ(testing::outcome([&] { handoff.remove_shortcuts(data); }),
             "busy: Another maintenance operation is still running");
-  EXPECT_TRUE(handoff.view()["cancellable"]);
   handoff.cancel();
   handoff.join();
   EXPECT_EQ(handoff.view()["problem"], json({{"code", "cancelled"}, {"message", "Setup was cancelled"}}));
@@ -43,18 +43,11 @@ TEST(MaintenanceHandoff, RemovesABigTreeOnItsWorkerAndCanBeCancelledWhileItWaits
   const json view = handoff.view();
   EXPECT_EQ(json({view["phase"], view["completed_bytes"], view["total_bytes"], view["owned_path"], view["result"]["kept"]}),
             json({"succeeded", 1, 1, data.string(), {(data / "userdata").string()}}));
-  EXPECT_FALSE(fs::exists(data / "launcher"));
-  EXPECT_GE(wakeups.load(), 6);
+  EXPECT_TRUE(!fs::exists(data / "launcher") && wakeups >= 6);
 
-  testing::write_text(data / ".zorvi-setup-incomplete", "");
-  running = std::make_unique<NativeFileLock>(data / ".native-bootstrap.lock", true,
-                                             NativeLockSharing::exclusive_install, LockMode::shared);
+  running = bootstrap_running();
   std::make_unique<MaintenanceHandoff>()->uninstall({data, false, 600000});  // gone at once, mid-wait
   EXPECT_TRUE(fs::exists(data / ".zorvi-setup-incomplete"));
-  // The window's start runs on the worker as well; this program is no installed GUI.
-  handoff.start(data, "1.0.0");
-  handoff.join();
-  EXPECT_EQ(handoff.view()["problem"]["code"], "maintenance_unavailable");
 }
 
 }  // namespace
