@@ -43,17 +43,18 @@ struct Command {
   bool remove_data = false;
 };
 
-Command parse(const std::vector<std::string>& arguments, bool gui) {
-  const std::vector<std::string> console_words{"self", "uninstall"};
-  std::size_t at = gui ? 0 : 2;
-  const bool words = gui || (arguments.size() >= 2 && std::equal(console_words.begin(), console_words.end(), arguments.begin()));
-  if (!words || arguments.size() < at + 2 || arguments[at] != "--data-dir" || arguments[at + 1].empty())
-    throw zorvi::Error("usage", gui ? "Use --data-dir DIR" : "Use self uninstall --data-dir DIR [--remove-data]");
-  Command command{zorvi::path_from_utf8(arguments[at + 1])};
-  at += 2;
-  command.remove_data = !gui && at + 1 == arguments.size() && arguments[at] == "--remove-data";
-  if (at + (command.remove_data ? 1 : 0) != arguments.size())
-    throw zorvi::Error("usage", gui ? "Use --data-dir DIR" : "Use self uninstall --data-dir DIR [--remove-data]");
+Command parse(std::vector<std::string> arguments, bool gui) {
+  const char* const usage = gui ? "Use --data-dir DIR" : "Use self uninstall --data-dir DIR [--remove-data]";
+  if (!gui) {
+    if (arguments.size() < 2 || arguments[0] != "self" || arguments[1] != "uninstall")
+      throw zorvi::Error("usage", usage);
+    arguments.erase(arguments.begin(), arguments.begin() + 2);
+  }
+  Command command;
+  command.remove_data = !gui && !arguments.empty() && arguments.back() == "--remove-data";
+  if (command.remove_data) arguments.pop_back();
+  if (arguments.size() != 2 || arguments[0] != "--data-dir" || arguments[1].empty()) throw zorvi::Error("usage", usage);
+  command.data_dir = zorvi::path_from_utf8(arguments[1]);
   return command;
 }
 

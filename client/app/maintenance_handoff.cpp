@@ -63,25 +63,30 @@ void MaintenanceHandoff::begin(const std::string& phase, const Operation& operat
   cancelled_ = false;
   finished_ = false;
   publish([&](json& view) { view = initial_view(phase); });
-  worker_ = std::thread([this, operation] {
+  // The last view is published with the worker already counted as done, so
+  // a window woken by it may begin the next operation at once.
+  const auto finish = [this](const std::function<void(json&)>& change) {
+    publish([&](json& view) {
+      change(view);
+      view["cancellable"] = false;
+      finished_ = true;
+    });
+  };
+  worker_ = std::thread([this, operation, finish] {
     try {
       json result = operation();
-      publish([&](json& view) {
+      finish([&](json& view) {
         // An operation that hands something over ends "ready" by itself.
         if (view["phase"] != "ready") view["phase"] = "succeeded";
-        view["cancellable"] = false;
         view["result"] = std::move(result);
       });
     } catch (const Error& error) {
-      publish([&](json& view) {
-        view.update({{"phase", "failed"}, {"cancellable", false}, {"problem", problem(error.code, error.what())}});
-      });
+      finish([&](json& view) { view.update({{"phase", "failed"}, {"problem", problem(error.code, error.what())}}); });
     } catch (const std::exception& error) {
-      publish([&](json& view) {
-        view.update({{"phase", "failed"}, {"cancellable", false}, {"problem", problem("maintenance_failed", error.what())}});
+      finish([&](json& view) {
+        view.update({{"phase", "failed"}, {"problem", problem("maintenance_failed", error.what())}});
       });
     }
-    finished_ = true;
   });
 }
 
@@ -94,7 +99,9 @@ void MaintenanceHandoff::start(const std::filesystem::path& data_dir, std::strin
     require(!cancelled(), "cancelled", "Uninstall cancelled");
     // Once the window is on its way there is nothing left to cancel.
     publish([](json& view) { view.update({{"phase", "opening"}, {"cancellable", false}}); });
-    ChildProcess child = runtime.launch_gui({"--data-dir", path_utf8(data_dir)}, limit);
+    // The helper starts in its own folder: a relative directory would name another place.
+    const std::string folder = path_utf8(std::filesystem::absolute(data_dir).lexically_normal());
+    ChildProcess child = runtime.launch_gui({"--data-dir", folder}, limit);
     const auto pid = child.pid();
     publish([&](json& view) {
       runtime_ = std::move(runtime);

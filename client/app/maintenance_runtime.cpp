@@ -95,7 +95,8 @@ void MaintenanceRuntime::release() noexcept {
   remove_path_quietly(copy_.parent_path());
 }
 
-MaintenanceRuntime MaintenanceRuntime::prepare(const LauncherStore& store, const json& reference, std::string_view role) {
+MaintenanceRuntime MaintenanceRuntime::prepare(const LauncherStore& store, const json& reference,
+                                               std::string_view role) {
   const LauncherManifest manifest = store.manifest(reference);
   const auto helper = std::find_if(manifest.helpers.begin(), manifest.helpers.end(),
                                    [&](const auto& entry) { return entry.second == role; });
@@ -139,7 +140,8 @@ ChildProcess MaintenanceRuntime::launch_console(const std::vector<std::string>& 
                       ChildEnvironment::Inherited);
 }
 
-ChildProcess MaintenanceRuntime::launch_gui(const std::vector<std::string>& arguments, std::chrono::milliseconds limit) {
+ChildProcess MaintenanceRuntime::launch_gui(const std::vector<std::string>& arguments,
+                                            std::chrono::milliseconds limit) {
   ready_ = fs::temp_directory_path() / (std::string(maintenance_ready_prefix) + random_id());
   ChildProcess child(helper_, arguments, helper_.parent_path(), environment(), ChildStreams::Separated,
                      ChildEnvironment::Inherited);

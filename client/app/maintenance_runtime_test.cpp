@@ -38,7 +38,8 @@ protected:
     return testing::run_command(words);
   }
   bool removed_keeping_user_data() const {
-    return !fs::exists(data / "native") && !fs::exists(data / "launcher") && testing::read_text(data / "userdata/save") == "mine";
+    return !fs::exists(data / "native") && !fs::exists(data / "launcher") &&
+           testing::read_text(data / "userdata/save") == "mine";
   }
 
   static inline testing::SamplePackage* shared = nullptr;
@@ -50,8 +51,8 @@ protected:
 // Whether `pid` holds a flock on `path` by the kernel's list: a look that
 // takes no lock, so it cannot get in the holder's way.
 bool holds_lock(std::uint64_t pid, const fs::path& path) {
-  const char* const script = "grep -Eq \"FLOCK .* $0 [0-9a-f]+:[0-9a-f]+:$(stat -c %i \"$1\") \" /proc/locks";
-  return testing::run_command({"sh", "-c", script, std::to_string(pid), path}).status == 0;
+  return testing::run_command({"sh", "-c", "grep -Eq \"FLOCK .* $0 [0-9a-f]+:[0-9a-f]+:$(stat -c %i \"$1\") \" /proc/locks",
+                               std::to_string(pid), path}).status == 0;
 }
 
 TEST_F(Maintenance, TheBootstrapHandsShortcutsAndUninstallsToTheVersionsVerifiedHelper) {
@@ -93,8 +94,9 @@ TEST_F(Maintenance, TheWindowedHelperIsHandedOverOnceReadyAndItsRemovalOutwaitsA
   ::unsetenv("ZORVI_STAND_IN_HOLD");
   ::unsetenv("ZORVI_STAND_IN_RECORDS");
   const json record = json::parse(testing::run_command({"sh", "-c", "cat \"$0\"/*.json", silent.dir.path()}).out);
-  EXPECT_EQ(json({testing::pid_exists(record["pid"]), fs::exists(quiet.ready_path()), record["environment"]["ZORVI_MAINTENANCE_READY"], record["environment"]["ZORVI_LAUNCHER_HEALTH_NONCE"]}),
-            json({false, false, quiet.ready_path().string(), ""}));
+  const json& environment = record["environment"];  // terminated, cleaned up, and never taken for a trial
+  EXPECT_EQ(json({testing::pid_exists(record["pid"]), fs::exists(quiet.ready_path()), environment["ZORVI_MAINTENANCE_READY"],
+                  environment["ZORVI_LAUNCHER_HEALTH_NONCE"]}), json({false, false, quiet.ready_path().string(), ""}));
 
   install();
   ChildProcess holder(testing::binary_dir() / "lifetime_holder", {data / "native/bootstrap/bin/zorvi-bootstrap"},
@@ -115,7 +117,6 @@ TEST(MaintenanceRuntime, Refusals) {
     const std::string got = testing::outcome(action);
     return ::unsetenv(name), got;
   };
-  const auto cli = [&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); };
   const std::string shortcut = "usage: Use self shortcut create [--game GAME] or self shortcut remove";
   const struct { std::string got, expected; } rows[] = {
       {testing::outcome([] { maintenance_arguments({"self", "uninstall", "--remove-data", "--remove-data"}, "d"); }), "usage: Use self uninstall [--remove-data]"},
@@ -126,8 +127,8 @@ TEST(MaintenanceRuntime, Refusals) {
       {testing::outcome([] { require_maintenance_runtime_image("/tmp/zorvi-maintenance-1/bin/zorvi"); }), "maintenance_copy: A temporary maintenance helper cannot start Zorvi"},
       {with_variable("ZORVI_MAINTENANCE_COPY", [] { MaintenanceRuntime::attach("maintenance", "1.0.0"); }), "maintenance_copy: Maintenance helper copy path is invalid"},
       {testing::outcome([&] { prepare_gui_maintenance(dir / "data", "1.0.0", {}); }), "maintenance_unavailable: Start the installed Zorvi GUI or use the external installer to review removal"},
-      {with_variable("ZORVI_LAUNCHER_HEALTH_NONCE", cli), "maintenance_unavailable: Start native maintenance through the installed bootstrap to release startup ownership"},
-      {testing::outcome(cli), "maintenance_unavailable: Installed maintenance needs a managed launcher image; use the external installer"},
+      {with_variable("ZORVI_LAUNCHER_HEALTH_NONCE", [&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }), "maintenance_unavailable: Start native maintenance through the installed bootstrap to release startup ownership"},
+      {testing::outcome([&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }), "maintenance_unavailable: Installed maintenance needs a managed launcher image; use the external installer"},
   };
   for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
   EXPECT_EQ(maintenance_arguments({"--json", "self", "uninstall", "--remove-data"}, "d"),
