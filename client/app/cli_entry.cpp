@@ -308,6 +308,13 @@ bool cli_flag(std::vector<std::string>& arguments, std::string_view name) {
   return true;
 }
 
+std::vector<std::string> without_json(const std::vector<std::string>& arguments) {
+  std::vector<std::string> words;
+  for (const std::string& argument : arguments)
+    if (argument != "--json") words.push_back(argument);
+  return words;
+}
+
 std::string cli_help() {
   return "Zorvi 0.1.0\n"
          "Usage: zorvi [--data-dir PATH] [--json] COMMAND\n"

@@ -9,6 +9,7 @@
 #include "client/app/direct_start.hpp"
 #include "client/app/launcher_attempts.hpp"
 #include "client/app/launcher_trial.hpp"
+#include "client/app/maintenance_runtime.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/domain/snapshot.hpp"
@@ -138,20 +139,36 @@ void refuse_forwarded_data_dir(const std::vector<std::string>& arguments) {
   }
 }
 
-// Maintenance commands are answered by the maintenance runtime, which this
-// build does not have yet: they are refused rather than handed to a launcher.
-void refuse_maintenance(const std::vector<std::string>& arguments) {
-  std::vector<std::string> words;
-  for (const std::string& argument : arguments)
-    if (argument != "--json" && words.size() < 2) words.push_back(argument);
-  const bool maintenance = words.size() == 2 && words[0] == "self" && (words[1] == "uninstall" || words[1] == "shortcut");
-  require(!maintenance, "maintenance_failed", "Maintenance commands are not available in this build");
+bool interrupt_requested(const std::unique_ptr<ConsoleInterrupt>& interrupt) {
+  return interrupt && interrupt->requested();
 }
 
-// The console's command line: help is answered here; anything else is
+// The console helper of the version that would start replaces the
+// bootstrap, the version held against removal until the image is replaced.
+[[noreturn]] void run_maintenance(const fs::path& data_dir, const std::vector<std::string>& helper_arguments,
+                                  std::unique_ptr<ConsoleInterrupt>& interrupt) {
+  const LauncherStore store(data_dir);
+  const FileLock owner = store.owner();
+  store.recover_attempt();
+  const json active = store.status().value("active", json());
+  const json version = active.is_null() ? store.fallback_active() : active;
+  const FileLock guard = store.version_guard(version, LockMode::shared);
+  const MaintenanceRuntime runtime =
+      prepare_console_maintenance(store, version, [&interrupt] { return interrupt_requested(interrupt); });
+  interrupt.reset();
+  try {
+    runtime.replace(helper_arguments);
+  } catch (const Error& error) {
+    throw Error("maintenance_failed", "Maintenance process replacement returned unexpectedly", {error.what()});
+  }
+}
+
+// The console's command line: help and the shortcut commands are answered
+// here, an uninstall goes to the maintenance helper; anything else is
 // forwarded, or nothing when the bootstrap has already answered.
 std::optional<std::vector<std::string>> console_arguments(const fs::path& data_dir,
-                                                          const std::vector<std::string>& arguments) {
+                                                          const std::vector<std::string>& arguments,
+                                                          std::unique_ptr<ConsoleInterrupt>& interrupt) {
   const CliEntry entry = parse_cli_entry(arguments, data_dir, nullptr);
   require(!entry.data_dir_given, "usage", "Set the data directory on the native bootstrap, before forwarded arguments");
   if (entry.help) {
@@ -165,7 +182,15 @@ std::optional<std::vector<std::string>> console_arguments(const fs::path& data_d
   std::vector<std::string> forwarded;
   if (entry.json) forwarded.push_back("--json");
   forwarded.insert(forwarded.end(), entry.arguments.begin(), entry.arguments.end());
-  refuse_maintenance(forwarded);
+  const json answer =
+      native_maintenance_control(data_dir, forwarded, [&interrupt] { return interrupt_requested(interrupt); });
+  if (!answer.is_null()) {
+    std::cout << answer.dump() << '\n';
+    std::cout.flush();
+    return std::nullopt;
+  }
+  const std::vector<std::string> helper_arguments = maintenance_arguments(forwarded, data_dir);
+  if (!helper_arguments.empty()) run_maintenance(data_dir, helper_arguments, interrupt);
   return forwarded;
 }
 
@@ -183,7 +208,7 @@ int run_launcher_bootstrap(const fs::path& data_dir, std::string_view interface,
   if (interface == "gui") {
     refuse_forwarded_data_dir(arguments);
   } else {
-    std::optional<std::vector<std::string>> console = console_arguments(data_dir, arguments);
+    std::optional<std::vector<std::string>> console = console_arguments(data_dir, arguments, interrupt);
     if (!console) return 0;
     forwarded = std::move(*console);
   }

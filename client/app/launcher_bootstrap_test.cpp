@@ -155,7 +155,7 @@ TEST(LauncherBootstrap, RefusedRuns) {
       {run("gui", 30001, {}), limit},
       {run("gui", 1000, {"--launch", "--data-dir"}), usage},
       {run("cli", 1000, {"--data-dir", "x", "list"}), usage},
-      {run("cli", 1000, {"--json", "self", "uninstall"}), "maintenance_failed: Maintenance commands are not available in this build"},
+      {run("cli", 1000, {"--json", "self", "uninstall"}), "launcher_missing: No installed Zorvi version could be started"},
       {run("cli", 1000, {"list"}), nothing},
       {run("gui", 30000, {"--launch", "game"}), "file_read: Cannot open file: " + (dir / "data/games/game/record.json").string()},
   };

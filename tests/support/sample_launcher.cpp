@@ -28,11 +28,18 @@ void publish_release(const TufRepository& repository, const std::string& name, c
 }  // namespace
 
 SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id, std::size_t padding,
-                             std::uint64_t padding_bytes)
+                             std::uint64_t padding_bytes, const std::string& maintenance)
     : build(build_id), tree(folder / ("tree-" + build_id)), archive(folder / (build_id + ".tar.zst")) {
   fs::create_directories(tree / "bin");
   run_command({"strip", "-o", tree / "bin/zorvi", binary_dir() / "zorvi-sample-launcher"});
   fs::copy_file(tree / "bin/zorvi", tree / "bin/zorvi-gui");
+  json helpers = json::array();
+  if (!maintenance.empty()) {
+    run_command({"strip", "-o", tree / "bin/zorvi-maintenance", binary_dir() / maintenance});
+    fs::copy_file(tree / "bin/zorvi-maintenance", tree / "bin/zorvi-maintenance-gui");
+    helpers = {{{"path", "bin/zorvi-maintenance"}, {"role", "maintenance"}, {"lease_abi", 1}},
+               {{"path", "bin/zorvi-maintenance-gui"}, {"role", "maintenance-gui"}, {"lease_abi", 1}}};
+  }
   write_text(tree / "build-id", build + "\n");
   if (padding > 0) {
     fs::create_directories(tree / "data");
@@ -45,7 +52,7 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
   document.update({{"kind", "zorvi-launcher-release"}, {"build_id", build}, {"bootstrap_abi", 1}, {"health_abi", 1},
                    {"staging_abi", 1}, {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1},
                    {"application_schema", {{"minimum", 1}, {"maximum", 1}}}, {"gui_executable", "bin/zorvi-gui"},
-                   {"runtime_helpers", json::array()}});
+                   {"runtime_helpers", helpers}});
   // Flat, so that the archive can also travel in an initial package.
   document["archive"]["target"] = "launcher-" + build + ".tar.zst";
   manifest = document.dump();

@@ -15,10 +15,12 @@ namespace zorvi::testing {
 
 // A launcher release of the project's sample launcher: bin/zorvi and
 // bin/zorvi-gui, its build-id file, and `padding` files of `padding_bytes`
-// random bytes in all, packed by tar and zstd.
+// random bytes in all, packed by tar and zstd. Its maintenance helpers
+// bin/zorvi-maintenance and bin/zorvi-maintenance-gui are copies of the
+// built program `maintenance`; an empty name leaves them out.
 struct SampleRelease {
   SampleRelease(const std::filesystem::path& folder, const std::string& build, std::size_t padding = 0,
-                std::uint64_t padding_bytes = 0);
+                std::uint64_t padding_bytes = 0, const std::string& maintenance = "zorvi-maintenance");
 
   // Signs the manifest and archive into `repository` as its launcher release.
   void publish(const TufRepository& repository) const;
