@@ -212,6 +212,12 @@ MaintenanceRuntime prepare_console_maintenance(const LauncherStore& store, const
   return MaintenanceRuntime::prepare(store, reference, helper_role_maintenance);
 }
 
+MaintenanceRuntime prepare_console_maintenance(const LauncherStore& store, const json& reference,
+                                               const std::vector<std::string>& /*arguments*/,
+                                               const std::function<bool()>& interrupted, bool /*json_output*/) {
+  return prepare_console_maintenance(store, reference, interrupted);
+}
+
 MaintenanceRuntime prepare_gui_maintenance(const fs::path& data_dir, std::string_view build_id,
                                            const MaintenancePhase& phase) {
   return with_own_version(

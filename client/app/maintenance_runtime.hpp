@@ -89,6 +89,11 @@ json native_maintenance_control(const std::filesystem::path& data_dir, const std
 // The console helper of a version, unless the user has already asked to stop.
 MaintenanceRuntime prepare_console_maintenance(const LauncherStore& store, const json& reference,
                                                const std::function<bool()>& interrupted);
+// The same, in the shape of the bootstrap's maintenance route, which also
+// holds the command and its "--json"; neither changes which helper is chosen.
+MaintenanceRuntime prepare_console_maintenance(const LauncherStore& store, const json& reference,
+                                               const std::vector<std::string>& arguments,
+                                               const std::function<bool()>& interrupted, bool json_output);
 
 // The windowed helper of the version whose GUI image this process runs.
 // `phase` (may be empty) hears "verifying" once the version is held.

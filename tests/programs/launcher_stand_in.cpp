@@ -35,11 +35,12 @@ static int trial(const std::string& mode) {
   atomic_create(store.startup_ack_path(attempt), lease_document(manifest, attempt, pid, interface).dump());
   if (mode == "healthy") pause_ms(300);
   const bool console = std::getenv("ZORVI_LAUNCHER_INTERRUPT_READER") != nullptr;
+  // Let go before the report: after it, the bootstrap may test the lease at once.
+  if (mode == "drop") lease.reset();
   if (mode != "silent")
     atomic_create(store.health_path(attempt),
                   manifest.startup_health(attempt, mode == "lie" ? pid + 1 : pid, interface, console).dump());
   if (mode == "quick") return 0;
-  if (mode == "drop") lease.reset();
   if (mode == "healthy") return pause_ms(200), 7;
   for (;;) pause_ms(1000);
 }
