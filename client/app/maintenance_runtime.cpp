@@ -1,6 +1,10 @@
 #include "client/app/maintenance_runtime.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
+#include <string>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -14,6 +18,7 @@
 #include "client/domain/identifier.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/native_platform.hpp"
+#include "client/platform/posix_files.hpp"
 #include "client/platform/tree.hpp"
 
 namespace zorvi {
@@ -140,9 +145,26 @@ ChildProcess MaintenanceRuntime::launch_console(const std::vector<std::string>& 
                       ChildEnvironment::Inherited);
 }
 
+namespace {
+
+// The per-user folder that holds the ready file. The shared /tmp is not one:
+// a private file there would first make /tmp itself private (or be refused
+// when root owns it), so the session's runtime folder serves, else a private
+// "zorvi-<uid>" folder below the temporary directory.
+fs::path ready_directory() {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  const fs::path directory = runtime != nullptr && runtime[0] == '/'
+                                 ? fs::path(runtime)
+                                 : fs::temp_directory_path() / ("zorvi-" + std::to_string(::geteuid()));
+  private_directory(directory);
+  return directory;
+}
+
+}  // namespace
+
 ChildProcess MaintenanceRuntime::launch_gui(const std::vector<std::string>& arguments,
                                             std::chrono::milliseconds limit) {
-  ready_ = fs::temp_directory_path() / (std::string(maintenance_ready_prefix) + random_id());
+  ready_ = ready_directory() / (std::string(maintenance_ready_prefix) + random_id());
   ChildProcess child(helper_, arguments, helper_.parent_path(), environment(), ChildStreams::Separated,
                      ChildEnvironment::Inherited);
   const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -108,6 +108,7 @@ TEST_F(Maintenance, TheWindowedHelperIsHandedOverOnceReadyAndItsRemovalOutwaitsA
   ::kill(static_cast<pid_t>(holder.pid()), SIGKILL);
   EXPECT_EQ(helper.wait(), 0);
   EXPECT_TRUE(removed_keeping_user_data());
+  EXPECT_EQ(fs::status(fs::temp_directory_path()).permissions() & fs::perms::others_all, fs::perms::others_all);  // the ready file left the shared /tmp as it was
 }
 
 TEST(MaintenanceRuntime, Refusals) {
