@@ -309,9 +309,14 @@ bool cli_flag(std::vector<std::string>& arguments, std::string_view name) {
 }
 
 std::vector<std::string> without_json(const std::vector<std::string>& arguments) {
+  // A "--json" that is an option's value is that option's text, as in the
+  // parse: only the global option goes.
+  const NameSet& values = cli_value_options();
   std::vector<std::string> words;
-  for (const std::string& argument : arguments)
-    if (argument != "--json") words.push_back(argument);
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    if (arguments[i] != "--json") words.push_back(arguments[i]);
+    if (values.contains(arguments[i]) && i + 1 < arguments.size()) words.push_back(arguments[++i]);
+  }
   return words;
 }
 

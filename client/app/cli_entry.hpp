@@ -51,8 +51,8 @@ std::string cli_option(std::vector<std::string>& arguments, std::string_view nam
 // Takes a flag out of a handler's arguments; true when it was there.
 bool cli_flag(std::vector<std::string>& arguments, std::string_view name);
 
-// The arguments with every "--json" taken out, for commands that decide on
-// their words alone.
+// The arguments with the global "--json" taken out (an option's value stays,
+// even one that reads "--json"), for commands that decide on their words alone.
 std::vector<std::string> without_json(const std::vector<std::string>& arguments);
 
 std::string cli_help();

@@ -86,6 +86,12 @@ void MaintenanceHandoff::begin(const std::string& phase, const Operation& operat
       finish([&](json& view) {
         view.update({{"phase", "failed"}, {"problem", problem("maintenance_failed", error.what())}});
       });
+    } catch (...) {
+      // Whatever an operation throws, the window must hear of its end; an
+      // escaping exception would end the whole process instead.
+      finish([](json& view) {
+        view.update({{"phase", "failed"}, {"problem", problem("maintenance_failed", "Maintenance operation failed")}});
+      });
     }
   });
 }

@@ -169,11 +169,14 @@ ChildProcess MaintenanceRuntime::launch_gui(const std::vector<std::string>& argu
                      ChildEnvironment::Inherited);
   const auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {
+    // The end is looked at before the file: a helper that reported and then
+    // ended between the two looks still counts as ready.
+    const bool ended = child.poll().has_value();
     if (entry_present(ready_)) {
       remove_path_quietly(ready_);
       return child;
     }
-    if (child.poll() || std::chrono::steady_clock::now() >= deadline) break;
+    if (ended || std::chrono::steady_clock::now() >= deadline) break;
     std::this_thread::sleep_for(ready_poll);
   }
   child.terminate(silent_helper_grace_ms);

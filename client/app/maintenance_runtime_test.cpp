@@ -124,6 +124,7 @@ TEST(MaintenanceRuntime, Refusals) {
       {testing::outcome([&] { native_maintenance_control(dir / "data", {"self", "shortcut"}, {}); }), shortcut},
       {testing::outcome([&] { native_maintenance_control(dir / "data", {"--json", "self", "shortcut", "create", "--game"}, {}); }), shortcut},
       {testing::outcome([&] { native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "no way"}, {}); }), shortcut},
+      {testing::outcome([&] { native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "--json", "g1"}, {}); }), shortcut},
       {testing::outcome([&] { prepare_console_maintenance(LauncherStore(dir / "data", true), json(), {"self", "uninstall"}, [] { return true; }, false); }), "cancelled: Uninstall cancelled"},
       {testing::outcome([] { require_maintenance_runtime_image("/tmp/zorvi-maintenance-1/bin/zorvi"); }), "maintenance_copy: A temporary maintenance helper cannot start Zorvi"},
       {with_variable("ZORVI_MAINTENANCE_COPY", [] { MaintenanceRuntime::attach("maintenance", "1.0.0"); }), "maintenance_copy: Maintenance helper copy path is invalid"},
