@@ -76,6 +76,10 @@ TEST_F(BootstrapUpdate, ANewImageReplacesTheOldOnlyWhenItProvesItStarts) {
   EXPECT_EQ(installed(), "1.0.0");
   EXPECT_EQ(testing::read_text(data / "native/bootstrap-update.rejected"), digest(unstartable, "sha256"));
   EXPECT_EQ(stage(data), "rejected");
+  release("3.1.0-hang", "unstartable_bootstrap");
+  EXPECT_EQ(stage(data), "staged");
+  EXPECT_EQ(start(), 0);  // a silent image is ended at the 10 s limit and undone alike
+  EXPECT_EQ(installed(), "1.0.0");
 
   release("2.0.0");
   EXPECT_EQ(stage(data), "staged");
