@@ -1,7 +1,5 @@
 #include "client/app/direct_start.hpp"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -13,6 +11,7 @@
 #include "client/domain/identifier.hpp"
 #include "client/domain/json.hpp"
 #include "client/domain/manifest.hpp"
+#include "client/domain/snapshot.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/native_platform.hpp"
 #include "client/platform/process.hpp"
@@ -32,19 +31,10 @@ json member(const json& object, const char* key) {
   return found == object.end() ? json() : *found;
 }
 
-// The size of a regular file at `path` itself, a link not followed.
-std::optional<std::uint64_t> regular_file_size(const fs::path& path) {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-  return static_cast<std::uint64_t>(status.st_size);
-}
-
 // One of the game's own files below the data folder, no link on the way.
 fs::path game_path(const fs::path& root, const std::string& game_id, const std::string& relative) {
   return safe_join(root, "games/" + game_id + "/" + relative, true);
 }
-
-SnapshotManifest parse_installed_manifest(const json& document) { return GameManifest::parse(document).snapshot; }
 
 void require_manifest_ref(const json& reference) {
   bool valid = reference.is_string() && reference.get_ref<const std::string&>().size() == manifest_ref_length;
@@ -62,18 +52,19 @@ void require_manifest_ref(const json& reference) {
 // value (white space, say) keeps the reference too.
 SnapshotManifest active_manifest(const fs::path& root, const std::string& game_id, const json& active) {
   if (!active.is_object() || !active.contains("manifest_ref"))
-    return parse_installed_manifest(member(active, "manifest"));
+    return GameManifest::parse(member(active, "manifest")).snapshot;
   const json& reference = active.at("manifest_ref");
   require_manifest_ref(reference);
   const std::string& ref = reference.get_ref<const std::string&>();
   const fs::path stored = game_path(root, game_id, "verified-manifests/application-" + ref + ".json");
   const json document = parse_json(read_file(stored, max_stored_game_manifest_bytes), max_stored_game_manifest_bytes);
   require(digest(document.dump(), "sha256") == ref, "content_mismatch", "The stored game manifest changed");
-  return parse_installed_manifest(document);
+  return GameManifest::parse(document).snapshot;
 }
 
 LocatedGame platformed_program(const PlatformedGame& game) {
-  require(regular_file_size(game.executable).has_value(), "missing_file", "The game's program is missing");
+  std::error_code error;
+  require(fs::is_regular_file(fs::symlink_status(game.executable, error)), "missing_file", "The game's program is missing");
   return {path_utf8(game.executable), path_utf8(game.executable.parent_path()), game.build};
 }
 
@@ -97,9 +88,7 @@ LocatedGame locate_installed_game(const fs::path& data_root, std::string_view ga
   require(manifest.platform == native_platform(), "platform_mismatch", "Installed game build is for another platform");
   const fs::path directory = game_path(root, id, "versions/" + version.get<std::string>());
   const fs::path executable = safe_join(directory, manifest.executable, true);
-  const auto listed = manifest.files.find(manifest.executable);
-  const std::optional<std::uint64_t> size = regular_file_size(executable);
-  require(size && listed != manifest.files.end() && *size == listed->second.length, "content_mismatch",
+  require(has_listed_length(manifest, manifest.executable, executable), "content_mismatch",
           "The game's program is missing or changed");
   return {path_utf8(executable), path_utf8(directory), manifest.build_id};
 }

@@ -238,11 +238,7 @@ fs::path present_entry(const LauncherStore& store, const json& reference, const 
   interface_shape(interface);
   const std::string& name = interface == "cli" ? manifest.snapshot.executable : manifest.gui_executable;
   const fs::path entry = safe_join(store.payload(reference), name, true);
-  const auto listed = manifest.snapshot.files.find(name);
-  std::error_code error;
-  const fs::file_status status = fs::symlink_status(entry, error);
-  const bool present = !error && fs::is_regular_file(status) && listed != manifest.snapshot.files.end();
-  require(present && fs::file_size(entry, error) == listed->second.length && !error, "launcher_damaged", damaged_files);
+  require(has_listed_length(manifest.snapshot, name, entry), "launcher_damaged", damaged_files);
   return entry;
 }
 

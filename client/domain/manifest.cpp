@@ -206,7 +206,6 @@ std::size_t SnapshotManifest::longest_native_path() const {
 namespace zorvi {
 namespace {
 
-constexpr std::size_t max_display_name = 200;
 constexpr std::size_t max_release_notes = 16384;
 constexpr std::size_t max_decoder_name = 80;
 constexpr std::uint64_t key_length = 32;
@@ -235,7 +234,7 @@ void read_length_and_digest(const json& descriptor, ManifestTarget& target) {
 std::string display_name(const json& document) {
   const bool valid = document.contains("display_name") && document["display_name"].is_string() &&
                      !document["display_name"].get_ref<const std::string&>().empty() &&
-                     document["display_name"].get_ref<const std::string&>().size() <= max_display_name;
+                     document["display_name"].get_ref<const std::string&>().size() <= max_game_display_name;
   require(valid, "invalid_manifest", "Game display name is missing or too long");
   return document["display_name"].get<std::string>();
 }

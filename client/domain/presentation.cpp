@@ -14,7 +14,6 @@ constexpr std::string_view artwork_format = "bmp-rgb24-v1";
 constexpr std::array<std::string_view, 4> presentation_keys{"tagline", "description", "monogram", "artwork"};
 constexpr std::array<std::string_view, 5> artwork_keys{"format", "width", "height", "bmp_hex", "alternative_text"};
 
-constexpr std::size_t max_display_name = 200;
 constexpr std::size_t max_tagline = 200;
 constexpr std::size_t max_description = 4096;
 constexpr std::size_t max_monogram = 16;
@@ -115,7 +114,7 @@ bool displayable_text(std::string_view text, bool multi_line) {
 
 GamePresentation GamePresentation::parse(std::string_view display_name, const json& value) {
   GamePresentation presentation;
-  presentation.display_name = bounded_text(display_name, max_display_name, false);
+  presentation.display_name = bounded_text(display_name, max_game_display_name, false);
   require(!display_name.empty(), invalid, "Game display name is empty");
   presentation.monogram = first_character(display_name);
   if (value.is_null()) return presentation;

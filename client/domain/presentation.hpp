@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -10,6 +11,9 @@
 #include "client/domain/json.hpp"
 
 namespace zorvi {
+
+// A game's display name: one line of at most this many bytes.
+inline constexpr std::size_t max_game_display_name = 200;
 
 // A small picture of the game: an uncompressed, bottom-up 24-bit BMP of at
 // most 128 x 128 pixels, held as the exact file bytes.

@@ -281,4 +281,11 @@ void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::p
   sync_tree_directories(staging);
 }
 
+bool has_listed_length(const SnapshotManifest& manifest, const std::string& name, const std::filesystem::path& path) {
+  const auto listed = manifest.files.find(name);
+  struct stat status {};
+  return listed != manifest.files.end() && ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+         static_cast<std::uint64_t>(status.st_size) == listed->second.length;
+}
+
 }  // namespace zorvi

@@ -20,6 +20,10 @@ struct DamagedFiles {
   std::vector<std::string> paths;
 };
 
+// Whether `path`, a link not followed, is a regular file of the length the
+// manifest lists for `name`: the cheap check of every start, no hash taken.
+bool has_listed_length(const SnapshotManifest& manifest, const std::string& name, const std::filesystem::path& path);
+
 // Proves that `root` holds exactly the manifest's files, no more, with their
 // lengths, digests and execute bits. Raises at the first difference.
 void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
