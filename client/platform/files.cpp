@@ -171,6 +171,16 @@ void commit_transaction(const std::filesystem::path& temporary, const std::files
     durable_step();
     return;
   }
+  // A rename that refuses an existing target commits in one step. Where the
+  // file system lacks it, link and unlink do the same with a window between
+  // them in which the document has two names.
+  if (::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
+    transaction.committed();
+    durable_step();
+    return;
+  }
+  if (errno != EINVAL && errno != ENOSYS)
+    transaction_failure(errno, "Cannot create export; the destination may already exist");
   if (::link(temporary.c_str(), target.c_str()) != 0)
     transaction_failure(errno, "Cannot create export; the destination may already exist");
   durable_step();

@@ -226,6 +226,30 @@ TEST(AtomicWrite, SigkillAtRandomMomentsLeavesOldOrNewDocument) {
   EXPECT_EQ(parse_json(read_file(target, 2 * pad), 2 * pad), document(2 * rounds));
 }
 
+// A private create killed after any durable step leaves no document or the
+// whole one with its single name, so the next reader and writer go on.
+TEST(AtomicCreate, KilledAfterEachStepLeavesNothingOrOneWholeDocument) {
+  TempDir dir;
+  private_directory(dir / "state");
+  for (int kill_at = 1;; ++kill_at) {
+    const fs::path target = dir / "state" / ("doc" + std::to_string(kill_at) + ".json");
+    const testing::CommandResult run = testing::run_command(
+        {"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
+         (testing::binary_dir() / "files_probe").string(), "atomic_private_create", target.string(), "whole"});
+    struct stat status {};
+    if (::lstat(target.c_str(), &status) == 0) {
+      EXPECT_EQ(status.st_nlink, 1u) << "kill at " << kill_at;
+      posix_files::require_private_path(target, false);
+      EXPECT_EQ(read_file(target, 64), "whole");
+    } else {
+      atomic_private_create(target, "again");
+      EXPECT_EQ(read_file(target, 64), "again");
+    }
+    if (run.out == "ok\n") break;
+    ASSERT_LT(kill_at, 10) << run.out << run.err;
+  }
+}
+
 TEST(Commit, MovesAPrivateEntryToANewNameOrNothing) {
   TempDir dir;
   private_directory(dir / "source");

@@ -6,7 +6,7 @@
 //   files_probe hold_lock|hold_native_lock PATH exclusive|shared
 //                                    prints "locked" and holds the lock until killed
 //   files_probe loop TARGET TEXT     prints "ready", then atomic_write forever
-// Prints "ok" or "CODE|MESSAGE".
+// Prints "ok" or "CODE|MESSAGE". ZORVI_TEST_KILL_AT_STEP kills it after a durable step.
 #include <unistd.h>
 
 #include <functional>
@@ -19,6 +19,7 @@
 #include "client/platform/files.hpp"
 #include "client/platform/native_lock.hpp"
 #include "client/platform/posix_files.hpp"
+#include "tests/programs/durable_kill.hpp"
 
 namespace {
 
@@ -34,6 +35,7 @@ zorvi::LockMode lock_mode(const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  durable_kill::from_environment();
   const std::vector<std::string> args(argv + 1, argv + argc);
   using Operation = std::function<void(const std::string&, const std::string&)>;
   const std::map<std::string, Operation> operations = {
