@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "client/domain/error.hpp"
+#include "client/platform/eintr.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
@@ -66,10 +67,8 @@ BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit)
 BoundedZstd::~BoundedZstd() = default;
 
 void BoundedZstd::fill() {
-  ssize_t count;
-  do {
-    count = ::read(impl_->stream.get(), impl_->input.data(), impl_->input.size());
-  } while (count < 0 && errno == EINTR);
+  const ssize_t count =
+      retry_on_eintr([&] { return ::read(impl_->stream.get(), impl_->input.data(), impl_->input.size()); });
   if (count < 0) archive_failure("Snapshot read failed");
   impl_->input_position = 0;
   impl_->input_fill = static_cast<std::size_t>(count);

@@ -14,6 +14,8 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/full_io.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
@@ -64,26 +66,13 @@ struct Filled {
 // Fills the whole buffer unless the file ends or a read fails first, so that
 // every block but the last is full whatever sizes the kernel hands out.
 Filled fill(int descriptor, std::span<char> buffer) {
-  std::size_t count = 0;
-  while (count < buffer.size()) {
-    const ssize_t n = ::read(descriptor, buffer.data() + count, buffer.size() - count);
-    if (n > 0) {
-      count += static_cast<std::size_t>(n);
-    } else if (n == 0) {
-      return {count, ReadEnd::end_of_file};
-    } else if (errno != EINTR) {
-      return {count, ReadEnd::failed};
-    }
-  }
-  return {count, ReadEnd::more};
+  const FullRead got = read_full(descriptor, buffer.data(), buffer.size());
+  if (got.error != 0) return {got.count, ReadEnd::failed};
+  return {got.count, got.count < buffer.size() ? ReadEnd::end_of_file : ReadEnd::more};
 }
 
 int open_for_reading(const std::filesystem::path& path) {
-  int descriptor = -1;
-  do {
-    descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  } while (descriptor < 0 && errno == EINTR);
-  return descriptor;
+  return retry_on_eintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); });
 }
 
 // The size a regular file has now; anything else has no size to bound by.

@@ -19,6 +19,8 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/full_io.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
@@ -43,16 +45,11 @@ constexpr std::size_t records_per_batch = 16;
 constexpr std::size_t batch_slots = 4;
 
 // Reads exactly `size` bytes unless the file ends first; the count read.
-std::size_t read_full(int descriptor, void* buffer, std::size_t size, const std::filesystem::path& path) {
-  std::size_t count = 0;
-  while (count < size) {
-    const ssize_t n = ::read(descriptor, static_cast<char*>(buffer) + count, size - count);
-    if (n == 0) break;
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw Error("file_read", with_errno("Cannot read encrypted archive: " + path_utf8(path), errno));
-    count += static_cast<std::size_t>(n);
-  }
-  return count;
+std::size_t read_archive(int descriptor, void* buffer, std::size_t size, const std::filesystem::path& path) {
+  const FullRead got = read_full(descriptor, buffer, size);
+  if (got.error != 0)
+    throw Error("file_read", with_errno("Cannot read encrypted archive: " + path_utf8(path), got.error));
+  return got.count;
 }
 
 struct ParsedHeader {
@@ -144,14 +141,14 @@ class RecordReader {
           index = static_cast<std::size_t>(produced_ % batch_slots);
         }
         const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(left_, slots_[index].size()));
-        require(read_full(descriptor_, slots_[index].data(), want, path_) == want, "encrypted_format",
+        require(read_archive(descriptor_, slots_[index].data(), want, path_) == want, "encrypted_format",
                 "Encrypted archive length differs from its header");
         left_ -= want;
         sizes_[index] = want;
         publish([this] { ++produced_; });
       }
       char extra = 0;
-      require(read_full(descriptor_, &extra, 1, path_) == 0, "encrypted_format",
+      require(read_archive(descriptor_, &extra, 1, path_) == 0, "encrypted_format",
               "Encrypted archive length differs from its header");
       publish([this] { finished_ = true; });
     } catch (...) {
@@ -196,15 +193,12 @@ std::uint64_t encrypted_archive_length(std::uint64_t plaintext) {
 }
 
 void decrypt_archive_file(const std::filesystem::path& path, AeadKey key, const PlaintextSink& sink) {
-  UniqueFd file;
-  do {
-    file.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  } while (!file && errno == EINTR);
+  UniqueFd file(retry_on_eintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
   if (!file) throw Error("file_read", with_errno("Cannot open encrypted archive: " + path_utf8(path), errno));
   const std::uint64_t size = file_size(file.get(), path);
 
   Header header{};
-  require(size >= header.size() && read_full(file.get(), header.data(), header.size(), path) == header.size(),
+  require(size >= header.size() && read_archive(file.get(), header.data(), header.size(), path) == header.size(),
           "encrypted_format", "Encrypted archive is shorter than its header");
   const ParsedHeader parsed = parse_header(header, key);
   const std::string_view associated(reinterpret_cast<const char*>(header.data()), sealed_header);

@@ -11,8 +11,10 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/posix_files.hpp"
+#include "client/platform/private_mode.hpp"
 #include "client/platform/storage.hpp"
 #include "client/platform/unique_fd.hpp"
 
@@ -66,8 +68,7 @@ struct AllocatedFile::Impl {
                 status.st_size >= 0,
             "unsafe_path", "Allocation requires an ordinary single-link file");
     if (private_file) {
-      require(status.st_uid == ::geteuid() && (status.st_mode & 07077) == 0, "permissions",
-              "macOS allocation must remain private and owned");
+      require(owned_private_file(status), "permissions", "macOS allocation must remain private and owned");
       posix_files::require_private_acl(descriptor.get());
     }
     if (identified) {
@@ -114,10 +115,7 @@ struct AllocatedFile::Impl {
   }
 
   void truncate(std::uint64_t length) {
-    int result;
-    do {
-      result = ::ftruncate(descriptor.get(), static_cast<off_t>(length));
-    } while (result != 0 && errno == EINTR);
+    const int result = retry_on_eintr([&] { return ::ftruncate(descriptor.get(), static_cast<off_t>(length)); });
     if (result != 0) storage_failure(errno, "file_write", "Cannot set allocated file length");
   }
 
@@ -224,8 +222,7 @@ void AllocatedFile::write(std::string_view bytes) {
           "Write exceeds the authenticated file length");
   while (!bytes.empty()) {
     const std::size_t piece = std::min(bytes.size(), io_piece);
-    const ssize_t result = ::write(file.descriptor.get(), bytes.data(), piece);
-    if (result < 0 && errno == EINTR) continue;
+    const ssize_t result = retry_on_eintr([&] { return ::write(file.descriptor.get(), bytes.data(), piece); });
     if (result < 0) storage_failure(errno, "file_write", "Cannot write staged file data");
     require(result > 0, "file_write", "Cannot advance staged file data");
     file.written += static_cast<std::uint64_t>(result);
@@ -241,8 +238,8 @@ void AllocatedFile::read_prefix(std::uint64_t count, const std::function<void(st
   std::vector<char> buffer(io_piece);
   for (std::uint64_t done = 0; done < count;) {
     const std::size_t piece = static_cast<std::size_t>(std::min<std::uint64_t>(io_piece, count - done));
-    const ssize_t got = ::pread(file.descriptor.get(), buffer.data(), piece, static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR) continue;
+    const ssize_t got =
+        retry_on_eintr([&] { return ::pread(file.descriptor.get(), buffer.data(), piece, static_cast<off_t>(done)); });
     require(got > 0, "file_read", "Cannot read recorded partial prefix");
     done += static_cast<std::uint64_t>(got);
     consumer(std::string_view(buffer.data(), static_cast<std::size_t>(got)));

@@ -12,6 +12,7 @@
 #include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/posix_files.hpp"
 #include "client/platform/process.hpp"
@@ -108,12 +109,7 @@ void run_when_present(std::string_view tool, const std::filesystem::path& folder
 UniqueFd registration_turn(const std::filesystem::path& applications) {
   const std::filesystem::path path = applications / ".zorvi-desktop.lock";
   UniqueFd lock(::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-  int result = -1;
-  if (lock) {
-    do {
-      result = ::flock(lock.get(), LOCK_EX);
-    } while (result != 0 && errno == EINTR);
-  }
+  const int result = lock ? retry_on_eintr([&] { return ::flock(lock.get(), LOCK_EX); }) : -1;
   require(result == 0, "shortcut_api", with_errno(registration_failed, errno));
   return lock;
 }

@@ -11,23 +11,19 @@
 #include "client/domain/error.hpp"
 #include "client/platform/durable_steps.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/file_identity.hpp"
+#include "client/platform/full_io.hpp"
 #include "client/platform/native_platform.hpp"
 #include "client/platform/posix_files.hpp"
 #include "client/platform/posix_native_files.hpp"
+#include "client/platform/private_mode.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
 namespace {
 
 constexpr std::size_t read_chunk = 65536;
-
-ssize_t read_retrying(int descriptor, char* buffer, std::size_t count) {
-  ssize_t result;
-  do {
-    result = ::read(descriptor, buffer, count);
-  } while (result < 0 && errno == EINTR);
-  return result;
-}
 
 // The system would read a path only up to its first NUL byte: another file.
 void require_no_nul(const std::filesystem::path& path) {
@@ -58,13 +54,14 @@ std::string read_bounded(const std::filesystem::path& path, std::uint64_t limit,
   std::string bytes(count, '\0');
   std::size_t done = 0;
   while (done < count) {
-    const ssize_t got = read_retrying(file.get(), bytes.data() + done, std::min<std::size_t>(read_chunk, count - done));
+    const std::size_t piece = std::min<std::size_t>(read_chunk, count - done);
+    const ssize_t got = retry_on_eintr([&] { return ::read(file.get(), bytes.data() + done, piece); });
     require(got >= 0, "file_read", "Cannot read file");
     require(got > 0, "file_read", "File changed while reading");
     done += static_cast<std::size_t>(got);
   }
   char probe = 0;
-  const ssize_t extra = read_retrying(file.get(), &probe, 1);
+  const ssize_t extra = retry_on_eintr([&] { return ::read(file.get(), &probe, 1); });
   require(extra >= 0, "file_read", "Cannot finish reading file");
   require(extra == 0, "file_read", "File changed while reading");
   return bytes;
@@ -101,8 +98,6 @@ bool bounded_path(const std::filesystem::path& path) {
   const std::string& text = path.native();
   return !text.empty() && text.size() <= max_absolute_path && text.find('\0') == std::string::npos;
 }
-
-bool same_entry(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
 // Absolute and lexically normal, without a trailing separator.
 std::filesystem::path normal_absolute(const std::filesystem::path& path) {
@@ -141,17 +136,6 @@ private:
   std::filesystem::path path_;
   bool committed_ = false;
 };
-
-void write_all(int descriptor, std::string_view bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t written = ::write(descriptor, bytes.data() + done, bytes.size() - done);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) transaction_failure(errno, "Cannot write transaction file");
-    if (written == 0) transaction_failure(EIO, "Cannot write transaction file");
-    done += static_cast<std::size_t>(written);
-  }
-}
 
 void require_writable_parent(const std::filesystem::path& parent, bool is_private) {
   if (is_private) {
@@ -202,7 +186,8 @@ void atomic_file(const std::filesystem::path& path, std::string_view bytes, bool
   if (!file) transaction_failure(errno, "Cannot create transaction file " + path_utf8(temporary));
   TransactionFile transaction(temporary);
   if (is_private) posix_files::secure_new_private(file.get(), false);
-  write_all(file.get(), bytes);
+  if (const int error = write_full(file.get(), bytes); error != 0)
+    transaction_failure(error, "Cannot write transaction file");
   const int flush_error = durable && posix_files::sync(file.get()) != 0 ? errno : 0;
   const int close_error = file.close() != 0 ? errno : 0;
   if (flush_error != 0) transaction_failure(flush_error, "Cannot synchronize transaction file");
@@ -252,12 +237,6 @@ void replace_private_file(const std::filesystem::path& path, std::string_view by
 
 namespace {
 
-bool commit_source_mode(const struct stat& status) {
-  if (status.st_uid != ::geteuid()) return false;
-  if (S_ISDIR(status.st_mode)) return (status.st_mode & 07777) == 0700;
-  return S_ISREG(status.st_mode) && status.st_nlink == 1 && (status.st_mode & 07777) == 0600;
-}
-
 bool same_commit_source(const struct stat& before, const struct stat& after) {
   return same_entry(before, after) && before.st_mode == after.st_mode && before.st_uid == after.st_uid &&
          (S_ISDIR(after.st_mode) || after.st_nlink == 1);
@@ -280,8 +259,9 @@ void commit_private_path_new(const std::filesystem::path& source_path, const std
 
   const UniqueFd entry(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat opened {};
-  require(entry && ::fstat(entry.get(), &opened) == 0 && commit_source_mode(opened), "native_install_commit",
-          "Commit source must be private and owned by this user");
+  require(entry && ::fstat(entry.get(), &opened) == 0 &&
+              (owned_private_directory(opened) || owned_private_file_0600(opened)),
+          "native_install_commit", "Commit source must be private and owned by this user");
   posix_files::require_private_acl(entry.get());
   if (verify) verify();
   posix_files::require_private_acl(entry.get());
@@ -303,15 +283,11 @@ struct ExchangeHandle {
   struct stat status {};
 };
 
-bool private_owned_directory(const struct stat& status) {
-  return S_ISDIR(status.st_mode) && status.st_uid == ::geteuid() && (status.st_mode & 07777) == 0700;
-}
-
 ExchangeHandle open_exchange_handle(const std::filesystem::path& path) {
   safe_join(path, "exchange-ancestry", true);
   ExchangeHandle handle{path, UniqueFd(::open(path.c_str(), directory_open)), {}};
   require(handle.directory && ::fstat(handle.directory.get(), &handle.status) == 0 &&
-              private_owned_directory(handle.status),
+              owned_private_directory(handle.status),
           "native_install_commit", "Directory exchange requires private owned roots and parents");
   posix_files::require_private_acl(handle.directory.get());
   return handle;
@@ -320,7 +296,7 @@ ExchangeHandle open_exchange_handle(const std::filesystem::path& path) {
 // The path now shows `expected`'s recorded entry, still a private directory of this user.
 bool shows(const std::filesystem::path& path, const struct stat& expected) {
   struct stat named {};
-  return ::lstat(path.c_str(), &named) == 0 && private_owned_directory(named) && same_entry(named, expected) &&
+  return ::lstat(path.c_str(), &named) == 0 && owned_private_directory(named) && same_entry(named, expected) &&
          named.st_uid == expected.st_uid;
 }
 

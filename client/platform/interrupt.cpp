@@ -11,6 +11,7 @@
 #include <climits>
 
 #include "client/domain/error.hpp"
+#include "client/platform/eintr.hpp"
 #include "client/platform/process.hpp"
 
 namespace zorvi {
@@ -113,10 +114,7 @@ bool ConsoleInterrupt::requested() {
   if (interrupted.load()) return true;
   if (!state_->reader) return false;
   unsigned char byte = 0;
-  ssize_t count = 0;
-  do {
-    count = ::read(state_->reader.get(), &byte, 1);
-  } while (count < 0 && errno == EINTR);
+  const ssize_t count = retry_on_eintr([&] { return ::read(state_->reader.get(), &byte, 1); });
   if (count == 0) {
     // The parent has gone; it will ask for nothing any more.
     state_->reader.reset();
@@ -166,10 +164,7 @@ bool InterruptPipe::request() {
   ::sigpending(&pending);
   const bool pending_before = sigismember(&pending, SIGPIPE) == 1;
   const unsigned char byte = 1;
-  ssize_t count = 0;
-  do {
-    count = ::write(writer_.get(), &byte, 1);
-  } while (count < 0 && errno == EINTR);
+  const ssize_t count = retry_on_eintr([&] { return ::write(writer_.get(), &byte, 1); });
   if (count < 0 && errno == EPIPE && !pending_before) {
     // Take the signal this write raised, so that it does not fire once the
     // mask is restored.

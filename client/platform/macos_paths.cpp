@@ -8,6 +8,7 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/file_identity.hpp"
 #include "client/platform/native_platform.hpp"
 #include "client/platform/unique_fd.hpp"
 #include "client/platform/volume_facts.hpp"
@@ -29,10 +30,6 @@ struct Walk {
   struct stat status {};
 };
 
-bool same_entry(const struct stat& a, const struct stat& b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && (a.st_mode & S_IFMT) == (b.st_mode & S_IFMT);
-}
-
 std::vector<std::string> components(const std::filesystem::path& path) {
   std::vector<std::string> parts;
   for (const auto& part : path.relative_path()) {
@@ -53,7 +50,8 @@ bool step(Walk& walk, const std::string& name, bool file_allowed) {
   struct stat named {};
   const bool valid = ::fstat(next.get(), &opened) == 0 &&
                      ::fstatat(walk.descriptor.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-                     same_entry(opened, named) && (S_ISDIR(opened.st_mode) || (file_allowed && S_ISREG(opened.st_mode)));
+                     same_entry_and_type(opened, named) &&
+                     (S_ISDIR(opened.st_mode) || (file_allowed && S_ISREG(opened.st_mode)));
   if (!valid) refuse("macOS setup ancestry is linked, unavailable or changed");
   walk.descriptor = std::move(next);
   walk.found /= name;
@@ -81,7 +79,7 @@ Walk walk(const std::filesystem::path& path, bool allow_file) {
 }
 
 bool same_walk(const Walk& a, const Walk& b) {
-  return same_entry(a.status, b.status) && a.found == b.found && a.missing == b.missing;
+  return same_entry_and_type(a.status, b.status) && a.found == b.found && a.missing == b.missing;
 }
 
 bool valid_utf8(std::string_view text) {

@@ -11,22 +11,15 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/file_identity.hpp"
 #include "client/platform/native_platform.hpp"
 #include "client/platform/posix_files.hpp"
+#include "client/platform/private_mode.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
 namespace {
-
-bool same_entry(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
-
-int flock_retrying(int descriptor, int operation) {
-  int result;
-  do {
-    result = ::flock(descriptor, operation);
-  } while (result != 0 && errno == EINTR);
-  return result;
-}
 
 int flock_operation(LockMode mode) { return mode == LockMode::shared ? LOCK_SH : LOCK_EX; }
 
@@ -40,11 +33,6 @@ UniqueFd open_lock_file(const std::filesystem::path& path, int flags) {
     file.reset(::open(path.c_str(), flags | O_NONBLOCK));
   }
   return file;
-}
-
-bool ordinary_lock_file(const struct stat& status) {
-  return S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_uid == ::geteuid() &&
-         (status.st_mode & 07777) == 0600;
 }
 
 bool bounded_lock_path(const std::filesystem::path& path) {
@@ -70,7 +58,7 @@ bool ordinary_parent(const std::filesystem::path& path) {
   }
 }
 
-bool private_lock_file(const struct stat& status) { return ordinary_lock_file(status) && status.st_size == 0; }
+bool private_lock_file(const struct stat& status) { return owned_private_file_0600(status) && status.st_size == 0; }
 
 }  // namespace
 
@@ -79,10 +67,11 @@ FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) 
   UniqueFd file = open_lock_file(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   require(static_cast<bool>(file), "lock_failed", "Cannot open operation lock");
   struct stat status {};
-  require(::fstat(file.get(), &status) == 0 && ordinary_lock_file(status), "lock_failed",
+  require(::fstat(file.get(), &status) == 0 && owned_private_file_0600(status), "lock_failed",
           "Operation lock must be an ordinary private owned file");
   posix_files::require_private_acl(file.get());
-  require(flock_retrying(file.get(), flock_operation(mode) | (wait ? 0 : LOCK_NB)) == 0, "busy",
+  const int operation = flock_operation(mode) | (wait ? 0 : LOCK_NB);
+  require(retry_on_eintr([&] { return ::flock(file.get(), operation); }) == 0, "busy",
           "Another Zorvi operation is using this state");
   descriptor_ = file.release();
 }
@@ -118,7 +107,7 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
   require(file && ::fstat(file.get(), &status) == 0 && private_lock_file(status), "lock_failed",
           "Native ownership requires an ordinary empty private file");
   posix_files::require_private_acl(file.get());
-  if (flock_retrying(file.get(), flock_operation(mode) | LOCK_NB) != 0) {
+  if (retry_on_eintr([&] { return ::flock(file.get(), flock_operation(mode) | LOCK_NB); }) != 0) {
     if (errno == EWOULDBLOCK) throw Error("busy", "Another worker owns this native installation");
     throw Error("lock_failed", "Cannot acquire native installation ownership");
   }

@@ -11,8 +11,11 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/file_identity.hpp"
 #include "client/platform/native_platform.hpp"
 #include "client/platform/posix_native_files.hpp"
+#include "client/platform/private_mode.hpp"
 
 namespace zorvi {
 namespace {
@@ -43,16 +46,8 @@ bool traverses_parents(const std::filesystem::path& path) {
   return false;
 }
 
-bool same_entry(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
-
 [[noreturn]] void not_private() {
   throw Error("permissions", "macOS private storage must be ordinary, owned and accessible only to this user");
-}
-
-bool private_mode(const struct stat& status, bool directory) {
-  if (status.st_uid != ::geteuid()) return false;
-  if (directory) return status.st_mode == (S_IFDIR | 0700);
-  return S_ISREG(status.st_mode) && (status.st_mode & 07077) == 0 && status.st_nlink == 1;
 }
 
 void require_private_directory_path(const std::filesystem::path& path, WalkPath& target) {
@@ -111,10 +106,7 @@ int reserve(int descriptor, std::uint64_t size) {
   if (size > blocks * 512) {
     if (const int error = native_files::allocate(descriptor, size); error != 0) return error;
   }
-  int result;
-  do {
-    result = ::ftruncate(descriptor, static_cast<off_t>(size));
-  } while (result != 0 && errno == EINTR);
+  const int result = retry_on_eintr([&] { return ::ftruncate(descriptor, static_cast<off_t>(size)); });
   return result == 0 ? 0 : errno;
 }
 
@@ -133,7 +125,9 @@ void require_private_acl(int descriptor) { native_files::require_owner_only_acl(
 
 void require_private_node(int descriptor, bool directory) {
   struct stat status {};
-  if (::fstat(descriptor, &status) != 0 || !private_mode(status, directory)) not_private();
+  if (::fstat(descriptor, &status) != 0 ||
+      !(directory ? owned_private_directory(status) : owned_private_file(status)))
+    not_private();
   require_private_acl(descriptor);
 }
 
@@ -145,8 +139,8 @@ void require_private_path(const std::filesystem::path& path, bool directory) {
   require_private_node(entry.get(), directory);
   struct stat opened {};
   struct stat named {};
-  require(::fstat(entry.get(), &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && same_entry(opened, named) &&
-              (opened.st_mode & S_IFMT) == (named.st_mode & S_IFMT),
+  require(::fstat(entry.get(), &opened) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+              same_entry_and_type(opened, named),
           "permissions", "macOS private storage path changed during inspection");
 }
 
@@ -210,10 +204,6 @@ UniqueFd open_staging_parent(const std::filesystem::path& parent) {
       break;
   }
   throw Error("unsafe_path", "New private directory requires ordinary existing parents");
-}
-
-bool owned_private_directory(const struct stat& status) {
-  return S_ISDIR(status.st_mode) && status.st_uid == ::geteuid() && (status.st_mode & 07777) == 0700;
 }
 
 }  // namespace

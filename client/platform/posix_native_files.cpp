@@ -11,6 +11,7 @@
 
 #include "client/domain/error.hpp"
 #include "client/platform/durable_steps.hpp"
+#include "client/platform/eintr.hpp"
 
 namespace zorvi::native_files {
 namespace {
@@ -85,10 +86,7 @@ int remove_acl(int descriptor, const char* name) {
 }  // namespace
 
 int flush(int descriptor) {
-  int result;
-  do {
-    result = ::fsync(descriptor);
-  } while (result != 0 && errno == EINTR);
+  const int result = retry_on_eintr([&] { return ::fsync(descriptor); });
   if (result == 0) durable_step();
   return result;
 }
@@ -108,10 +106,7 @@ int exchange_entries(int first_parent, const std::string& first_name, int second
 }
 
 int allocate(int descriptor, std::uint64_t length) {
-  int result;
-  do {
-    result = ::fallocate(descriptor, 0, 0, static_cast<off_t>(length));
-  } while (result != 0 && errno == EINTR);
+  const int result = retry_on_eintr([&] { return ::fallocate(descriptor, 0, 0, static_cast<off_t>(length)); });
   return result == 0 ? 0 : errno;
 }
 

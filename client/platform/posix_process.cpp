@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "client/domain/error.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/full_io.hpp"
 
 namespace zorvi::posix_process {
 namespace {
@@ -33,24 +35,7 @@ std::optional<std::string> read_small_file(const char* path, std::size_t limit, 
     error = errno;
     return std::nullopt;
   }
-  std::string text(limit + 1, '\0');
-  std::size_t used = 0;
-  while (used < text.size()) {
-    const ssize_t count = ::read(file.get(), text.data() + used, text.size() - used);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      error = errno;
-      return std::nullopt;
-    }
-    if (count == 0) break;
-    used += static_cast<std::size_t>(count);
-  }
-  if (used > limit) {
-    error = EFBIG;
-    return std::nullopt;
-  }
-  text.resize(used);
-  return text;
+  return read_to_end(file.get(), limit, error);
 }
 
 bool parse_decimal(std::string_view text, std::uint64_t& value) {
@@ -159,18 +144,14 @@ WakeEvent::WakeEvent() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 
 void WakeEvent::signal() noexcept {
   const std::uint64_t one = 1;
-  while (::write(event_.get(), &one, sizeof one) < 0 && errno == EINTR) {
-  }
+  retry_on_eintr([&] { return ::write(event_.get(), &one, sizeof one); });
 }
 
 bool WakeEvent::drain() noexcept {
   std::uint64_t count = 0;
-  for (;;) {
-    const ssize_t result = ::read(event_.get(), &count, sizeof count);
-    if (result == static_cast<ssize_t>(sizeof count)) return true;
-    if (result < 0 && errno == EINTR) continue;
-    return result < 0 && errno == EAGAIN;
-  }
+  const ssize_t result = retry_on_eintr([&] { return ::read(event_.get(), &count, sizeof count); });
+  if (result == static_cast<ssize_t>(sizeof count)) return true;
+  return result < 0 && errno == EAGAIN;
 }
 
 }  // namespace zorvi::posix_process

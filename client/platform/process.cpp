@@ -15,6 +15,8 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/full_io.hpp"
 #include "client/platform/interrupt.hpp"
 #include "client/platform/posix_process.hpp"
 #include "client/platform/unique_fd.hpp"
@@ -141,8 +143,7 @@ bool is_close_on_exec(const UniqueFd& descriptor) {
 
 void reap(pid_t pid) {
   int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
+  retry_on_eintr([&] { return ::waitpid(pid, &status, 0); });
 }
 
 // Everything the forked child touches, prepared before the fork.
@@ -190,10 +191,7 @@ void reset_signals() noexcept {
   if (plan.interrupt != nullptr && !plan.interrupt->prepare_child()) report_and_exit(plan, errno);
   if (plan.isolated && ::setpgid(0, 0) != 0) report_and_exit(plan, errno);
   unsigned char byte = 0;
-  ssize_t count = 0;
-  do {
-    count = ::read(plan.activation_child, &byte, 1);
-  } while (count < 0 && errno == EINTR);
+  const ssize_t count = retry_on_eintr([&] { return ::read(plan.activation_child, &byte, 1); });
   // Without the byte the parent has not recorded this child: leave quietly.
   if (count != 1 || byte != activation_byte) ::_exit(127);
   ::close(plan.activation_child);
@@ -255,25 +253,14 @@ pid_t fork_with_signals_blocked(const ChildPlan& plan) {
 }
 
 bool send_activation(const UniqueFd& activation) {
-  ssize_t sent = 0;
-  do {
-    sent = ::send(activation.get(), &activation_byte, 1, MSG_NOSIGNAL);
-  } while (sent < 0 && errno == EINTR);
-  return sent == 1;
+  return retry_on_eintr([&] { return ::send(activation.get(), &activation_byte, 1, MSG_NOSIGNAL); }) == 1;
 }
 
 // 0 when the image was replaced (end of file), else the count of bytes or -1.
 ssize_t read_start_report(const UniqueFd& start_read) {
   int report = 0;
-  std::size_t used = 0;
-  while (used < sizeof report) {
-    const ssize_t count = ::read(start_read.get(), reinterpret_cast<char*>(&report) + used, sizeof report - used);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return -1;
-    if (count == 0) break;
-    used += static_cast<std::size_t>(count);
-  }
-  return static_cast<ssize_t>(used);
+  const FullRead got = read_full(start_read.get(), &report, sizeof report);
+  return got.error != 0 ? -1 : static_cast<ssize_t>(got.count);
 }
 
 [[noreturn]] void replace_image(const std::filesystem::path& path, const std::vector<std::string>& arguments,
@@ -365,10 +352,7 @@ void open_directory(const std::filesystem::path& path) {
   require(::posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv, environ) == 0, "desktop_unavailable",
           "No native directory opener is available");
   int status = 0;
-  pid_t waited = 0;
-  do {
-    waited = ::waitpid(pid, &status, 0);
-  } while (waited < 0 && errno == EINTR);
+  const pid_t waited = retry_on_eintr([&] { return ::waitpid(pid, &status, 0); });
   require(waited == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0, "desktop_unavailable",
           "Native directory opening failed");
 }
@@ -480,10 +464,7 @@ void ChildProcess::release() noexcept {
 std::optional<int> ChildProcess::poll() {
   if (exit_code_ || pid_ <= 0) return exit_code_;
   int status = 0;
-  pid_t result = 0;
-  do {
-    result = ::waitpid(pid_, &status, WNOHANG);
-  } while (result < 0 && errno == EINTR);
+  const pid_t result = retry_on_eintr([&] { return ::waitpid(pid_, &status, WNOHANG); });
   require(result >= 0, "process_wait", "Cannot inspect game process");
   if (result == 0) return std::nullopt;
   if (WIFEXITED(status)) {

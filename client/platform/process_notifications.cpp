@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "client/domain/error.hpp"
+#include "client/platform/eintr.hpp"
 #include "client/platform/posix_process.hpp"
 #include "client/platform/process_identity.hpp"
 
@@ -96,10 +97,7 @@ struct ProcessNotifications::Impl {
       entries.push_back({static_cast<int>(*handle), POLLIN, 0});
       owners.push_back(&watcher);
     }
-    int ready = 0;
-    do {
-      ready = ::poll(entries.data(), entries.size(), -1);
-    } while (ready < 0 && errno == EINTR);
+    const int ready = retry_on_eintr([&] { return ::poll(entries.data(), entries.size(), -1); });
     require(ready >= 0, "process_watch", "Cannot wait for native process notifications");
     const short wake_events = entries[0].revents;
     require((wake_events & (POLLERR | POLLHUP | POLLNVAL)) == 0 && ((wake_events & POLLIN) == 0 || wake.drain()),

@@ -11,6 +11,7 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/file_identity.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
@@ -125,8 +126,7 @@ std::pair<std::uint64_t, std::uint64_t> inspect_storage_directory(const std::fil
   require(directory && ::fstat(directory.get(), &opened) == 0 && S_ISDIR(opened.st_mode), "unsafe_path",
           "Cannot inspect prepared directory identity");
   struct stat named {};
-  require(::lstat(path.c_str(), &named) == 0 && S_ISDIR(named.st_mode) && named.st_dev == opened.st_dev &&
-              named.st_ino == opened.st_ino,
+  require(::lstat(path.c_str(), &named) == 0 && S_ISDIR(named.st_mode) && same_entry(named, opened),
           "unsafe_path", "Prepared directory is linked, replaced or unavailable");
   return {static_cast<std::uint64_t>(opened.st_dev), static_cast<std::uint64_t>(opened.st_ino)};
 }

@@ -10,6 +10,7 @@
 #include <set>
 #include <vector>
 
+#include "client/platform/full_io.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi::macos_paths {
@@ -32,16 +33,8 @@ bool local_type(std::string_view type) {
 std::optional<std::string> read_mount_table() {
   UniqueFd file(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!file) return std::nullopt;
-  std::string text;
-  std::array<char, 65536> buffer{};
-  while (true) {
-    const ssize_t got = ::read(file.get(), buffer.data(), buffer.size());
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return std::nullopt;
-    if (got == 0) return text;
-    text.append(buffer.data(), static_cast<std::size_t>(got));
-    if (text.size() > max_mount_table) return std::nullopt;
-  }
+  int error = 0;
+  return read_to_end(file.get(), max_mount_table, error);
 }
 
 // Mount paths in the table escape blanks, tabs, newlines and backslashes as

@@ -16,6 +16,8 @@
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/allocated_file.hpp"
+#include "client/platform/eintr.hpp"
+#include "client/platform/file_identity.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/posix_files.hpp"
 #include "client/platform/unique_fd.hpp"
@@ -163,10 +165,7 @@ std::size_t send_bytes(char* buffer, std::size_t size, std::size_t count, void* 
   try {
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size * count, upload.remaining));
     if (wanted == 0) return 0;
-    ssize_t got;
-    do {
-      got = ::read(upload.stream.get(), buffer, wanted);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = retry_on_eintr([&] { return ::read(upload.stream.get(), buffer, wanted); });
     require(got >= 0, "file_read", with_errno("Cannot read reviewed upload snapshot", errno));
     // An early end would otherwise pass for the end of the upload.
     require(got > 0, "crash_changed", "Frozen upload snapshot changed during transfer");
@@ -317,11 +316,7 @@ void raise_outcome(const Transfer& transfer, const Upload* upload, CURLcode resu
 
 bool at_end(const UniqueFd& stream) {
   char extra;
-  ssize_t got;
-  do {
-    got = ::read(stream.get(), &extra, 1);
-  } while (got < 0 && errno == EINTR);
-  return got == 0;
+  return retry_on_eintr([&] { return ::read(stream.get(), &extra, 1); }) == 0;
 }
 
 // The one exchange: every curl setting of the system is made here.
@@ -486,8 +481,7 @@ long HttpsTransport::upload_report(std::string_view path, const std::filesystem:
   require(static_cast<bool>(upload.stream), "file_read", with_errno("Cannot open reviewed upload snapshot", errno));
   // The name may have been replaced between the look and the open.
   struct stat opened {};
-  require(::fstat(upload.stream.get(), &opened) == 0 && opened.st_dev == named.st_dev &&
-              opened.st_ino == named.st_ino && opened.st_size == named.st_size,
+  require(::fstat(upload.stream.get(), &opened) == 0 && same_entry(opened, named) && opened.st_size == named.st_size,
           "crash_changed", "Frozen upload snapshot is invalid");
   upload.remaining = size;
   upload.token = std::string(token);

@@ -1,0 +1,71 @@
+#include "client/platform/full_io.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "client/platform/unique_fd.hpp"
+#include "tests/support/test_support.hpp"
+
+namespace zorvi {
+namespace {
+
+// Bounds met exactly, one byte over, and on both sides of the growth step.
+TEST(FullIo, ReadToEndTakesExactlyTheLimit) {
+  testing::TempDir dir;
+  for (const std::size_t size : {std::size_t{0}, std::size_t{5}, std::size_t{131072}, std::size_t{131073}}) {
+    const std::string bytes(size, 'x');
+    {
+      const UniqueFd out(::open((dir / "data").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+      ASSERT_EQ(write_full(out.get(), bytes), 0);
+    }
+    const UniqueFd in(::open((dir / "data").c_str(), O_RDONLY | O_CLOEXEC));
+    int error = 0;
+    EXPECT_EQ(read_to_end(in.get(), size, error), bytes) << size;
+    if (size == 0) continue;
+    ASSERT_EQ(::lseek(in.get(), 0, SEEK_SET), 0);
+    EXPECT_FALSE(read_to_end(in.get(), size - 1, error)) << size;
+    EXPECT_EQ(error, EFBIG);
+  }
+}
+
+// A signal handled without SA_RESTART interrupts a blocked read; the read
+// goes on and still fills the buffer.
+TEST(FullIo, InterruptedReadsAreRetried) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  struct sigaction saved {};
+  ASSERT_EQ(::sigaction(SIGUSR1, &action, &saved), 0);
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const UniqueFd reader(ends[0]);
+  UniqueFd writer(ends[1]);
+  char buffer[4] = {};
+  FullRead got;
+  std::atomic<bool> done = false;
+  std::thread blocked([&] {
+    got = read_full(reader.get(), buffer, sizeof buffer);
+    done = true;
+  });
+  for (int i = 0; i < 20 && !done; ++i) {
+    ::pthread_kill(blocked.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  ASSERT_EQ(write_full(writer.get(), "ab"), 0);
+  ASSERT_EQ(write_full(writer.get(), "c"), 0);
+  writer.reset();
+  blocked.join();
+  ::sigaction(SIGUSR1, &saved, nullptr);
+  EXPECT_EQ(got.error, 0);
+  EXPECT_EQ(std::string(buffer, got.count), "abc");
+}
+
+}  // namespace
+}  // namespace zorvi
