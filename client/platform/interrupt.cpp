@@ -145,11 +145,6 @@ InterruptPipe::InterruptPipe() {
 
 std::string InterruptPipe::child_environment() const { return "1:" + std::to_string(reader_.get()); }
 
-bool InterruptPipe::prepare_child() noexcept {
-  writer_.reset();
-  return ::fcntl(reader_.get(), F_SETFD, 0) == 0;
-}
-
 void InterruptPipe::close_reader() { reader_.reset(); }
 
 bool InterruptPipe::request() {

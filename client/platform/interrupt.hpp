@@ -44,9 +44,13 @@ public:
   // The variable's value that names the reader in the child.
   std::string child_environment() const;
 
-  // In the forked child before exec: keeps only the reader across exec.
-  // Async-signal-safe; false when the descriptor flags cannot be changed.
-  bool prepare_child() noexcept;
+  // The descriptor numbers a child start prepares before the child exists:
+  // the child keeps the reader across its exec and closes the writer.
+  struct ChildEnds {
+    int reader;
+    int writer;
+  };
+  ChildEnds child_ends() const noexcept { return {reader_.get(), writer_.get()}; }
 
   // In the parent after the fork: the reader now belongs to the child.
   void close_reader();

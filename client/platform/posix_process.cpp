@@ -1,7 +1,6 @@
 #include "client/platform/posix_process.hpp"
 
 #include <fcntl.h>
-#include <linux/close_range.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -123,12 +122,6 @@ UniqueFd open_exit_watch(std::uint32_t pid, int& error) {
     return UniqueFd();
   }
   return UniqueFd(static_cast<int>(descriptor));
-}
-
-void close_descriptors_on_exec(int first) noexcept {
-  // Kernels before 5.11 lack the flag; there only our own descriptors,
-  // which are all close-on-exec already, are protected.
-  ::syscall(SYS_close_range, static_cast<unsigned>(first), ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
 WakeEvent::WakeEvent() : event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {

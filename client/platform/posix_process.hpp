@@ -34,10 +34,6 @@ BirthReading process_birth(std::uint32_t pid);
 // failure it is empty and `error` holds errno.
 UniqueFd open_exit_watch(std::uint32_t pid, int& error);
 
-// Marks every descriptor from `first` up close-on-exec, so that nothing the
-// parent left open reaches a new image. Async-signal-safe.
-void close_descriptors_on_exec(int first) noexcept;
-
 // The program that shows a folder to the user, looked up on PATH.
 inline constexpr const char* directory_opener = "xdg-open";
 

@@ -1,6 +1,7 @@
 #include "client/platform/process.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -18,6 +19,7 @@
 #include "client/platform/eintr.hpp"
 #include "client/platform/full_io.hpp"
 #include "client/platform/interrupt.hpp"
+#include "client/platform/posix_child_start.hpp"
 #include "client/platform/posix_process.hpp"
 #include "client/platform/unique_fd.hpp"
 
@@ -146,67 +148,6 @@ void reap(pid_t pid) {
   retry_on_eintr([&] { return ::waitpid(pid, &status, 0); });
 }
 
-// Everything the forked child touches, prepared before the fork.
-struct ChildPlan {
-  const char* path;
-  char* const* argv;
-  char* const* envp;
-  const char* directory;
-  int start_read;
-  int start_write;
-  int activation_parent;
-  int activation_child;
-  int null_device;
-  InterruptPipe* interrupt;
-  bool console;
-  bool isolated;
-};
-
-[[noreturn]] void report_and_exit(const ChildPlan& plan, int error) noexcept {
-  (void)!::write(plan.start_write, &error, sizeof error);
-  ::_exit(127);
-}
-
-// The new image starts with default dispositions and nothing blocked: the
-// parent's Ctrl+C handling, an ignored SIGPIPE or a signal blocked around
-// the fork are not the game's business.
-void reset_signals() noexcept {
-  struct sigaction standard {};
-  standard.sa_handler = SIG_DFL;
-  sigemptyset(&standard.sa_mask);
-  for (int signal_number = 1; signal_number < NSIG; ++signal_number) {
-    if (signal_number != SIGKILL && signal_number != SIGSTOP) ::sigaction(signal_number, &standard, nullptr);
-  }
-  sigset_t none;
-  sigemptyset(&none);
-  ::sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-// Runs in the forked copy: only async-signal-safe calls on the plan.
-[[noreturn]] void run_child(const ChildPlan& plan) noexcept {
-  reset_signals();
-  posix_process::close_descriptors_on_exec(3);
-  ::close(plan.start_read);
-  ::close(plan.activation_parent);
-  if (plan.interrupt != nullptr && !plan.interrupt->prepare_child()) report_and_exit(plan, errno);
-  if (plan.isolated && ::setpgid(0, 0) != 0) report_and_exit(plan, errno);
-  unsigned char byte = 0;
-  const ssize_t count = retry_on_eintr([&] { return ::read(plan.activation_child, &byte, 1); });
-  // Without the byte the parent has not recorded this child: leave quietly.
-  if (count != 1 || byte != activation_byte) ::_exit(127);
-  ::close(plan.activation_child);
-  if (::chdir(plan.directory) != 0) report_and_exit(plan, errno);
-  if (::dup2(plan.null_device, 0) < 0) report_and_exit(plan, errno);
-  if (plan.null_device == 0) {
-    if (::fcntl(0, F_SETFD, 0) != 0) report_and_exit(plan, errno);
-  } else {
-    ::close(plan.null_device);
-  }
-  if (!plan.console && ::dup2(2, 1) < 0) report_and_exit(plan, errno);
-  ::execve(plan.path, plan.argv, plan.envp);
-  report_and_exit(plan, errno);
-}
-
 struct StartChannels {
   UniqueFd start_read;
   UniqueFd start_write;
@@ -237,20 +178,29 @@ StartChannels open_start_channels() {
   return channels;
 }
 
-pid_t fork_with_signals_blocked(const ChildPlan& plan) {
-  // Blocked across the fork so that no parent handler runs in the child
-  // before the child has reset the dispositions.
-  sigset_t all;
-  sigset_t saved;
-  sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &saved);
-  const pid_t pid = ::fork();
-  if (pid == 0) run_child(plan);
-  const int error = errno;
-  ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-  errno = error;
-  return pid;
-}
+// One poll interval of waiting for a child's end. It waits on the child's
+// pidfd so that it wakes as soon as the child ends; where the kernel has no
+// pidfd, or the descriptor cannot be had, it sleeps the interval out.
+class IntervalWait {
+public:
+  explicit IntervalWait(pid_t pid) {
+    int error = 0;
+    watch_ = posix_process::open_exit_watch(static_cast<std::uint32_t>(pid), error);
+  }
+
+  void pause() const {
+    if (watch_) {
+      pollfd entry{watch_.get(), POLLIN, 0};
+      const int ready = ::poll(&entry, 1, static_cast<int>(poll_interval.count()));
+      // A signal ends the step early, as an end would; the caller polls.
+      if (ready >= 0 || errno == EINTR) return;
+    }
+    std::this_thread::sleep_for(poll_interval);
+  }
+
+private:
+  UniqueFd watch_;
+};
 
 bool send_activation(const UniqueFd& activation) {
   return retry_on_eintr([&] { return ::send(activation.get(), &activation_byte, 1, MSG_NOSIGNAL); }) == 1;
@@ -384,19 +334,25 @@ ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<
                                              interrupt ? &interrupt_value : nullptr, nullptr);
   auto argument_texts = argument_vector(path, arguments);
   StartChannels channels = open_start_channels();
-  const ChildPlan plan{path.c_str(),
-                       argument_texts.seal(),
-                       environment_texts.seal(),
-                       directory.c_str(),
-                       channels.start_read.get(),
-                       channels.start_write.get(),
-                       channels.activation_parent.get(),
-                       channels.activation_child.get(),
-                       channels.null_device.get(),
-                       interrupt.get(),
-                       console,
-                       isolated};
-  const pid_t pid = fork_with_signals_blocked(plan);
+  const auto interrupt_ends = interrupt ? interrupt->child_ends() : InterruptPipe::ChildEnds{-1, -1};
+  const posix_child::Plan plan{path.c_str(),
+                               argument_texts.seal(),
+                               environment_texts.seal(),
+                               directory.c_str(),
+                               channels.start_read.get(),
+                               channels.start_write.get(),
+                               channels.activation_parent.get(),
+                               channels.activation_child.get(),
+                               channels.null_device.get(),
+                               interrupt_ends.reader,
+                               interrupt_ends.writer,
+                               console,
+                               isolated};
+  // The child runs in this process's memory until its exec: the stack, the
+  // plan and the texts above outlive it on every path below, which ends
+  // with the exec seen or the child reaped.
+  posix_child::ChildStack stack;
+  const pid_t pid = posix_child::start(plan, stack);
   channels.null_device.reset();
   channels.start_write.reset();
   channels.activation_child.reset();
@@ -415,6 +371,7 @@ ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<
     }
   }
   if (!send_activation(channels.activation_parent)) {
+    channels.activation_parent.reset();
     channels.start_read.reset();
     reap(pid);
     throw Error("process_start", "Cannot activate the prepared game");
@@ -481,9 +438,10 @@ int ChildProcess::wait(const std::function<bool()>& should_interrupt) {
           "Interruptible waiting needs this owned child's private channel");
   if (const auto code = poll()) return *code;
   bool delivered = false;
+  const IntervalWait step(pid_);
   for (;;) {
     if (!delivered && should_interrupt && should_interrupt() && !poll()) delivered = interrupt_->request();
-    std::this_thread::sleep_for(poll_interval);
+    step.pause();
     if (const auto code = poll()) return *code;
   }
 }
@@ -498,16 +456,17 @@ bool ChildProcess::terminate(unsigned grace_ms) {
   if (poll()) return true;
   // The pid alone, not its group: a game's own helpers are its business.
   if (::kill(pid_, SIGTERM) != 0 && errno != ESRCH) return false;
+  const IntervalWait step(pid_);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(grace_ms);
   while (std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(poll_interval);
+    step.pause();
     if (poll()) return true;
   }
   if (poll()) return true;
   if (::kill(pid_, SIGKILL) != 0 && errno != ESRCH) return false;
   const auto kill_deadline = std::chrono::steady_clock::now() + kill_allowance;
   while (std::chrono::steady_clock::now() < kill_deadline) {
-    std::this_thread::sleep_for(poll_interval);
+    step.pause();
     if (poll()) return true;
   }
   return poll().has_value();

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <thread>
 #include <gtest/gtest.h>
 
 #include "client/domain/error.hpp"
@@ -323,6 +324,48 @@ TEST(ChildProcess, NothingLeaksIntoAChild) {
     EXPECT_EQ(testing::read_text(dir / "out"), separated ? "" : "out\n");
     EXPECT_EQ(testing::read_text(dir / "err"), separated ? "out\nerr\n" : "err\n");
   }
+}
+
+// Until its exec the child runs in this process's memory: a handler of ours
+// running there would write our state. A signal reaching the waiting child
+// must act as on a fresh process and leave the flag alone.
+TEST(ChildProcess, ASignalBeforeTheExecNeverRunsTheParentsHandler) {
+  const std::string result = in_subprocess([] {
+    static volatile sig_atomic_t handled = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { handled = 1; };
+    ::sigaction(SIGUSR1, &action, nullptr);
+    Launch launch;
+    launch.on_spawn = [](std::uint64_t pid) { ::kill(static_cast<pid_t>(pid), SIGUSR1); };
+    std::string code;
+    const std::string ended = outcome([&] { code = std::to_string(launch.start().wait()); });
+    return (ended == "ok" ? code : ended) + (handled != 0 ? " and our handler ran" : "");
+  });
+  EXPECT_TRUE(result == std::to_string(128 + SIGUSR1) || result == "process_start: Cannot activate the prepared game")
+      << result;
+}
+
+// Each start has its own stack and plan in the shared memory.
+TEST(ChildProcess, ConcurrentStartsKeepTheirOwnOutcomes) {
+  TempDir dir;
+  testing::write_text(dir / "no-execute", "#!/bin/sh\nexit 0\n");
+  std::vector<std::string> seen[2];
+  std::vector<std::string> expected[2];
+  const auto run = [&](int id) {
+    for (int round = 0; round < 20; ++round) {
+      const int code = id * 20 + round;
+      Launch launch = round % 2 == 0 ? shell("exit " + std::to_string(code)) : Launch{.path = dir / "no-execute"};
+      expected[id].push_back(round % 2 == 0 ? std::to_string(code) : "process_start: Cannot execute the installed game");
+      std::string exit_code;
+      const std::string ended = outcome([&] { exit_code = std::to_string(launch.start().wait()); });
+      seen[id].push_back(ended == "ok" ? exit_code : ended);
+    }
+  };
+  std::thread other(run, 1);
+  run(0);
+  other.join();
+  EXPECT_EQ(seen[0], expected[0]);
+  EXPECT_EQ(seen[1], expected[1]);
 }
 
 TEST(ChildProcess, ExitCodesStickAndTerminationEscalates) {
