@@ -86,6 +86,7 @@ public:
       : at_(reinterpret_cast<const unsigned char*>(text.data())), end_(at_ + text.size()) {}
 
   json document() {
+    // The library skips a byte-order mark at the very start, and only there.
     if (end_ - at_ >= 3 && std::memcmp(at_, "\xEF\xBB\xBF", 3) == 0) at_ += 3;
     skip_space();
     json value = read_value(0);
@@ -178,7 +179,8 @@ private:
   }
 
   json literal(std::string_view word, json value) {
-    if (static_cast<std::size_t>(end_ - at_) < word.size() || std::memcmp(at_, word.data(), word.size()) != 0) decline();
+    const auto left = static_cast<std::size_t>(end_ - at_);
+    if (left < word.size() || std::memcmp(at_, word.data(), word.size()) != 0) decline();
     at_ += word.size();
     return value;
   }

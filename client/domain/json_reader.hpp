@@ -7,12 +7,14 @@
 
 namespace zorvi {
 
-// Two readers of the text that `parse_json` has bounded. A direct reader for the text that `parse_json` accepts: the same value,
-// built without the library's lexer and event machinery. It declines (returns
-// nothing) on every text it does not accept outright: any refusal, and the
-// library's rare lenient forms such as a NUL byte taken as the end of input.
-// The library's parser then reads a declined text and gives the exact answer,
-// so the reader never has to reproduce the library's error messages.
+// The two readers behind `parse_json`, for text it has already bounded.
+//
+// The direct reader builds the value the library's reading would give, without
+// the library's lexer and event machinery. It declines (returns nothing) on
+// every text it does not accept outright: any refusal, and the library's rare
+// lenient forms such as a NUL byte taken as the end of input. The library's
+// reading then gives the exact answer for a declined text, so the direct
+// reader never has to reproduce the library's error messages.
 std::optional<json> read_json_directly(std::string_view text);
 
 // The library's parser with the strict checks on its events: the reading that

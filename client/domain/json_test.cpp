@@ -62,7 +62,9 @@ std::string typed(const json& value) {
   std::string out = value.is_number_integer() ? "i" : "";
   if (value.is_array() || value.is_object()) {
     out += value.is_array() ? "[" : "{";
-    for (const auto& [key, member] : value.items()) out += (value.is_object() ? json(key).dump() + ":" : "") + typed(member) + ",";
+    for (const auto& [key, member] : value.items()) {
+      out += (value.is_object() ? json(key).dump() + ":" : "") + typed(member) + ",";
+    }
     return out + "]";
   }
   return out + value.dump();
