@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "client/domain/error.hpp"
+#include "client/domain/json_reader.hpp"
 #include "tests/support/test_support.hpp"
 
 namespace zorvi {
@@ -53,6 +54,89 @@ TEST(ParseJson, RefusesWhatCouldMeanTwoThings) {
   for (const char* text : {"", "{} {}", "/* c */ {}", "\"\xff\"", "{\"a\":tru}", "{"}) {
     EXPECT_TRUE(outcome(text).starts_with("invalid_json: [json.exception.parse_error")) << outcome(text);
   }
+}
+
+// The value with integer kinds shown (a signed zero is not an unsigned one),
+// or the refusal as "code: message".
+std::string typed(const json& value) {
+  std::string out = value.is_number_integer() ? "i" : "";
+  if (value.is_array() || value.is_object()) {
+    out += value.is_array() ? "[" : "{";
+    for (const auto& [key, member] : value.items()) {
+      out += (value.is_object() ? json(key).dump() + ":" : "") + typed(member) + ",";
+    }
+    return out + "]";
+  }
+  return out + value.dump();
+}
+template <typename Read>
+std::string typed_outcome(Read read) {
+  try {
+    return typed(read());
+  } catch (const Error& error) {
+    return error.code + ": " + error.what();
+  }
+}
+
+// Valid documents meant to take the direct reader's every road: escapes,
+// surrogate pairs, UTF-8 at each boundary, integer edges, whitespace, runs of
+// plain text around the word-wide scan, keys out of order.
+const std::vector<std::string> tricky = {
+    "{\"b\":\"\\u00e9\\ud83c\\udfae\\u0000x\\/\\b\\f\\n\\r\\t\\\"\\\\\",\"a\":[],\"\\u0061b\":{},\"\":null}",
+    "[\"\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\"]",
+    "[0,-0,18446744073709551615,-9223372036854775808,9223372036854775808,-1,true,false]",
+    " \t\r\n{ \"z\" : [ 1 , { } ] ,\"Z\":\"1234567\\\"\",\"y\":\"12345678\\u0041bcdefgh\xc3\xa9\"} \n",
+    std::string(63, '[') + "{\"k\":\"0123456789abcdef0123456789abcdef0123456789\\\\\"}" + std::string(63, ']'),
+};
+
+TEST(ParseJson, DirectReaderAgreesWithAnIndependentParser) {
+  testing::TempDir dir;
+  std::vector<std::string> paths;
+  std::string ours;
+  for (const auto& text : tricky) {
+    paths.push_back((dir / std::to_string(paths.size())).string());
+    testing::write_text(paths.back(), text);
+    ASSERT_TRUE(read_json_directly(text).has_value()) << text;
+    ours += canonical_json(parse_json(text, big)) + "\n";
+  }
+  // The canonical form written in Python from Python's own reading.
+  EXPECT_EQ(ours, testing::run_python(R"(import json,sys
+def c(v):
+  if v is None or isinstance(v,bool): return json.dumps(v).encode()
+  if isinstance(v,int): return str(v).encode()
+  if isinstance(v,str): return b'"'+v.encode().replace(b'\\',b'\\\\').replace(b'"',b'\\"')+b'"'
+  if isinstance(v,list): return b'['+b','.join(map(c,v))+b']'
+  return b'{'+b','.join(c(k)+b':'+c(v[k]) for k in sorted(v,key=str.encode))+b'}'
+for p in sys.argv[1:]: sys.stdout.buffer.write(c(json.loads(open(p,'rb').read()))+b'\n')
+)", paths));
+}
+
+// Mutated documents give the same value or the same refusal, code and message,
+// whichever reader answers.
+TEST(ParseJson, DirectReaderAndLibraryGiveOneAnswer) {
+  std::mt19937 random(14);
+  const std::string bytes = std::string("\"\\u{}[],:09-.eE \t\x01\x7f\x80\xbf\xc3\xed\xf0\xf4\xff") + '\0' + "dD8a";
+  using namespace std::string_literals;
+  std::vector<std::string> seeds = tricky;
+  // The library's lenient forms (a byte-order mark, NUL as the end) and refusals.
+  seeds.insert(seeds.end(), {"\xef\xbb\xbf[1]", "{}\0trailing"s, "[\"\\ud800\"]", "[01]", "[1,]", "-", "[1.5]"});
+  int same = 0;
+  for (int round = 0; round < 20000; ++round) {
+    std::string text = seeds[random() % seeds.size()];
+    for (auto edits = 1 + random() % 3; edits > 0 && !text.empty(); --edits) {
+      const std::size_t at = random() % text.size();
+      const char byte = bytes[random() % bytes.size()];
+      switch (random() % 3) {
+        case 0: text[at] = byte; break;
+        case 1: text.insert(at, 1, byte); break;
+        default: text.erase(at, 1);
+      }
+    }
+    const std::string direct = typed_outcome([&] { return parse_json(text, big); });
+    ASSERT_EQ(direct, typed_outcome([&] { return read_json_with_library(text); })) << ::testing::PrintToString(text);
+    same += direct.starts_with("invalid_json") ? 0 : 1;
+  }
+  EXPECT_GT(same, 1000);  // the loop reaches accepted texts and strict refusals, not only syntax errors
 }
 
 TEST(ParseJson, SizeLimitComesBeforeParsing) {
