@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <exception>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/domain/error.hpp"
@@ -39,6 +40,8 @@ struct BoundedZstd::Impl {
   std::size_t output_size = 0;
   std::uint64_t limit = 0;
   std::uint64_t produced = 0;
+  std::uint64_t content_end = 0;
+  std::uint64_t read_offset = 0;
   bool done = false;
   // The first failure inside the tar reader's callback, kept with its code so
   // that `finish` can raise it as it was.
@@ -48,9 +51,12 @@ struct BoundedZstd::Impl {
   bool input_used_up() const { return input_position == input_fill; }
 };
 
-BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit) : impl_(std::make_unique<Impl>()) {
+BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit)
+    : BoundedZstd(UniqueFd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)), limit) {}
+
+BoundedZstd::BoundedZstd(UniqueFd stream, std::uint64_t limit) : impl_(std::make_unique<Impl>()) {
   impl_->limit = limit;
-  impl_->stream.reset(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  impl_->stream = std::move(stream);
   impl_->context.reset(ZSTD_createDCtx());
   if (!impl_->stream || !impl_->context) archive_failure("Cannot open bounded snapshot decoder");
   if (ZSTD_isError(ZSTD_DCtx_setParameter(impl_->context.get(), ZSTD_d_windowLogMax, window_log_max)))
@@ -67,9 +73,12 @@ BoundedZstd::BoundedZstd(const std::filesystem::path& path, std::uint64_t limit)
 BoundedZstd::~BoundedZstd() = default;
 
 void BoundedZstd::fill() {
-  const ssize_t count =
-      retry_on_eintr([&] { return ::read(impl_->stream.get(), impl_->input.data(), impl_->input.size()); });
+  const ssize_t count = retry_on_eintr([&] {
+    return ::pread(impl_->stream.get(), impl_->input.data(), impl_->input.size(),
+                   static_cast<off_t>(impl_->read_offset));
+  });
   if (count < 0) archive_failure("Snapshot read failed");
+  impl_->read_offset += static_cast<std::uint64_t>(count);
   impl_->input_position = 0;
   impl_->input_fill = static_cast<std::size_t>(count);
 }
@@ -105,12 +114,16 @@ std::size_t BoundedZstd::read() {
     state.done = true;
     break;
   }
+  const std::size_t last_nonzero = std::string_view(state.output.data(), out.pos).find_last_not_of('\0');
+  if (last_nonzero != std::string_view::npos) state.content_end = state.produced + last_nonzero + 1;
   state.produced += out.pos;
   state.output_size = out.pos;
   return out.pos;
 }
 
 std::string_view BoundedZstd::output() const { return {impl_->output.data(), impl_->output_size}; }
+
+std::uint64_t BoundedZstd::content_end() const { return impl_->content_end; }
 
 bool BoundedZstd::failed() const { return !impl_->failure.empty(); }
 

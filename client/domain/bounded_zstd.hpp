@@ -8,6 +8,8 @@
 #include <memory>
 #include <string_view>
 
+#include "client/platform/unique_fd.hpp"
+
 namespace zorvi {
 
 // Streams one ordinary Zstandard frame out of an archive file into the tar
@@ -17,6 +19,9 @@ namespace zorvi {
 class BoundedZstd {
 public:
   BoundedZstd(const std::filesystem::path& path, std::uint64_t limit);
+  // Decodes from a file the caller has already opened and proved, from its
+  // first byte, so that what is decoded is what the caller looked at.
+  BoundedZstd(UniqueFd stream, std::uint64_t limit);
   ~BoundedZstd();
   BoundedZstd(const BoundedZstd&) = delete;
   BoundedZstd& operator=(const BoundedZstd&) = delete;
@@ -27,8 +32,12 @@ public:
   // Refills the input buffer from the file.
   void fill();
   // Raises a failure seen inside the tar reader's callback, then drains the
-  // stream, so that anything behind the tar inside or after the frame is refused.
+  // frame, so that anything after it is refused.
   void finish();
+  // The offset in the decoded stream just past its last nonzero byte so far:
+  // a reader that knows where its own content ends can prove that only zeros
+  // follow, whatever it read ahead of that point.
+  std::uint64_t content_end() const;
   // Whether the callback has recorded a failure for `finish` to raise.
   bool failed() const;
 

@@ -82,6 +82,31 @@ std::uint64_t current_size(int descriptor) {
   return static_cast<std::uint64_t>(status.st_size);
 }
 
+// The digest of the file from its current offset to its end.
+std::string digest_rest(const UniqueFd& file, std::string_view algorithm_name, const Progress& progress) {
+  MdContext context = start_context(algorithm_name, "Could not initialize file hash");
+
+  const std::uint64_t total = progress ? current_size(file.get()) : 0;
+  std::uint64_t processed = 0;
+  const auto report = [&] {
+    if (progress && !progress(processed, total)) throw Error("cancelled", "File verification cancelled");
+  };
+  report();
+  const auto buffer = std::make_unique_for_overwrite<FileBuffer>();
+  ReadEnd end = ReadEnd::more;
+  while (end == ReadEnd::more) {
+    const auto [count, next] = fill(file.get(), buffer->bytes);
+    end = next;
+    require(EVP_DigestUpdate(context.get(), buffer->bytes.data(), count) == 1, "crypto_failure",
+            "Could not hash file");
+    processed += count;
+    require(!progress || processed <= total, "content_mismatch", "File grew beyond its verification bound");
+    report();
+  }
+  require(end == ReadEnd::end_of_file, "file_read", "Error reading file during verification");
+  return finish_hex(context.get(), "Could not finish file hash");
+}
+
 }  // namespace
 
 std::vector<std::uint8_t> unhex(std::string_view text, std::size_t maximum) {
@@ -135,27 +160,12 @@ std::string digest_file_progress(const std::filesystem::path& path, std::string_
                                  const Progress& progress) {
   const UniqueFd file(open_for_reading(path));
   require(static_cast<bool>(file), "file_read", "Could not open file for verification: " + path_utf8(path));
-  MdContext context = start_context(algorithm_name, "Could not initialize file hash");
+  return digest_rest(file, algorithm_name, progress);
+}
 
-  const std::uint64_t total = progress ? current_size(file.get()) : 0;
-  std::uint64_t processed = 0;
-  const auto report = [&] {
-    if (progress && !progress(processed, total)) throw Error("cancelled", "File verification cancelled");
-  };
-  report();
-  const auto buffer = std::make_unique_for_overwrite<FileBuffer>();
-  ReadEnd end = ReadEnd::more;
-  while (end == ReadEnd::more) {
-    const auto [count, next] = fill(file.get(), buffer->bytes);
-    end = next;
-    require(EVP_DigestUpdate(context.get(), buffer->bytes.data(), count) == 1, "crypto_failure",
-            "Could not hash file");
-    processed += count;
-    require(!progress || processed <= total, "content_mismatch", "File grew beyond its verification bound");
-    report();
-  }
-  require(end == ReadEnd::end_of_file, "file_read", "Error reading file during verification");
-  return finish_hex(context.get(), "Could not finish file hash");
+std::string digest_open_file(const UniqueFd& file, std::string_view algorithm_name, const Progress& progress) {
+  require(::lseek(file.get(), 0, SEEK_SET) == 0, "file_read", "Error reading file during verification");
+  return digest_rest(file, algorithm_name, progress);
 }
 
 struct DigestState::Impl {

@@ -16,6 +16,8 @@
 
 namespace zorvi {
 
+class UniqueFd;
+
 // Progress of a long operation in bytes; returning false cancels it.
 using Progress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
 
@@ -34,6 +36,10 @@ std::string digest(std::string_view content, std::string_view algorithm_name);
 std::string digest_file(const std::filesystem::path& path, std::string_view algorithm_name);
 std::string digest_file_progress(const std::filesystem::path& path, std::string_view algorithm_name,
                                  const Progress& progress);
+// The same over a file already open, rewound to its first byte, so that a
+// caller can go on to use exactly the file it hashed, whatever happens to
+// the path meanwhile.
+std::string digest_open_file(const UniqueFd& file, std::string_view algorithm_name, const Progress& progress);
 
 // An incremental digest whose value can be read at any point without ending it.
 class DigestState {

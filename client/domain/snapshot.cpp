@@ -2,11 +2,13 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <memory>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "client/domain/bounded_zstd.hpp"
@@ -17,6 +19,7 @@
 #include "client/platform/native_platform.hpp"
 #include "client/platform/posix_files.hpp"
 #include "client/platform/reserved_tree.hpp"
+#include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
 namespace {
@@ -103,12 +106,16 @@ using TarReader = std::unique_ptr<struct archive, ReaderFree>;
   throw Error(code, message);
 }
 
-void check_archive(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
+// The archive is opened once: the file proved here by its type, length and
+// digest is the one the decoder reads, whatever happens to the path later.
+UniqueFd open_authenticated_archive(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
+  UniqueFd file(::open(archive.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status {};
-  const bool matches = status_of(archive, status) && S_ISREG(status.st_mode) &&
+  const bool matches = file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
                        static_cast<std::uint64_t>(status.st_size) == manifest.archive_length &&
-                       digest_file(archive, "sha256") == manifest.archive_sha256;
+                       digest_open_file(file, "sha256", Progress()) == manifest.archive_sha256;
   require(matches, "content_mismatch", "Snapshot differs from its verified application manifest");
+  return file;
 }
 
 void prepare_staging(const SnapshotManifest& manifest, const std::filesystem::path& staging,
@@ -212,6 +219,17 @@ struct Extraction {
   }
 };
 
+// The tar reader stops at the tar's end blocks with more of the stream read
+// ahead than it consumed, and leaves the rest of the frame undecoded. What it
+// consumed is where the tar ends; everything after that, read ahead or still
+// in the frame, must be zero padding, so that no signed byte goes unexamined.
+void finish_after_tar(BoundedZstd& decoder, struct archive* reader) {
+  const la_int64_t tar_end = archive_filter_bytes(reader, 0);
+  decoder.finish();
+  require(tar_end >= 0 && decoder.content_end() <= static_cast<std::uint64_t>(tar_end), "archive",
+          "Snapshot carries data after the end of its tar archive");
+}
+
 }  // namespace
 
 void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
@@ -269,14 +287,14 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std:
 void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::path& archive,
                       const std::filesystem::path& staging, const Progress& progress,
                       const ReservedTree* reserved_tree) {
-  check_archive(manifest, archive);
+  UniqueFd file = open_authenticated_archive(manifest, archive);
   prepare_staging(manifest, staging, reserved_tree);
   const std::uint64_t limit =
       manifest.expanded_length + tar_overhead_per_file * manifest.files.size() + tar_overhead;
-  BoundedZstd decoder(archive, limit);
+  BoundedZstd decoder(std::move(file), limit);
   const TarReader reader = open_tar_reader(decoder);
   Extraction{manifest, staging, progress, reserved_tree, decoder, reader.get()}.run();
-  decoder.finish();
+  finish_after_tar(decoder, reader.get());
   verify_snapshot_tree(manifest, staging, progress);
   sync_tree_directories(staging);
 }

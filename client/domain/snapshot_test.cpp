@@ -1,9 +1,13 @@
 #include "client/domain/snapshot.hpp"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <functional>
 #include <random>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -138,6 +142,16 @@ struct Hostile {
 
 const std::vector<TreeFile> one_game{{"bin/game", "#!/bin/sh\n", true}};
 const std::vector<TreeFile> game_and_data{{"bin/game", "#!/bin/sh\n", true}, {"data/a", "alpha"}};
+// Ten small files: room enough in the expansion bound for more than one
+// decoder buffer of zeros behind their tar.
+std::vector<TreeFile> ten_files() {
+  std::vector<TreeFile> files{{"bin/game", "#!/bin/sh\n", true}};
+  for (int index = 0; index < 9; ++index) files.push_back({"data/f" + std::to_string(index), "x"});
+  return files;
+}
+// Their tar without record padding, then the given count of zeros.
+const std::string tar_of_ten = "cd tree && { tar --format=gnu -b 1 -cf - bin/game data/f* && head -c";
+const std::string zstd = " | zstd -q -c > \"$1\"";
 
 // An archive crafted by Python's tarfile, compressed by the zstd command.
 std::function<void(Packed&, const std::filesystem::path&)> crafted(json entries, std::string zstd_options = "") {
@@ -161,7 +175,15 @@ std::function<void(Packed&, const std::filesystem::path&)> shell(const std::stri
 
 std::vector<Hostile> hostile_archives() {
   const json game = file_entry("bin/game", "#!/bin/sh\n", 0755);
+  const char* behind_tar = "Snapshot carries data after the end of its tar archive";
   return {
+      {"byte behind the tar, read ahead with its end", one_game,
+       shell("{ tar --format=gnu -C tree -cf - bin/game; printf x; } | zstd -q -c > \"$1\""), "archive", behind_tar},
+      {"byte behind the tar, decoded only by the drain", ten_files(),
+       shell(tar_of_ten + " 70000 /dev/zero && printf x; }" + zstd), "archive", behind_tar},
+      {"second tar in the frame", one_game,
+       shell("{ tar --format=gnu -b 1 -C tree -cf - bin/game; tar --format=gnu -b 1 -C tree -cf - bin/game; }" + zstd),
+       "archive", behind_tar},
       {"decompression bomb", one_game,
        shell("truncate -s 256M bomb/bin/game && tar --format=gnu -C bomb -cf - bin/game | zstd -q -1 -c > \"$1\""),
        "size_limit", "Decoded tar stream exceeds authenticated expansion bounds"},
@@ -271,6 +293,42 @@ TEST(SnapshotExtraction, TrailingFrameBehindALargeTarIsRefusedAtTheEnd) {
   const SnapshotManifest manifest = testing::parsed_manifest(packed.tree, packed.archive);
   expect_error([&] { extract_snapshot(manifest, packed.archive, packed.staging, Progress(), nullptr); }, "archive",
                "Trailing or concatenated Zstandard frames are forbidden");
+}
+
+TEST(SnapshotExtraction, AcceptsZeroPaddingBehindTheTar) {
+  // GNU tar pads its records with zeros; a writer may add more, up to the
+  // expansion bound: here more than one decoder buffer of them.
+  Packed packed(ten_files());
+  shell(tar_of_ten + " 70000 /dev/zero; }" + zstd)(packed, {});
+  const SnapshotManifest manifest = testing::parsed_manifest(packed.tree, packed.archive);
+  extract_snapshot(manifest, packed.archive, packed.staging, Progress(), nullptr);
+  EXPECT_EQ(testing::read_text(packed.staging / "data/f8"), "x");
+}
+
+TEST(SnapshotExtraction, ArchiveExchangedAtAnyMomentYieldsOnlyTheAuthenticatedBytes) {
+  // Two archives of the same shape whose bytes differ everywhere; the
+  // manifest vouches for the first, and a thread keeps exchanging the two.
+  const std::vector<TreeFile> files{{"bin/game", "#!/bin/sh\n", true}, {"data/a", random_bytes(300000, 12)}};
+  Packed authentic(files);
+  Packed other({files[0], {"data/a", random_bytes(300000, 22)}});
+  std::atomic<bool> stop = false;
+  std::thread exchanger([&] {
+    while (!stop) ::renameat2(AT_FDCWD, authentic.archive.c_str(), AT_FDCWD, other.archive.c_str(), RENAME_EXCHANGE);
+  });
+  for (int round = 0; round < 40; ++round) {
+    std::filesystem::remove_all(authentic.staging);
+    const std::string result = testing::outcome(
+        [&] { extract_snapshot(authentic.manifest, authentic.archive, authentic.staging, Progress(), nullptr); });
+    // Either the authenticated bytes, or a refusal before staging exists.
+    if (result == "ok") {
+      EXPECT_EQ(testing::read_text(authentic.staging / "data/a"), files[1].content);
+    } else {
+      EXPECT_EQ(result, "content_mismatch: Snapshot differs from its verified application manifest");
+      EXPECT_FALSE(std::filesystem::exists(authentic.staging));
+    }
+  }
+  stop = true;
+  exchanger.join();
 }
 
 // ---- Space, on small file systems mounted where nobody else sees them ------
