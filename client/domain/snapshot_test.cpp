@@ -249,15 +249,16 @@ std::vector<Hostile> hostile_archives() {
        "Archive contains an unexpected or duplicate file"},
       {"mode 0640", game_and_data, crafted({game, file_entry("data/a", "alpha", 0640)}), "archive_inventory",
        "Archive file length or mode differs from manifest"},
-      {"executable as 0644", one_game, crafted({file_entry("bin/game", "#!/bin/sh\n", 0644)}), "archive_inventory",
-       "Archive file length or mode differs from manifest"},
+      // A braced list of one json value is a copy for clang, not an array.
+      {"executable as 0644", one_game, crafted(json::array({file_entry("bin/game", "#!/bin/sh\n", 0644)})),
+       "archive_inventory", "Archive file length or mode differs from manifest"},
       {"longer file", game_and_data, crafted({game, file_entry("data/a", "alphabet")}), "archive_inventory",
        "Archive file length or mode differs from manifest"},
       {"shorter file", game_and_data, crafted({game, file_entry("data/a", "alp")}), "archive_inventory",
        "Archive file length or mode differs from manifest"},
       {"changed content", game_and_data, crafted({game, file_entry("data/a", "ALPHA")}), "content_mismatch",
        "Extracted file hash differs from manifest"},
-      {"missing file", game_and_data, crafted({game}), "archive", "Snapshot is incomplete or malformed"},
+      {"missing file", game_and_data, crafted(json::array({game})), "archive", "Snapshot is incomplete or malformed"},
   };
 }
 

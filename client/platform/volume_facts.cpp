@@ -97,10 +97,14 @@ std::optional<VolumeFacts> volume_facts(int descriptor) {
   if (!id) return std::nullopt;
   const std::optional<std::string> table = read_mount_table();
   if (!table) return std::nullopt;
+  return find_mount(*table, *id);
+}
+
+std::optional<VolumeFacts> find_mount(std::string_view table, std::uint64_t id) {
   std::size_t start = 0;
-  while (start < table->size()) {
-    const std::size_t end = std::min(table->find('\n', start), table->size());
-    if (auto facts = parse_mount(std::string_view(*table).substr(start, end - start), *id)) return facts;
+  while (start < table.size()) {
+    const std::size_t end = std::min(table.find('\n', start), table.size());
+    if (auto facts = parse_mount(table.substr(start, end - start), id)) return facts;
     start = end + 1;
   }
   return std::nullopt;

@@ -33,6 +33,10 @@ std::optional<VolumeFacts> volume_facts(int descriptor);
 std::optional<VolumeAttributes> volume_attributes(int descriptor);
 std::optional<std::string> physical_path(int descriptor);
 
+// The line of a mount table (the text of /proc/self/mountinfo) that
+// describes mount `id`; nothing when no well-formed line does.
+std::optional<VolumeFacts> find_mount(std::string_view table, std::uint64_t id);
+
 // The names of a path below a file system's root as that file system
 // compares them; nothing when the result would exceed `limit` bytes.
 std::optional<std::string> name_key(std::string_view names, bool case_sensitive, std::size_t limit);
