@@ -146,6 +146,10 @@ std::string digest_file_progress(const std::filesystem::path& path, std::string_
                                  const Progress& progress) {
   const UniqueFd file(open_for_reading(path));
   require(static_cast<bool>(file), "file_read", "Could not open file for verification: " + path_utf8(path));
+  return digest_open_file(file, algorithm_name, progress);
+}
+
+std::string digest_open_file(const UniqueFd& file, std::string_view algorithm_name, const Progress& progress) {
   MdContext context = start_context(algorithm_name, "Could not initialize file hash");
 
   const std::uint64_t total = progress ? current_size(file.get()) : 0;

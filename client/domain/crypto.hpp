@@ -16,6 +16,8 @@
 
 namespace zorvi {
 
+class UniqueFd;
+
 // Progress of a long operation in bytes; returning false cancels it.
 using Progress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
 
@@ -34,6 +36,9 @@ std::string digest(std::string_view content, std::string_view algorithm_name);
 std::string digest_file(const std::filesystem::path& path, std::string_view algorithm_name);
 std::string digest_file_progress(const std::filesystem::path& path, std::string_view algorithm_name,
                                  const Progress& progress);
+// The same digest of a file already open for reading, from its current offset,
+// so that a caller that proved what it opened hashes exactly that.
+std::string digest_open_file(const UniqueFd& file, std::string_view algorithm_name, const Progress& progress);
 
 // An incremental digest whose value can be read at any point without ending it.
 class DigestState {
