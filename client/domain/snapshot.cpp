@@ -15,10 +15,13 @@
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/allocated_file.hpp"
+#include "client/platform/directory_chain.hpp"
+#include "client/platform/directory_handle.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/native_platform.hpp"
 #include "client/platform/posix_files.hpp"
 #include "client/platform/reserved_tree.hpp"
+#include "client/platform/tree_walk.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
@@ -38,40 +41,57 @@ bool status_of(const std::filesystem::path& path, struct stat& status) { return 
 
 // ---- Verification -------------------------------------------------------
 
+constexpr TreeWalkWording game_walk{"Game directory entry count exceeds bounds", "Cannot walk game content directory"};
+constexpr int file_open = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+DirectoryHandle open_game_root(const std::filesystem::path& root) {
+  struct stat top {};
+  require(status_of(root, top) && S_ISDIR(top.st_mode), "unsafe_path", "Game content directory is missing or linked");
+  DirectoryHandle handle = DirectoryHandle::open_existing(root);
+  require(handle.is(top), "unsafe_path", "Game content directory is missing or linked");
+  return handle;
+}
+
 // Walks the tree without following links. Every entry must have a safe
 // name; `foreign` is told of each entry that is neither a directory nor a
 // listed regular file. Returns the number of listed files found.
 template <typename Foreign>
-std::uint64_t walk_tree(const SnapshotManifest& manifest, const std::filesystem::path& root, Foreign foreign) {
-  struct stat top {};
-  require(status_of(root, top) && S_ISDIR(top.st_mode), "unsafe_path", "Game content directory is missing or linked");
-  std::uint64_t entries = 0;
+std::uint64_t walk_tree(const SnapshotManifest& manifest, const DirectoryHandle& root, Foreign foreign) {
   std::uint64_t files = 0;
-  std::error_code error;
-  auto walk = std::filesystem::recursive_directory_iterator(root, error);
-  for (; !error && walk != std::filesystem::recursive_directory_iterator(); walk.increment(error)) {
-    require(++entries <= max_walk_entries, "size_limit", "Game directory entry count exceeds bounds");
-    const std::filesystem::file_status status = walk->symlink_status();
-    require(!std::filesystem::is_symlink(status), "unsafe_path", "Game tree contains a symbolic link");
-    const std::string relative = path_utf8(walk->path().lexically_relative(root));
+  BoundedTreeWalk walk(root, max_walk_entries, game_walk);
+  while (walk.next()) {
+    require(walk.type() != S_IFLNK, "unsafe_path", "Game tree contains a symbolic link");
     // The path rules of safe_join; its link probe of every prefix would only
     // repeat what this walk, which follows no link, has just seen.
-    validate_relative_path(relative, true);
-    if (std::filesystem::is_directory(status)) continue;
-    if (!std::filesystem::is_regular_file(status) || !manifest.files.contains(relative)) {
-      foreign(relative);
+    validate_relative_path(walk.relative(), true);
+    if (walk.type() == S_IFDIR) continue;
+    if (walk.type() != S_IFREG || !manifest.files.contains(walk.relative())) {
+      foreign(walk.relative());
       continue;
     }
     require(++files <= manifest.files.size(), "size_limit", "Game tree contains too many files");
   }
-  if (error) throw Error("file_read", with_errno("Cannot walk game content directory", error.value()));
   return files;
 }
 
-// The file's digest; with progress, reports stay inside the file's share of
-// the total, and a file that changes beyond its listed length is refused.
-std::string file_digest(const std::filesystem::path& target, const PackageFile& file, const Progress& progress,
-                        std::uint64_t done, std::uint64_t total) {
+// The listed file at `path`: the rules of safe_join from the held
+// directories, then its attributes, a link not followed. False when it is
+// missing or no regular file.
+bool find_listed(DirectoryChain& chain, const std::string& path, struct stat& status) {
+  chain.join(path, true);
+  return chain.open_parent() && chain.parent().entry_status(chain.name(), status) && S_ISREG(status.st_mode);
+}
+
+// The digest of the file just found by the chain, opened from its held
+// directory; a file that is no longer the one looked at hashes to nothing.
+// With progress, reports stay inside the file's share of the total, and a
+// file that changes beyond its listed length is refused.
+std::string file_digest(const DirectoryChain& chain, const struct stat& status, const PackageFile& file,
+                        const Progress& progress, std::uint64_t done, std::uint64_t total) {
+  const UniqueFd opened(::openat(chain.parent().get(), chain.name().c_str(), file_open));
+  require(static_cast<bool>(opened), "file_read", "Could not open file for verification: " + path_utf8(chain.path()));
+  struct stat now {};
+  if (::fstat(opened.get(), &now) != 0 || now.st_dev != status.st_dev || now.st_ino != status.st_ino) return {};
   Progress inner;
   if (progress) {
     inner = [&](std::uint64_t file_done, std::uint64_t file_total) {
@@ -81,15 +101,24 @@ std::string file_digest(const std::filesystem::path& target, const PackageFile& 
       return true;
     };
   }
-  return digest_file_progress(target, "sha256", inner);
+  return digest_open_file(opened, "sha256", inner);
 }
 
+// Children before their parents and `root` last, each from the walk's order.
 void sync_tree_directories(const std::filesystem::path& root) {
-  std::vector<std::filesystem::path> directories{root};
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-    if (entry.is_directory() && !entry.is_symlink()) directories.push_back(entry.path());
+  const DirectoryHandle top = DirectoryHandle::open_existing(root);
+  require(static_cast<bool>(top), "file_sync", "Cannot open directory for synchronization");
+  std::vector<std::string> directories;
+  BoundedTreeWalk walk(top, max_walk_entries, game_walk);
+  while (walk.next()) {
+    if (walk.type() == S_IFDIR) directories.push_back(walk.relative());
   }
-  for (auto directory = directories.rbegin(); directory != directories.rend(); ++directory) sync_directory(*directory);
+  for (auto directory = directories.rbegin(); directory != directories.rend(); ++directory) {
+    const UniqueFd opened(::openat(top.get(), directory->c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    require(static_cast<bool>(opened), "file_sync", "Cannot open directory for synchronization");
+    require(posix_files::sync(opened.get()) == 0, "file_sync", "Could not durably synchronize directory");
+  }
+  require(posix_files::sync(top.get()) == 0, "file_sync", "Could not durably synchronize directory");
 }
 
 // ---- Extraction ---------------------------------------------------------
@@ -166,7 +195,9 @@ struct Extraction {
   struct archive* reader;
   std::vector<char> buffer = std::vector<char>(data_chunk);
   std::uint64_t done = 0;
-  std::filesystem::path proved_directory = {};
+  // Entries come in path order, so most share the directory just proved
+  // private; each directory is looked up once from the one above it.
+  DirectoryChain chain = DirectoryChain(DirectoryHandle::private_directory(staging), staging);
 
   void copy_data(AllocatedFile& file, std::uint64_t length) {
     std::uint64_t remaining = length;
@@ -188,21 +219,22 @@ struct Extraction {
     const char* name = archive_entry_pathname_utf8(entry);
     require(name != nullptr, "archive_path", "Archive path is not valid UTF-8");
     const std::string path(name);
-    const std::filesystem::path target = safe_join(staging, path, true);
+    chain.join(path, true);
     const PackageFile& listed = admit_entry(manifest, entry, path, seen);
-    // Entries come in path order, so most share the folder just proved
-    // private; a new folder is proved once, before its first file.
-    if (target.parent_path() != proved_directory) {
-      private_directory(target.parent_path());
-      proved_directory = target.parent_path();
-    }
+    chain.make_private_parent();
     // Space for the whole file is claimed here, before its first byte.
-    AllocatedFile file = reserved_tree != nullptr ? AllocatedFile(reserved_tree->file(path, listed.length))
-                                                  : AllocatedFile(target, listed.length, ReservationObserver());
+    AllocatedFile file =
+        reserved_tree != nullptr
+            ? AllocatedFile(chain.parent(), chain.name(), reserved_tree->file(path, listed.length))
+            : AllocatedFile(chain.parent(), chain.name(), chain.path(), listed.length, ReservationObserver());
     copy_data(file, listed.length);
     file.set_executable(listed.executable);
     file.finish(true);
-    require(digest_file(target, "sha256") == listed.sha256, "content_mismatch",
+    // Hashed from what is on stable storage now, reached from its directory.
+    const UniqueFd written(::openat(chain.parent().get(), chain.name().c_str(), file_open));
+    require(static_cast<bool>(written), "file_read",
+            "Could not open file for verification: " + path_utf8(chain.path()));
+    require(digest_open_file(written, "sha256", Progress()) == listed.sha256, "content_mismatch",
             "Extracted file hash differs from manifest");
   }
 
@@ -234,18 +266,19 @@ void finish_after_tar(BoundedZstd& decoder, struct archive* reader) {
 
 void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesystem::path& root,
                           const Progress& progress) {
-  const std::uint64_t files = walk_tree(manifest, root, [](const std::string&) {
+  const DirectoryHandle top = open_game_root(root);
+  const std::uint64_t files = walk_tree(manifest, top, [](const std::string&) {
     throw Error("unexpected_file", "Game tree contains an unmanaged file");
   });
   require(files == manifest.files.size(), "missing_file", "Game content is incomplete; repair is available");
+  DirectoryChain chain(top, root);
   std::uint64_t done = 0;
   for (const auto& [path, file] : manifest.files) {
     report(progress, done, manifest.expanded_length);
-    const std::filesystem::path target = safe_join(root, path, true);
     struct stat status {};
-    const bool intact = status_of(target, status) && S_ISREG(status.st_mode) &&
+    const bool intact = find_listed(chain, path, status) &&
                         static_cast<std::uint64_t>(status.st_size) == file.length &&
-                        file_digest(target, file, progress, done, manifest.expanded_length) == file.sha256;
+                        file_digest(chain, status, file, progress, done, manifest.expanded_length) == file.sha256;
     require(intact, "content_mismatch", "Game content differs from the verified manifest: " + path);
     require(!file.executable || (status.st_mode & S_IXUSR) != 0, "content_mode",
             "Game executable permission is missing");
@@ -261,17 +294,17 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std:
     ++damaged.count;
     if (damaged.paths.size() < limit) damaged.paths.push_back(path);
   };
-  walk_tree(manifest, root, add_damage);
+  const DirectoryHandle top = open_game_root(root);
+  walk_tree(manifest, top, add_damage);
+  DirectoryChain chain(top, root);
   std::uint64_t done = 0;
   for (const auto& [path, file] : manifest.files) {
     report(progress, done, manifest.expanded_length);
-    const std::filesystem::path target = safe_join(root, path, true);
     struct stat status {};
-    bool intact = status_of(target, status) && S_ISREG(status.st_mode) &&
-                  static_cast<std::uint64_t>(status.st_size) == file.length;
+    bool intact = find_listed(chain, path, status) && static_cast<std::uint64_t>(status.st_size) == file.length;
     if (intact) {
       try {
-        intact = file_digest(target, file, progress, done, manifest.expanded_length) == file.sha256;
+        intact = file_digest(chain, status, file, progress, done, manifest.expanded_length) == file.sha256;
       } catch (const Error& error) {
         if (error.code == "cancelled") throw;
         intact = false;

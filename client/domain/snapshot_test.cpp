@@ -130,6 +130,24 @@ TEST(SnapshotExtraction, CancelsOnlyAtAReport) {
                "cancelled", "Operation cancelled at a safe boundary");
 }
 
+// Directories are held open between files; one exchanged for a link after
+// its first file was written is still seen at the next file, by name.
+TEST(SnapshotExtraction, DirectorySwappedForALinkBetweenTwoFilesIsRefused) {
+  Packed packed({{"bin/game", "x", true}, {"data/a", "first", false}, {"data/b", "second", false}});
+  const std::filesystem::path data = packed.staging / "data";
+  const std::filesystem::path aside = packed.dir / "out" / "aside";
+  const Progress swap = [&](std::uint64_t done, std::uint64_t) {
+    if (done == 6 && !std::filesystem::exists(aside)) {  // data/a is complete, data/b not begun
+      std::filesystem::rename(data, aside);
+      std::filesystem::create_directory_symlink(aside, data);
+    }
+    return true;
+  };
+  expect_error([&] { extract_snapshot(packed.manifest, packed.archive, packed.staging, swap, nullptr); },
+               "unsafe_path", "Managed path contains a symbolic link");
+  EXPECT_FALSE(std::filesystem::exists(aside / "b"));
+}
+
 // ---- Hostile archives -----------------------------------------------------
 
 struct Hostile {

@@ -11,6 +11,7 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/directory_handle.hpp"
 #include "client/platform/eintr.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/posix_files.hpp"
@@ -45,14 +46,20 @@ struct AllocatedFile::Impl {
   bool identified = false;
   bool private_file = true;
   UniqueFd descriptor;
+  // With a parent, the file is looked up as `name` in it, never by path.
+  DirectoryHandle parent;
+  std::string name;
+
+  int base() const { return parent ? parent.get() : AT_FDCWD; }
+  const char* entry() const { return parent ? name.c_str() : reservation.path.c_str(); }
 
   ~Impl() {
     descriptor.reset();
     if (!owned || !identified) return;
     // Only the entry this object created may go; a stranger at the path stays.
     struct stat named {};
-    if (::lstat(reservation.path.c_str(), &named) == 0 && S_ISREG(named.st_mode) && matches(named))
-      ::unlink(reservation.path.c_str());
+    if (::fstatat(base(), entry(), &named, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(named.st_mode) && matches(named))
+      ::unlinkat(base(), entry(), 0);
   }
 
   bool matches(const struct stat& status) const {
@@ -83,7 +90,7 @@ struct AllocatedFile::Impl {
 
   bool path_proof() const {
     struct stat named {};
-    return ::lstat(reservation.path.c_str(), &named) == 0 && S_ISREG(named.st_mode) && matches(named);
+    return ::fstatat(base(), entry(), &named, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(named.st_mode) && matches(named);
   }
 
   // `inspect` and the path proof, with the size inside [low, high].
@@ -125,10 +132,11 @@ struct AllocatedFile::Impl {
             "File allocation exceeds native length bounds");
     reservation.path = std::filesystem::absolute(path);
     reservation.length = length;
-    struct stat parent {};
-    require(::lstat(reservation.path.parent_path().c_str(), &parent) == 0 && S_ISDIR(parent.st_mode), "unsafe_path",
-            "Allocation requires an ordinary parent directory");
-    descriptor.reset(::open(reservation.path.c_str(), access | open_flags | (create ? O_CREAT | O_EXCL : 0), 0600));
+    // A held parent is an open directory already; only a path needs the look.
+    struct stat directory {};
+    require(parent || (::lstat(reservation.path.parent_path().c_str(), &directory) == 0 && S_ISDIR(directory.st_mode)),
+            "unsafe_path", "Allocation requires an ordinary parent directory");
+    descriptor.reset(::openat(base(), entry(), access | open_flags | (create ? O_CREAT | O_EXCL : 0), 0600));
     if (!descriptor) storage_failure(errno, "unsafe_path", "Cannot exclusively create or reopen a prepared allocation");
     owned = create;
     private_file = true;
@@ -166,6 +174,24 @@ AllocatedFile::AllocatedFile(const std::filesystem::path& path, std::uint64_t le
     : impl_(std::make_unique<Impl>()) {
   impl_->open(path, length, true, O_RDWR);
   impl_->create_new(observer);
+}
+
+AllocatedFile::AllocatedFile(const DirectoryHandle& parent, const std::string& name, const std::filesystem::path& path,
+                             std::uint64_t length, const ReservationObserver& observer)
+    : impl_(std::make_unique<Impl>()) {
+  impl_->parent = parent;
+  impl_->name = name;
+  impl_->open(path, length, true, O_RDWR);
+  impl_->create_new(observer);
+}
+
+AllocatedFile::AllocatedFile(const DirectoryHandle& parent, const std::string& name,
+                             const FileReservation& reservation)
+    : impl_(std::make_unique<Impl>()) {
+  impl_->parent = parent;
+  impl_->name = name;
+  impl_->open(reservation.path, reservation.length, false, O_RDWR);
+  impl_->reopen(reservation, nullptr);
 }
 
 AllocatedFile::AllocatedFile(const FileReservation& reservation) : impl_(std::make_unique<Impl>()) {
@@ -273,9 +299,14 @@ void AllocatedFile::discard() {
   file.descriptor.reset();
   // The path may have been replaced while the file was still open.
   if (!file.path_proof()) changed("Partial path changed before disposal");
-  require(::unlink(file.reservation.path.c_str()) == 0, "file_remove", "Cannot remove " + path_utf8(file.reservation.path));
+  require(::unlinkat(file.base(), file.entry(), 0) == 0, "file_remove",
+          "Cannot remove " + path_utf8(file.reservation.path));
   file.owned = false;
-  sync_directory(file.reservation.path.parent_path());
+  if (!file.parent) {
+    sync_directory(file.reservation.path.parent_path());
+    return;
+  }
+  require(posix_files::sync(file.parent.get()) == 0, "file_sync", "Could not durably synchronize directory");
 }
 
 void AllocatedFile::synchronize() {

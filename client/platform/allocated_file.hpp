@@ -4,11 +4,14 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "client/domain/crypto.hpp"
 
 namespace zorvi {
+
+class DirectoryHandle;
 
 // What a caller records durably to prove later that a file is its own.
 struct FileReservation {
@@ -31,8 +34,14 @@ public:
   // creation and before any space is claimed, so that a crash from then on
   // leaves a file a later run can prove to be its own.
   AllocatedFile(const std::filesystem::path& path, std::uint64_t length, const ReservationObserver& observer);
+  // The same, created as `name` in the held directory `parent`, whose path is
+  // `path`: every later look at the name is made from `parent`.
+  AllocatedFile(const DirectoryHandle& parent, const std::string& name, const std::filesystem::path& path,
+                std::uint64_t length, const ReservationObserver& observer);
   // Reopens an owned file at its start: its size must be 0, or its length if preallocated.
   explicit AllocatedFile(const FileReservation& reservation);
+  // The same, reached as `name` in the held directory `parent`.
+  AllocatedFile(const DirectoryHandle& parent, const std::string& name, const FileReservation& reservation);
   // Reopens an owned partial file to resume at `written`.
   AllocatedFile(const FileReservation& reservation, std::uint64_t written);
   ~AllocatedFile();

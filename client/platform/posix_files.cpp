@@ -58,9 +58,11 @@ void require_private_directory_path(const std::filesystem::path& path, WalkPath&
   require(!traverses_parents(path), "unsafe_path", "macOS private directory cannot traverse parents");
 }
 
-// One step of the private walk: the directory `name` below `anchor`, created
-// private when it is missing. Returns the new anchor.
-UniqueFd enter_private_component(int anchor, const std::string& name, bool last) {
+}  // namespace
+
+namespace posix_files {
+
+UniqueFd enter_private_directory(int anchor, const std::string& name, bool last) {
   UniqueFd next(::openat(anchor, name.c_str(), directory_open));
   bool created = false;
   if (!next && errno == ENOENT) {
@@ -88,10 +90,6 @@ UniqueFd enter_private_component(int anchor, const std::string& name, bool last)
   }
   return next;
 }
-
-}  // namespace
-
-namespace posix_files {
 
 int sync(int descriptor) { return native_files::flush(descriptor); }
 
@@ -167,18 +165,21 @@ DirectoryWalk open_ordinary_directory(const std::filesystem::path& absolute) {
   return walk;
 }
 
-void private_directory(const std::filesystem::path& path) {
+void private_directory(const std::filesystem::path& path) { private_directory_anchor(path); }
+
+UniqueFd private_directory_anchor(const std::filesystem::path& path) {
   WalkPath target;
   require_private_directory_path(path, target);
   UniqueFd anchor(::open("/", directory_open));
   require(static_cast<bool>(anchor), "unsafe_path", "Cannot anchor macOS directory ancestry");
   require(target.parts.size() <= max_ancestry, "size_limit", "macOS directory ancestry exceeds its bound");
   for (std::size_t index = 0; index < target.parts.size(); ++index)
-    anchor = enter_private_component(anchor.get(), target.parts[index], index + 1 == target.parts.size());
+    anchor = enter_private_directory(anchor.get(), target.parts[index], index + 1 == target.parts.size());
   struct stat opened {};
   struct stat named {};
   require(::fstat(anchor.get(), &opened) == 0 && ::lstat(target.full.c_str(), &named) == 0 && same_entry(opened, named),
           "unsafe_path", "macOS private directory path changed");
+  return anchor;
 }
 
 }  // namespace posix_files

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 
 #include "client/platform/unique_fd.hpp"
 
@@ -9,6 +10,13 @@ namespace zorvi {
 
 // Creates a missing chain of private directories, or proves an existing one.
 void private_directory(const std::filesystem::path& path);
+// The same walk; returns the proved directory, open.
+UniqueFd private_directory_anchor(const std::filesystem::path& path);
+
+// One step of that walk: the directory `name` below the open directory
+// `anchor`, created private when missing, proved to be what the name shows,
+// and, when `last`, narrowed to and proved private. Returns it open.
+UniqueFd enter_private_directory(int anchor, const std::string& name, bool last);
 
 // Creates a private directory at a name that must not exist, under parents that must.
 void private_directory_new(const std::filesystem::path& path);
@@ -31,6 +39,13 @@ void require_private_acl(int descriptor);
 void require_private_path(const std::filesystem::path& path, bool directory);
 
 void private_directory(const std::filesystem::path& path);
+// The same walk; returns the proved directory, open.
+UniqueFd private_directory_anchor(const std::filesystem::path& path);
+
+// One step of that walk: the directory `name` below the open directory
+// `anchor`, created private when missing, proved to be what the name shows,
+// and, when `last`, narrowed to and proved private. Returns it open.
+UniqueFd enter_private_directory(int anchor, const std::string& name, bool last);
 
 // Components below the root that a walked chain may hold.
 inline constexpr std::size_t max_ancestry = 128;

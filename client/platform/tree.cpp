@@ -11,10 +11,12 @@
 #include <vector>
 
 #include "client/domain/error.hpp"
-#include "client/platform/durable_steps.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/directory_handle.hpp"
+#include "client/platform/durable_steps.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/native_platform.hpp"
+#include "client/platform/tree_walk.hpp"
 
 namespace zorvi {
 namespace {
@@ -51,22 +53,20 @@ std::uint64_t tree_bytes(const std::filesystem::path& path, std::uint64_t max_en
   const Kind top = kind_of(path);
   if (top == Kind::absent) return 0;
   require(top == Kind::directory, "unsafe_path", "Expected a plain directory");
-  std::uint64_t entries = 0;
+  const DirectoryHandle root = DirectoryHandle::open_existing(path);
+  require(static_cast<bool>(root), "unsafe_path", "Expected a plain directory");
   std::uint64_t total = 0;
-  std::error_code error;
-  auto walk = std::filesystem::recursive_directory_iterator(path, error);
-  for (; !error && walk != std::filesystem::recursive_directory_iterator(); walk.increment(error)) {
-    require(++entries <= max_entries, "size_limit", "Directory entry count exceeds bounds");
-    safe_join(path, path_utf8(walk->path().lexically_relative(path)), false);
-    struct stat status {};
-    require(::lstat(walk->path().c_str(), &status) == 0 && (S_ISDIR(status.st_mode) || S_ISREG(status.st_mode)),
-            "unsafe_path", "Tree contains a link or special file");
-    if (!S_ISREG(status.st_mode)) continue;
-    const auto size = static_cast<std::uint64_t>(status.st_size);
+  BoundedTreeWalk walk(root, max_entries, {"Directory entry count exceeds bounds", "Cannot walk directory tree"});
+  while (walk.next()) {
+    // safe_join's rules: the walk enters no link, so only the entry itself can be one.
+    validate_relative_path(walk.relative(), false);
+    require(walk.type() != S_IFLNK, "unsafe_path", "Managed path contains a symbolic link");
+    require(walk.type() == S_IFDIR || walk.type() == S_IFREG, "unsafe_path", "Tree contains a link or special file");
+    if (walk.type() != S_IFREG) continue;
+    const auto size = static_cast<std::uint64_t>(walk.status().st_size);
     require(total <= std::numeric_limits<std::uint64_t>::max() - size, "size_limit", "Tree size overflowed");
     total += size;
   }
-  if (error) throw Error("file_read", with_errno("Cannot walk directory tree", error.value()));
   return total;
 }
 
