@@ -137,9 +137,20 @@ bool is_lower_hex(std::string_view text) {
 
 bool is_lower_hex(std::string_view text, std::size_t length) { return text.size() == length && is_lower_hex(text); }
 
+// Fetched once per process: a digest started from the legacy EVP_sha256()
+// handle looks its implementation up again on every start, which costs more
+// than hashing a small file.
+const EVP_MD* fetched(const char* name) {
+  const EVP_MD* md = EVP_MD_fetch(nullptr, name, nullptr);
+  require(md != nullptr, "crypto_failure", "Could not load the hash implementation");
+  return md;
+}
+
 const EVP_MD* algorithm(std::string_view name) {
-  if (name == "sha256") return EVP_sha256();
-  if (name == "sha512") return EVP_sha512();
+  static const EVP_MD* const sha256 = fetched("SHA2-256");
+  static const EVP_MD* const sha512 = fetched("SHA2-512");
+  if (name == "sha256") return sha256;
+  if (name == "sha512") return sha512;
   throw Error("unsupported_hash", "Only SHA-256 and SHA-512 hashes are supported");
 }
 
