@@ -72,7 +72,7 @@ void MaintenanceHandoff::begin(const std::string& phase, const Operation& operat
       finished_ = true;
     });
   };
-  worker_ = std::thread([this, operation, finish] {
+  worker_ = std::thread([operation, finish] {
     try {
       json result = operation();
       finish([&](json& view) {
