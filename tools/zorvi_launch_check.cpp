@@ -30,5 +30,8 @@ int main(int argc, char** argv) {
     std::cout << refusal.dump(2) << "\n";
     std::cerr << "zorvi: " << error.what() << "\n";
     return 1;
+  } catch (const std::exception& error) {
+    std::cerr << "zorvi: " << error.what() << "\n";
+    return 1;
   }
 }

@@ -117,7 +117,7 @@ public:
   void reject_candidate(const json& attempt, std::string_view problem) const;
 
 private:
-  enum class Opening { create, inspect, launch };
+  enum class Opening : std::uint8_t { create, inspect, launch };
   LauncherStore(const std::filesystem::path& root, bool skip_install_check, Opening opening);
 
   std::filesystem::path state_path() const;

@@ -7,7 +7,7 @@
 namespace zorvi {
 namespace {
 
-enum class Step { more, ended, wrong };
+enum class Step : std::uint8_t { more, ended, wrong };
 
 class Cursor {
 public:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,7 +15,7 @@ struct ExpectedMember {
   std::optional<std::string> value;
 };
 
-enum class TornWrite {
+enum class TornWrite : std::uint8_t {
   prefix,   // the text is where a write of such an object could have been cut off
   other,    // it starts as such an object but contradicts a known member
   foreign,  // it does not even start with the first key

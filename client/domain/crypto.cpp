@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <mutex>
 
 #include <openssl/crypto.h>
@@ -56,7 +57,7 @@ struct alignas(4096) FileBuffer {
   std::array<char, file_buffer_size> bytes;
 };
 
-enum class ReadEnd { more, end_of_file, failed };
+enum class ReadEnd : std::uint8_t { more, end_of_file, failed };
 
 struct Filled {
   std::size_t count;

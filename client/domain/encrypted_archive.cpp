@@ -160,7 +160,7 @@ class RecordReader {
   }
 
   template <typename Change>
-  void publish(Change change) {
+  void publish(const Change& change) {
     {
       const std::lock_guard lock(mutex_);
       change();

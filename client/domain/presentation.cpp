@@ -22,7 +22,7 @@ constexpr std::size_t max_alternative_text = 200;
 constexpr std::uint32_t max_side = 128;
 constexpr std::size_t bmp_header = 54;
 constexpr std::size_t bmp_info_header = 40;
-constexpr std::size_t max_bitmap = bmp_header + (max_side * 3) * max_side;  // 49,206
+constexpr std::size_t max_bitmap = bmp_header + (std::size_t{max_side} * 3) * max_side;  // 49,206
 constexpr std::size_t max_bmp_hex = 2 * max_bitmap;
 
 std::string bounded_text(std::string_view text, std::size_t limit, bool multi_line) {

@@ -1,4 +1,5 @@
 #include <array>
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <string>
@@ -19,7 +20,7 @@ namespace {
 // Bound on a signature's hexadecimal text, a hexadecimal key and a PEM key.
 constexpr std::size_t text_bound = 16384;
 
-enum class Family { ed25519, rsa, ecdsa, ml_dsa };
+enum class Family : std::uint8_t { ed25519, rsa, ecdsa, ml_dsa };
 
 struct Scheme {
   std::string_view keytype;

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 
 namespace zorvi {
 
-enum class LockMode { exclusive = 0, shared = 1 };
+enum class LockMode : std::uint8_t { exclusive = 0, shared = 1 };
 
 // Advisory lock on a private file in a private directory, for operations on state.
 class FileLock {
@@ -23,7 +24,7 @@ private:
 };
 
 // Whether other installers may share the installation; only its range is checked here.
-enum class NativeLockSharing { exclusive_install = 0, shared_install = 1 };
+enum class NativeLockSharing : std::uint8_t { exclusive_install = 0, shared_install = 1 };
 
 // Ownership of a native installation: a private, empty lock file in an ordinary folder.
 class NativeFileLock {

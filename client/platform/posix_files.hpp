@@ -53,7 +53,7 @@ inline constexpr std::size_t max_ancestry = 128;
 // Opens an existing directory by walking its absolute path from the root with
 // no-follow opens, so that no link anywhere on the way is crossed. The caller
 // words the failure.
-enum class WalkFailure { none, root, depth, component };
+enum class WalkFailure : std::uint8_t { none, root, depth, component };
 struct DirectoryWalk {
   UniqueFd directory;
   WalkFailure failure = WalkFailure::none;

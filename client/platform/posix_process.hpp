@@ -19,7 +19,7 @@ std::optional<std::string> executable_link(std::size_t limit);
 // unavailable or its length is outside 1 to 127 bytes.
 std::optional<std::string> boot_identity();
 
-enum class BirthStatus { alive, gone, unreadable, malformed };
+enum class BirthStatus : std::uint8_t { alive, gone, unreadable, malformed };
 
 // A process's creation time as decimal microseconds since boot. `gone`
 // covers a pid without a process and a process that has already exited but

@@ -124,7 +124,7 @@ NativeVector build_environment(const EnvironmentOverrides& overrides, bool drop_
   }
   for (const auto& [key, value] : overrides) {
     if (check_each != nullptr) check_override(key, value, *check_each);
-    environment.add(key + "=" + value);
+    environment.add(std::string(key).append("=").append(value));
   }
   if (interrupt_value != nullptr)
     environment.add(std::string(launcher_interrupt_reader_environment) + "=" + *interrupt_value);

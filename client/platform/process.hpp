@@ -17,10 +17,10 @@ class InterruptPipe;
 // A descriptor on POSIX, a HANDLE value on Windows.
 using NativeHandle = std::intptr_t;
 
-enum class ChildStreams : int { Separated = 0, Console = 1 };
-enum class ChildEnvironment : int { Inherited = 0, Clean = 1 };
-enum class ChildGroup : int { Shared = 0, Isolated = 1 };
-enum class ChildControl : int { NoControl = 0, Interrupt = 1 };
+enum class ChildStreams : std::uint8_t { Separated = 0, Console = 1 };
+enum class ChildEnvironment : std::uint8_t { Inherited = 0, Clean = 1 };
+enum class ChildGroup : std::uint8_t { Shared = 0, Isolated = 1 };
+enum class ChildControl : std::uint8_t { NoControl = 0, Interrupt = 1 };
 
 using EnvironmentOverrides = std::map<std::string, std::string>;
 

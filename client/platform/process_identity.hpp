@@ -9,7 +9,7 @@
 
 namespace zorvi {
 
-enum class NativeProcessState : int { Running = 0, Ended = 1, Unknown = 2 };
+enum class NativeProcessState : std::uint8_t { Running = 0, Ended = 1, Unknown = 2 };
 
 inline constexpr unsigned max_observation_wait_ms = 1000;
 

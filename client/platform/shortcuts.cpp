@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
+
 #include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
@@ -14,7 +16,7 @@
 namespace zorvi {
 namespace {
 
-enum class Component { directory, link, other };
+enum class Component : std::uint8_t { directory, link, other };
 
 Component component(const std::filesystem::path& path) {
   struct stat status {};

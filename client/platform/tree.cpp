@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::uint64_t max_cleanup_entries = 250000;
 
-enum class Kind { absent, directory, regular, other };
+enum class Kind : std::uint8_t { absent, directory, regular, other };
 
 Kind kind_of(const std::filesystem::path& path) {
   struct stat status {};

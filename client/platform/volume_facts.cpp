@@ -18,7 +18,7 @@ namespace {
 
 // A busy machine has a few thousand mounts; anything beyond this is not a
 // table we should be parsing.
-constexpr std::size_t max_mount_table = 4 * 1024 * 1024;
+constexpr std::size_t max_mount_table = std::size_t{4} * 1024 * 1024;
 constexpr std::size_t physical_buffer = 4097;
 
 // Disk file systems that live on this machine and keep what is written to

@@ -30,7 +30,7 @@ constexpr std::uint64_t max_component_name = 8192;
 constexpr std::uint64_t max_post_body = 4096;
 constexpr std::uint64_t post_response_limit = 16384;
 constexpr std::uint64_t max_report = 100ULL * 1024 * 1024;
-constexpr std::uint64_t max_ca_bundle = 1024 * 1024;
+constexpr std::uint64_t max_ca_bundle = 1024ULL * 1024;
 constexpr long max_budget_ms = 30000;
 constexpr long max_connect_ms = 10000;
 

@@ -88,8 +88,8 @@ public:
   // Told the limit and the reserved size of each `download`; may be empty.
   std::function<void(std::uint64_t limit, std::uint64_t reserved)> reservation_observer;
 
-  static constexpr std::uint64_t max_memory_response = 16 * 1024 * 1024;
-  static constexpr std::uint64_t max_download_limit = 1024 * 1024 * 1024;
+  static constexpr std::uint64_t max_memory_response = 16ULL * 1024 * 1024;
+  static constexpr std::uint64_t max_download_limit = 1024ULL * 1024 * 1024;
 
 private:
   std::string base_url_;

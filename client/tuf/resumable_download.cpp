@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t max_scope = 4096;
 // One file synchronisation per checkpoint: often enough that a crash loses
 // little, rarely enough that it does not dominate the transfer.
-constexpr std::uint64_t checkpoint_interval = 8 * 1024 * 1024;
+constexpr std::uint64_t checkpoint_interval = 8ULL * 1024 * 1024;
 constexpr std::size_t max_markers = 32;
 constexpr std::size_t max_scanned_entries = 4096;
 constexpr std::size_t max_marker = 16384;
