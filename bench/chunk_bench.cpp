@@ -57,8 +57,8 @@ std::string checked_output(const std::vector<std::string>& argv) {
 // Bytes per second from `openssl speed -mr`, whose result line reads
 // "+F:<n>:ChaCha20-Poly1305:<bytes per second>".
 double openssl_rate() {
-  const std::string out = checked_output(
-      {"openssl", "speed", "-mr", "-evp", "chacha20-poly1305", "-bytes", "65536", "-seconds", "2"});
+  const std::string out =
+      checked_output({"openssl", "speed", "-mr", "-evp", "chacha20-poly1305", "-bytes", "65536", "-seconds", "2"});
   const auto line = out.find("+F:");
   if (line == std::string::npos) throw std::runtime_error("no result line from openssl speed");
   const auto end = out.find('\n', line);
@@ -126,9 +126,8 @@ void BM_DecryptArchive(benchmark::State& state) {
   for (auto _ : state) {
     const auto start = Clock::now();
     const double cpu_start = cpu_seconds();
-    zorvi::decrypt_archive_file(archive, key, [](std::span<const std::uint8_t> plain) {
-      benchmark::DoNotOptimize(plain.data());
-    });
+    zorvi::decrypt_archive_file(archive, key,
+                                [](std::span<const std::uint8_t> plain) { benchmark::DoNotOptimize(plain.data()); });
     own_cpu_seconds += cpu_seconds() - cpu_start;
     own_seconds += seconds_since(start);
     state.PauseTiming();

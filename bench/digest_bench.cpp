@@ -34,13 +34,11 @@ std::uint64_t bench_bytes() {
   return std::stoull(text);
 }
 
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // A file of pseudo-random bytes in a directory of its own, removed at the end.
 class BenchFile {
-public:
+ public:
   explicit BenchFile(std::uint64_t size) {
     std::string pattern = (std::filesystem::temp_directory_path() / "zorvi-bench-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
@@ -72,7 +70,7 @@ public:
 
   const std::filesystem::path& path() const { return path_; }
 
-private:
+ private:
   std::filesystem::path directory_;
   std::filesystem::path path_;
 };

@@ -43,15 +43,17 @@ struct Setup {
     zorvi::testing::SampleRelease(repository.dir.path(), "1.0.0", 400, 200'000'000).publish(repository);
     std::string origin = repository.server->base_url();
     origin.pop_back();
-    const zorvi::testing::CommandResult built = zorvi::testing::run_command(
-        {zorvi::testing::source_dir() / "tools/zorvi-package", "build", repository.repo, package, "--origin", origin,
-         "--ca-bundle", repository.server->ca_bundle()});
+    const zorvi::testing::CommandResult built =
+        zorvi::testing::run_command({zorvi::testing::source_dir() / "tools/zorvi-package", "build", repository.repo,
+                                     package, "--origin", origin, "--ca-bundle", repository.server->ca_bundle()});
     if (built.status != 0) throw std::runtime_error("package build failed: " + built.err);
     seal = built.out.substr(0, 64);
     proved = zorvi::read_native_package(package, seal, {});
     std::ofstream list(checksums);
-    for (const auto& [name, file] : proved.bootstrap.files) list << file.sha256 << "  " << (reference / "b" / name).native() << '\n';
-    for (const auto& [name, file] : proved.launcher.snapshot.files) list << file.sha256 << "  " << (reference / "l" / name).native() << '\n';
+    for (const auto& [name, file] : proved.bootstrap.files)
+      list << file.sha256 << "  " << (reference / "b" / name).native() << '\n';
+    for (const auto& [name, file] : proved.launcher.snapshot.files)
+      list << file.sha256 << "  " << (reference / "l" / name).native() << '\n';
   }
 
   zorvi::testing::TufRepository repository;

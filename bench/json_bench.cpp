@@ -24,15 +24,17 @@ std::string manifest_text(int files) {
                     {"mode", i % 50 == 0 ? 493 : 420},
                     {"sha256", zorvi::digest(std::to_string(i), "sha256")}});
   }
-  const zorvi::json manifest = {
-      {"schema_version", 1},
-      {"build_id", "2026.11.22-1"},
-      {"platform", "linux-x86_64"},
-      {"executable", "data/pack0/asset-0.bin"},
-      {"archive",
-       {{"format", "tar.zst-v1"}, {"target", "builds/game.tar.zst"}, {"length", 123456789}, {"sha256", zorvi::digest("a", "sha256")}}},
-      {"files", list},
-      {"expanded_length", total}};
+  const zorvi::json manifest = {{"schema_version", 1},
+                                {"build_id", "2026.11.22-1"},
+                                {"platform", "linux-x86_64"},
+                                {"executable", "data/pack0/asset-0.bin"},
+                                {"archive",
+                                 {{"format", "tar.zst-v1"},
+                                  {"target", "builds/game.tar.zst"},
+                                  {"length", 123456789},
+                                  {"sha256", zorvi::digest("a", "sha256")}}},
+                                {"files", list},
+                                {"expanded_length", total}};
   return manifest.dump();
 }
 
@@ -50,7 +52,8 @@ double python_seconds(const std::string& text) {
       "python3 -c 'import json,sys,time\n"
       "s=open(sys.argv[1],encoding=\"utf-8\").read()\n"
       "best=min((lambda t:(json.loads(s),time.perf_counter()-t)[1])(time.perf_counter()) for _ in range(5))\n"
-      "print(best)' " + path.string();
+      "print(best)' " +
+      path.string();
   FILE* pipe = ::popen(command.c_str(), "r");
   double seconds = 0;
   if (pipe == nullptr || std::fscanf(pipe, "%lf", &seconds) != 1) seconds = 0;

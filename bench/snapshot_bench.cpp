@@ -119,7 +119,10 @@ struct Snapshot {
   std::uint64_t bytes = 0;
 
   Snapshot(const fs::path& base, const std::string& name, std::uint64_t total, std::uint64_t files)
-      : dir(base / name), tree(dir / "tree"), archive(dir / "snapshot.tar.zst"), manifest_file(dir / "manifest.json"),
+      : dir(base / name),
+        tree(dir / "tree"),
+        archive(dir / "snapshot.tar.zst"),
+        manifest_file(dir / "manifest.json"),
         sums(dir / "SHA256SUMS") {
     fs::create_directories(tree);
     std::uint64_t state = 0x9E3779B97F4A7C15ULL ^ total ^ files;
@@ -139,9 +142,10 @@ struct Snapshot {
       left -= length;
       bytes += length;
     }
-    must("cd " + quoted(tree) + " && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../files && " +
-         "tar --format=gnu --owner=0 --group=0 --numeric-owner --no-recursion -cf - -T ../files | zstd -q -3 -T2 -c > " +
-         quoted(archive) + " && xargs -d '\\n' sha256sum < ../files > " + quoted(sums));
+    must(
+        "cd " + quoted(tree) + " && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../files && " +
+        "tar --format=gnu --owner=0 --group=0 --numeric-owner --no-recursion -cf - -T ../files | zstd -q -3 -T2 -c > " +
+        quoted(archive) + " && xargs -d '\\n' sha256sum < ../files > " + quoted(sums));
     write_manifest();
   }
 
@@ -183,10 +187,10 @@ struct Bench {
 
   Bench() {
     initialize_client_runtime();
-    std::string pattern = (fs::path(std::getenv("ZORVI_SNAPSHOT_BENCH_DIR") ? std::getenv("ZORVI_SNAPSHOT_BENCH_DIR")
-                                                                            : "/var/tmp") /
-                           "zorvi-snapshot-bench-XXXXXX")
-                              .string();
+    std::string pattern =
+        (fs::path(std::getenv("ZORVI_SNAPSHOT_BENCH_DIR") ? std::getenv("ZORVI_SNAPSHOT_BENCH_DIR") : "/var/tmp") /
+         "zorvi-snapshot-bench-XXXXXX")
+            .string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     base = pattern;
     tree = std::make_unique<Snapshot>(base, "tree", env_size("ZORVI_SNAPSHOT_BENCH_TREE_BYTES", 1ULL << 30),
@@ -209,9 +213,7 @@ Bench& bench() {
   return instance;
 }
 
-Snapshot& pick(const benchmark::State& state) {
-  return state.range(0) == 0 ? *bench().tree : *bench().large;
-}
+Snapshot& pick(const benchmark::State& state) { return state.range(0) == 0 ? *bench().tree : *bench().large; }
 
 void BM_ExtractSnapshot(benchmark::State& state) {
   Snapshot& snapshot = pick(state);
@@ -219,7 +221,8 @@ void BM_ExtractSnapshot(benchmark::State& state) {
   const fs::path tools = snapshot.dir / "tools";
   for (auto _ : state) {
     must("sync");
-    const double ours_seconds = timed([&] { extract_snapshot(snapshot.manifest, snapshot.archive, ours, Progress(), nullptr); });
+    const double ours_seconds =
+        timed([&] { extract_snapshot(snapshot.manifest, snapshot.archive, ours, Progress(), nullptr); });
     fs::remove_all(ours);
     fs::create_directory(tools);
     must("sync");
@@ -284,8 +287,20 @@ void BM_ExtractionPeakMemory(benchmark::State& state) {
   }
 }
 
-BENCHMARK(BM_ExtractSnapshot)->Arg(0)->Arg(1)->ArgNames({"large"})->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
-BENCHMARK(BM_VerifySnapshotTree)->Arg(0)->Arg(1)->ArgNames({"large"})->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
+BENCHMARK(BM_ExtractSnapshot)
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgNames({"large"})
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
+BENCHMARK(BM_VerifySnapshotTree)
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgNames({"large"})
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
 BENCHMARK(BM_ExtractionPeakMemory)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
 }  // namespace

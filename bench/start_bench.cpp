@@ -66,7 +66,8 @@ pid_t spawn(const std::vector<std::string>& argv, const std::vector<std::string>
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_addchdir_np(&actions, directory.c_str());
   pid_t pid = -1;
-  const int result = ::posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, pointers(argv).data(), pointers(env).data());
+  const int result =
+      ::posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, pointers(argv).data(), pointers(env).data());
   posix_spawn_file_actions_destroy(&actions);
   if (result != 0) throw std::runtime_error("cannot start " + argv[0]);
   return pid;
@@ -89,8 +90,7 @@ struct Setup {
     const auto& files = manifest.snapshot.files;
     if (files.size() < 500) throw std::runtime_error("the launcher tree lacks its padding");
     std::ofstream list(checksums);
-    for (const auto& [name, file] : files)
-      list << file.sha256 << "  " << (payload / name).string() << '\n';
+    for (const auto& [name, file] : files) list << file.sha256 << "  " << (payload / name).string() << '\n';
     if (::mkfifo(log.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
   }
 
@@ -139,11 +139,14 @@ double start(const std::vector<std::string>& argv, const std::vector<std::string
 // unconfirmed a minute ago, so the next start proves the whole tree first.
 void age_start_marker() {
   const zorvi::json marker{{"manifest_sha256", setup().release.reference["manifest_sha256"]},
-                           {"started_at", std::time(nullptr) - 60}, {"attempts", 1}};
+                           {"started_at", std::time(nullptr) - 60},
+                           {"attempts", 1}};
   zorvi::replace_private_file(zorvi::start_marker_path(setup().install.root), marker.dump());
 }
 
-struct Round { double own, checksum, reference; };
+struct Round {
+  double own, checksum, reference;
+};
 
 Round round(bool verifying) {
   Setup& s = setup();

@@ -133,8 +133,8 @@ void BM_RefreshAndLookups(benchmark::State& state) {
     Client client(work / "repo", round_dir / "trust", server);
     client.client->refresh();
     for (int index = 0; index < target_count; ++index)
-      benchmark::DoNotOptimize(client.client->target("set" + std::to_string(index % role_count) + "/file" +
-                                                     std::to_string(index) + ".bin"));
+      benchmark::DoNotOptimize(
+          client.client->target("set" + std::to_string(index % role_count) + "/file" + std::to_string(index) + ".bin"));
     own += seconds_since(start);
     state.PauseTiming();
     fs::create_directories(round_dir / "python");

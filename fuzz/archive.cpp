@@ -23,10 +23,8 @@ const std::filesystem::path scratch =
 
 zorvi::SnapshotManifest manifest_for(std::string_view archive) {
   const auto file = [](const char* path, std::string_view content, int mode) {
-    return zorvi::json{{"path", path},
-                       {"length", content.size()},
-                       {"mode", mode},
-                       {"sha256", zorvi::digest(content, "sha256")}};
+    return zorvi::json{
+        {"path", path}, {"length", content.size()}, {"mode", mode}, {"sha256", zorvi::digest(content, "sha256")}};
   };
   return zorvi::SnapshotManifest::parse(
       {{"schema_version", 1},

@@ -122,25 +122,29 @@ struct LauncherCrash : ::testing::Test {
 TEST_F(LauncherCrash, AStagingKilledAtAnyDurableStepLeavesAWorkingLauncherAndCanBeRedone) {
   // Refresh, two downloads with their receipts, extraction and the state:
   // far more than a handful, or the counting hook is broken.
-  campaign("staging", [&](long kill_at) { return stage(kill_at); }, 20, "1.0.0 - 2.0.0 -", [&] {
-    // Whatever the kill left, staging again and one more start end on the new release.
-    const CommandResult again = stage(0);
-    ASSERT_EQ(again.status, 0) << again.out;
-    ASSERT_NO_FATAL_FAILURE(expect_working_start());
-    ASSERT_EQ(install.slots().substr(0, 11), "2.0.0 1.0.0");
-    expect_versions_intact();
-  });
+  campaign(
+      "staging", [&](long kill_at) { return stage(kill_at); }, 20, "1.0.0 - 2.0.0 -",
+      [&] {
+        // Whatever the kill left, staging again and one more start end on the new release.
+        const CommandResult again = stage(0);
+        ASSERT_EQ(again.status, 0) << again.out;
+        ASSERT_NO_FATAL_FAILURE(expect_working_start());
+        ASSERT_EQ(install.slots().substr(0, 11), "2.0.0 1.0.0");
+        expect_versions_intact();
+      });
 }
 
 TEST_F(LauncherCrash, ABootstrapKilledAtAnyDurableStepOfATrialLeavesAWorkingLauncher) {
   ASSERT_EQ(stage(0).status, 0);
   ASSERT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
   // At least the attempt's save and the confirmation's.
-  campaign("trial", [&](long kill_at) { return entry(kill_at); }, 3, "2.0.0 1.0.0 - -", [&] {
-    // A trial that lost its bootstrap is not tried again on its own.
-    const json failed = install.store.load()["failed_candidate"];
-    EXPECT_TRUE(failed.is_null() || failed["problem"] == "startup_interrupted") << failed.dump();
-  });
+  campaign(
+      "trial", [&](long kill_at) { return entry(kill_at); }, 3, "2.0.0 1.0.0 - -",
+      [&] {
+        // A trial that lost its bootstrap is not tried again on its own.
+        const json failed = install.store.load()["failed_candidate"];
+        EXPECT_TRUE(failed.is_null() || failed["problem"] == "startup_interrupted") << failed.dump();
+      });
 }
 
 }  // namespace

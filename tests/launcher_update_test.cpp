@@ -49,9 +49,9 @@ TEST_F(LauncherUpdate, ANewReleaseIsStagedTriedAndKeptWithTheOldOneAsRollback) {
   EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - -");
   run = install.start({"--json", "list"});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(install.starts(), (Lines{ran("trial", "1.0.0"), ran("start", "1.0.0"),
-                                     ran("trial", "2.0.0", " --launch star-harbor"),
-                                     ran("start", "2.0.0", " --json list")}));
+  EXPECT_EQ(install.starts(),
+            (Lines{ran("trial", "1.0.0"), ran("start", "1.0.0"), ran("trial", "2.0.0", " --launch star-harbor"),
+                   ran("start", "2.0.0", " --json list")}));
   install.expect_intact(first.reference);
 }
 
@@ -88,8 +88,10 @@ TEST_F(LauncherUpdate, AFailedCandidateFallsBackToActiveThenRollbackThenWhatIsOn
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
   EXPECT_EQ(install.starts().back(), ran("start", "1.0.0"));
-  EXPECT_EQ(shown_lines(run.err),
-            Lines{"launcher version unusable (launcher_damaged): Zorvi's files are damaged. Reinstall Zorvi to repair them."});
+  EXPECT_EQ(
+      shown_lines(run.err),
+      Lines{
+          "launcher version unusable (launcher_damaged): Zorvi's files are damaged. Reinstall Zorvi to repair them."});
 
   // With active and rollback both gone, the newest usable version on disk runs.
   fs::resize_file(install.store.payload(first.reference) / "bin/zorvi-gui", 100);
@@ -106,8 +108,7 @@ TEST_F(LauncherUpdate, TheHelperStartsTheRealBootstrapWhichStartsTheLauncher) {
   const HelperRun run = run_helper(helper, {{"ZORVI_LAUNCH_DOCUMENT", helper.document("a.zorvi-launch", "star-harbor")},
                                             {"ZORVI_SAMPLE_LAUNCHER_LOG", install.log}});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(install.starts(),
-            Lines{"trial 1.0.0 --data-dir " + helper.root().string() + " --launch star-harbor"});
+  EXPECT_EQ(install.starts(), Lines{"trial 1.0.0 --data-dir " + helper.root().string() + " --launch star-harbor"});
   EXPECT_FALSE(LauncherStore(helper.root()).status()["active"].is_null());
 }
 

@@ -42,8 +42,8 @@ struct Repository {
     fixture(dir / "repo", {"target", "dir/b.bin", "70000"});
   }
   std::vector<std::string> with_urls(const HttpServer& server, std::vector<std::string> words) const {
-    words.insert(words.begin(), {"--metadata-dir", (dir / "trust").string(), "--metadata-url",
-                                 server.base_url() + "metadata"});
+    words.insert(words.begin(),
+                 {"--metadata-dir", (dir / "trust").string(), "--metadata-url", server.base_url() + "metadata"});
     return words;
   }
   std::vector<std::string> download(const HttpServer& server, const std::vector<std::string>& names) const {

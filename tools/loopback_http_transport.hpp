@@ -23,7 +23,7 @@
 namespace zorvi {
 
 class LoopbackHttpTransport : public Transport {
-public:
+ public:
   explicit LoopbackHttpTransport(std::string base_url) : base_url_(std::move(base_url)) {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
@@ -60,7 +60,7 @@ public:
     file.finish(false);
   }
 
-private:
+ private:
   struct Sink {
     std::string body;
     AllocatedFile* file = nullptr;

@@ -109,8 +109,7 @@ int main(int argc, char** argv) {
     }
     // Taken before the command line is read: no update may replace this
     // image while it runs, even when it only prints a refusal.
-    const std::unique_ptr<zorvi::NativeFileLock> lifetime =
-        zorvi::bootstrap_lifetime(image);
+    const std::unique_ptr<zorvi::NativeFileLock> lifetime = zorvi::bootstrap_lifetime(image);
     Command command;
     try {
       command = parse(argc, argv);

@@ -67,8 +67,10 @@ int main(int argc, char** argv) {
     }
   }
   if (operands != 2) {
-    std::fputs("usage: zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut] | --status DATA_FOLDER |\n"
-               "       zorvi-install --uninstall DATA_FOLDER [--remove-data]\n", stderr);
+    std::fputs(
+        "usage: zorvi-install PACKAGE DATA_FOLDER [--repair] [--shortcut] | --status DATA_FOLDER |\n"
+        "       zorvi-install --uninstall DATA_FOLDER [--remove-data]\n",
+        stderr);
     return 2;
   }
   try {

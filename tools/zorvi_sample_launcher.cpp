@@ -21,15 +21,15 @@
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <vector>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "client/app/launcher_attempts.hpp"
 #include "client/app/launcher_bootstrap.hpp"
 #include "client/app/launcher_runtime.hpp"
-#include "client/domain/identifier.hpp"
 #include "client/domain/error.hpp"
+#include "client/domain/identifier.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/interrupt.hpp"
 #include "client/platform/process.hpp"
@@ -97,7 +97,8 @@ int run(int argc, char** argv) {
   zorvi::report_launcher_health(runtime.get());
   if (interface == "gui") zorvi::confirm_launcher_start(data_dir);
   const std::vector<std::string_view> command(argv + 3, argv + argc);
-  if (command == std::vector<std::string_view>{"self", "update"}) std::cout << self_update(data_dir).dump() << std::endl;
+  if (command == std::vector<std::string_view>{"self", "update"})
+    std::cout << self_update(data_dir).dump() << std::endl;
   if (command == std::vector<std::string_view>{"self", "status"})
     std::cout << zorvi::LauncherStore::existing(data_dir).status().dump() << std::endl;
   const std::string status = variable("ZORVI_SAMPLE_LAUNCHER_STATUS");

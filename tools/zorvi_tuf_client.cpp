@@ -58,7 +58,8 @@ Options parse(const std::vector<std::string_view>& args) {
     else if (word == "--target-base-url") options.target_base_url = value();
     else if (word == "--target-dir") options.target_dir = value();
     else if (word == "--target-name") options.target_names.push_back(value());
-    else if (word.starts_with("--")) usage();  // NOLINT(bugprone-branch-clone): an unknown option is refused before it can pass as a word
+    else if (word.starts_with("--"))
+      usage();  // NOLINT(bugprone-branch-clone): an unknown option is refused before it can pass as a word
     else if (options.command.empty()) options.command = word;
     else if (options.command == "init" && options.root_file.empty()) options.root_file = word;
     else usage();

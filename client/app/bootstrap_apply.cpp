@@ -46,7 +46,7 @@ bool holds_file(const fs::path& path, const PackageFile& file) {
 
 // How to put back what one apply changed: renames to make, last first.
 class Undo {
-public:
+ public:
   void add(const fs::path& from, const fs::path& to) { renames_.push_back({from, to}); }
   bool empty() const { return renames_.empty(); }
   // Each step is tried even when an earlier one failed.
@@ -60,7 +60,7 @@ public:
     renames_.clear();
   }
 
-private:
+ private:
   std::vector<std::pair<fs::path, fs::path>> renames_;
 };
 
@@ -84,7 +84,9 @@ std::vector<std::string> retired_files(const Update& update) {
 
 // A file whose staged copy is gone was moved into place by a start that was
 // killed before it finished; the tree must hold it as staged.
-bool moved_in(const BootstrapPaths& paths, const std::string& path) { return !entry_present(in_tree(paths.update, path)); }
+bool moved_in(const BootstrapPaths& paths, const std::string& path) {
+  return !entry_present(in_tree(paths.update, path));
+}
 
 // A kill during an undo leaves some files put back and others not: the
 // update can no longer be completed, so the undo is.
@@ -251,8 +253,8 @@ void apply_pending_bootstrap_update(const fs::path& image) {
   if (entry_present(paths.incomplete) || !leftovers(paths)) return;
   std::unique_ptr<NativeFileLock> update_lock, lifetime;
   try {
-    update_lock = std::make_unique<NativeFileLock>(paths.lock, true, NativeLockSharing::exclusive_install,
-                                                   LockMode::exclusive);
+    update_lock =
+        std::make_unique<NativeFileLock>(paths.lock, true, NativeLockSharing::exclusive_install, LockMode::exclusive);
     lifetime = std::make_unique<NativeFileLock>(paths.lifetime, true, NativeLockSharing::exclusive_install,
                                                 LockMode::exclusive);
   } catch (const Error& error) {

@@ -129,7 +129,8 @@ void validate_bootstrap_update(const SnapshotManifest& manifest) {
   require(integer_one(schema, "minimum") && integer_one(schema, "maximum"), "launcher_incompatible",
           "Bootstrap update data contract is unsupported");
   require(manifest.platform == native_platform(), "launcher_incompatible", "Bootstrap update targets another platform");
-  require(manifest.files.size() <= max_bootstrap_update_files && manifest.archive_length <= max_bootstrap_update_bytes &&
+  require(manifest.files.size() <= max_bootstrap_update_files &&
+              manifest.archive_length <= max_bootstrap_update_bytes &&
               manifest.expanded_length <= max_bootstrap_update_bytes,
           "size_limit", "Bootstrap update exceeds its size limit");
   // An update becomes the stable entry, so it must be a whole one.

@@ -33,8 +33,9 @@ struct BootstrapUpdate : ::testing::Test {
     testing::SampleRelease(shared->repository.dir.path(), "1.0.0").publish(shared->repository);
     std::string origin = shared->repository.server->base_url();
     origin.pop_back();
-    const CommandResult built = run_command({testing::source_dir() / "tools/zorvi-package", "build", shared->repository.repo,
-                                             shared->package, "--origin", origin, "--ca-bundle", shared->repository.server->ca_bundle()});
+    const CommandResult built =
+        run_command({testing::source_dir() / "tools/zorvi-package", "build", shared->repository.repo, shared->package,
+                     "--origin", origin, "--ca-bundle", shared->repository.server->ca_bundle()});
     ASSERT_EQ(built.status, 0) << built.err;
     shared->seal = built.out.substr(0, 64);
   }
@@ -84,7 +85,8 @@ TEST_F(BootstrapUpdate, ANewImageReplacesTheOldOnlyWhenItProvesItStarts) {
   release("2.0.0");
   EXPECT_EQ(stage(data), "staged");
   {  // a running bootstrap holds the lifetime lock: the update waits
-    const NativeFileLock running(data / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install, LockMode::shared);
+    const NativeFileLock running(data / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install,
+                                 LockMode::shared);
     apply_pending_bootstrap_update(bootstrap);
     EXPECT_EQ(stage(data), "pending");
   }
@@ -104,19 +106,28 @@ TEST_F(BootstrapUpdate, RefusalsLeaveTheInstalledTreeAsItWas) {
   const auto published = [&](const std::string& bytes) {
     const fs::path file = dir / std::to_string(bytes.size());
     testing::write_text(file, bytes);
-    return [&, file] { shared->repository.run("target " + bootstrap_manifest_target() + " @" + file.string()); stage(data); };
+    return [&, file] {
+      shared->repository.run("target " + bootstrap_manifest_target() + " @" + file.string());
+      stage(data);
+    };
   };
   json other = good;
   other["archive"]["target"] = "bootstrap-1.0.0.tar.zst";  // signed, with another length and hash
   const std::pair<std::function<void()>, std::string> rows[] = {
-      {with([](json& d) { d["runtime_lease_abi"] = 2; }), "launcher_incompatible: Bootstrap updates require the current native lifetime contract"},
-      {with([](json& d) { d.erase("application_schema"); }), "launcher_incompatible: Bootstrap update data contract is missing"},
-      {with([](json& d) { d["application_schema"]["maximum"] = 2; }), "launcher_incompatible: Bootstrap update data contract is unsupported"},
-      {with([](json& d) { d["platform"] = "windows-x86_64"; }), "launcher_incompatible: Bootstrap update targets another platform"},
-      {with([](json& d) { d["archive"]["length"] = (1 << 30) + 1; }), "size_limit: Bootstrap update exceeds its size limit"},
+      {with([](json& d) { d["runtime_lease_abi"] = 2; }),
+       "launcher_incompatible: Bootstrap updates require the current native lifetime contract"},
+      {with([](json& d) { d.erase("application_schema"); }),
+       "launcher_incompatible: Bootstrap update data contract is missing"},
+      {with([](json& d) { d["application_schema"]["maximum"] = 2; }),
+       "launcher_incompatible: Bootstrap update data contract is unsupported"},
+      {with([](json& d) { d["platform"] = "windows-x86_64"; }),
+       "launcher_incompatible: Bootstrap update targets another platform"},
+      {with([](json& d) { d["archive"]["length"] = (1 << 30) + 1; }),
+       "size_limit: Bootstrap update exceeds its size limit"},
       {[&] { stage(dir / "none"); }, "not_installed: Bootstrap updates need an installed Zorvi"},
       {published(std::string(524289, ' ')), "size_limit: Bootstrap update manifest exceeds 512 KiB"},
-      {published(other.dump()), "content_mismatch: Bootstrap archive is not authorized with its declared length and hash"},
+      {published(other.dump()),
+       "content_mismatch: Bootstrap archive is not authorized with its declared length and hash"},
   };
   for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
   release("2.2.0");
@@ -137,15 +148,22 @@ TEST_F(BootstrapUpdate, AKillAtEveryDurableStepLeavesAWholeBootstrap) {
   // Runs the crash-test build of the staging (or the apply) from `from`, killed after step `kill_at` (never at 0).
   const auto entry = [&](const fs::path& from, bool apply, long kill_at) {
     if (!from.empty()) fs::remove_all(data), run_command({"cp", "-a", from, data});
-    std::vector<std::string> words{"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at), "ZORVI_TEST_STEP_COUNT=" + steps.string(),
-                                   testing::binary_dir() / "bootstrap_update_entry", "stage", data / "trust",
-                                   shared->repository.server->base_url(), shared->repository.server->ca_bundle(), data};
+    std::vector<std::string> words{"env",
+                                   "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
+                                   "ZORVI_TEST_STEP_COUNT=" + steps.string(),
+                                   testing::binary_dir() / "bootstrap_update_entry",
+                                   "stage",
+                                   data / "trust",
+                                   shared->repository.server->base_url(),
+                                   shared->repository.server->ca_bundle(),
+                                   data};
     if (apply) words.resize(6), words[4] = "apply", words[5] = bootstrap;
     return run_command(words).status == 0 ? std::atol(testing::read_text(steps).c_str()) : -1;
   };
   release("4.0.0");
   run_command({"cp", "-a", data, saved});
-  for (int round = 0; round < (std::getenv("ZORVI_CRASH_ROUNDS") ? std::atoi(std::getenv("ZORVI_CRASH_ROUNDS")) : 1); ++round) {
+  for (int round = 0; round < (std::getenv("ZORVI_CRASH_ROUNDS") ? std::atoi(std::getenv("ZORVI_CRASH_ROUNDS")) : 1);
+       ++round) {
     const long staging = entry(saved, false, 0);
     fs::remove_all(staged);
     run_command({"cp", "-a", data, staged});

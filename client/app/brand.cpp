@@ -16,8 +16,8 @@ constexpr std::size_t max_installation_record_bytes = 65536;
 
 // Names Windows keeps for devices, in any case and with any extension.
 constexpr std::array<std::string_view, 30> device_names = {
-    "CON",  "PRN",  "AUX",  "NUL",  "CONIN$", "CONOUT$", "COM1", "COM2", "COM3", "COM4",
-    "COM5", "COM6", "COM7", "COM8", "COM9",   "LPT1",    "LPT2", "LPT3", "LPT4", "LPT5",
+    "CON",  "PRN",  "AUX",  "NUL",  "CONIN$",    "CONOUT$",   "COM1",      "COM2",      "COM3",      "COM4",
+    "COM5", "COM6", "COM7", "COM8", "COM9",      "LPT1",      "LPT2",      "LPT3",      "LPT4",      "LPT5",
     "LPT6", "LPT7", "LPT8", "LPT9", "COM\u00b9", "COM\u00b2", "COM\u00b3", "LPT\u00b9", "LPT\u00b2", "LPT\u00b3"};
 
 // No C0 control, no DEL, and (the text being UTF-8) no C1 control either.
@@ -52,11 +52,11 @@ ProductIdentity& product() {
 }  // namespace
 
 void validate_brand_name(std::string_view name) {
-  bool allowed = !name.empty() && name.size() <= 64 && name.front() != ' ' && name.back() != ' ' &&
-                 name.back() != '.';
+  bool allowed = !name.empty() && name.size() <= 64 && name.front() != ' ' && name.back() != ' ' && name.back() != '.';
   for (const char c : name) {
     const auto byte = static_cast<unsigned char>(c);
-    allowed = allowed && byte >= 0x20 && byte != 0x7f && std::string_view("<>:\"/\\|?*").find(c) == std::string_view::npos;
+    allowed =
+        allowed && byte >= 0x20 && byte != 0x7f && std::string_view("<>:\"/\\|?*").find(c) == std::string_view::npos;
   }
   require(allowed, refused,
           "A brand name is 1 to 64 bytes and also names a folder: no control characters, none of < > : \" / \\ | ? *, "
@@ -74,8 +74,8 @@ Brand parse_brand(const json& document) {
               std::all_of(members.begin(), members.end(), [&](const char* key) { return document.contains(key); }) &&
               document.at("icon").is_boolean(),
           refused, "Brand has unknown or missing fields");
-  Brand brand{brand_text(document, "name", 64), brand_text(document, "id", 80),
-              brand_text(document, "publisher", 128), document.at("icon").get<bool>()};
+  Brand brand{brand_text(document, "name", 64), brand_text(document, "id", 80), brand_text(document, "publisher", 128),
+              document.at("icon").get<bool>()};
   validate_brand_name(brand.name);
   return brand;
 }
@@ -127,9 +127,7 @@ std::string branded(std::string_view text) {
   return result.append(text.substr(from));
 }
 
-std::string uninstall_entry_key(const std::optional<Brand>& brand) {
-  return brand ? "Zorvi." + brand->id : "Zorvi";
-}
+std::string uninstall_entry_key(const std::optional<Brand>& brand) { return brand ? "Zorvi." + brand->id : "Zorvi"; }
 
 void register_uninstall_entry(const UninstallEntry&) {}
 

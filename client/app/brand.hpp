@@ -11,10 +11,10 @@ namespace zorvi {
 
 // Another name for one build of the client.
 struct Brand {
-  std::string name;       // display name, also a folder name
-  std::string id;         // tells its uninstall entry apart
+  std::string name;  // display name, also a folder name
+  std::string id;    // tells its uninstall entry apart
   std::string publisher;
-  bool icon = false;      // whether "native/brand.ico" was installed with it
+  bool icon = false;  // whether "native/brand.ico" was installed with it
   friend bool operator==(const Brand&, const Brand&) = default;
 };
 

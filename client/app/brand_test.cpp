@@ -48,15 +48,20 @@ TEST(Brand, RefusesEachFaultWithItsOwnSentence) {
   };
   const std::string refused = "invalid_native_package: ";
   const std::vector<std::pair<std::function<void()>, std::string>> rows = {
-      {[] { validate_brand_name(std::string(65, 'a')); }, refused + "A brand name is 1 to 64 bytes and also names a folder: no control characters, none of < > : \" / \\ | ? *, and no leading space or trailing space or dot"},
+      {[] { validate_brand_name(std::string(65, 'a')); },
+       refused + "A brand name is 1 to 64 bytes and also names a folder: no control characters, none of < > : \" / \\ "
+                 "| ? *, and no leading space or trailing space or dot"},
       {[] { validate_brand_name("Lpt9.games"); }, refused + "A brand name cannot be a Windows device name"},
       {with(R"({"theme": {}})"_json), refused + "Brand has unknown or missing fields"},
       {with(R"({"publisher": 7})"_json), refused + "Brand needs a publisher"},
       {with(json{{"id", std::string(81, 'a')}}), refused + "id must be 1 to 80 bytes of plain text"},
-      {[&] { installed_brand(root.path()); }, "unsupported_schema: Unsupported installation record " + (root / "native/installation.json").string()},
+      {[&] { installed_brand(root.path()); },
+       "unsupported_schema: Unsupported installation record " + (root / "native/installation.json").string()},
   };
   for (const auto& [call, expected] : rows) EXPECT_EQ(outcome(call), expected);
-  for (const std::string& name : {std::string("Console"), std::string("Acme.Games"), std::string("COM0"), std::string(64, 'a')}) EXPECT_EQ(outcome([&] { validate_brand_name(name); }), "ok");
+  for (const std::string& name :
+       {std::string("Console"), std::string("Acme.Games"), std::string("COM0"), std::string(64, 'a')})
+    EXPECT_EQ(outcome([&] { validate_brand_name(name); }), "ok");
 }
 
 }  // namespace

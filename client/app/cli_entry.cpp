@@ -152,8 +152,8 @@ void check_confirmations(const Invocation& call) {
             "Specify uninstall GAME --confirm-game GAME; add --remove-saves only to delete saves");
   }
   if (call.is("crashes", "delete")) {
-    require(call.has("--confirm-report") && call.value("--confirm-report") == call.operands[0],
-            "confirmation_required", "Confirm the exact report with --confirm-report REPORT");
+    require(call.has("--confirm-report") && call.value("--confirm-report") == call.operands[0], "confirmation_required",
+            "Confirm the exact report with --confirm-report REPORT");
   }
   if (call.is("agreements", "agree")) {
     require(call.has("--agreement-version"), "agreement_version",
@@ -176,10 +176,10 @@ void check_confirmations(const Invocation& call) {
 void check_command_values(const Invocation& call) {
   if (call.is("preload") || call.is("preloads", "discard")) identifier_rule(call.operands[0]);
   if (call.is("update")) {
-    const bool valid = call.flags.contains("--after-exit")
-                           ? !call.flags.contains("--launch") && call.has("--build")
-                           : call.options.empty();
-    require(valid, "usage", "Use update GAME --after-exit --build BUILD [--session SESSION], or update GAME [--launch]");
+    const bool valid = call.flags.contains("--after-exit") ? !call.flags.contains("--launch") && call.has("--build")
+                                                           : call.options.empty();
+    require(valid, "usage",
+            "Use update GAME --after-exit --build BUILD [--session SESSION], or update GAME [--launch]");
   }
   if (call.is("settings", "set")) {
     try {
@@ -196,10 +196,9 @@ void check_command_values(const Invocation& call) {
 }
 
 void check_identifiers(const Invocation& call) {
-  static const NameSet identified = {"status",    "manage", "locations", "install", "update",
-                                     "repair",    "verify", "rollback",  "launch",  "observe",
-                                     "uninstall", "channel", "open",     "crashes", "agreements",
-                                     "operations"};
+  static const NameSet identified = {"status", "manage",   "locations",  "install",   "update",    "repair",
+                                     "verify", "rollback", "launch",     "observe",   "uninstall", "channel",
+                                     "open",   "crashes",  "agreements", "operations"};
   const std::string& first = call.row->words[0];
   const bool updates_row = first == "updates" && !call.is("updates", "check");
   if (!call.operands.empty() && (identified.contains(first) || updates_row)) identifier_rule(call.operands[0]);
@@ -240,10 +239,11 @@ const std::vector<Grammar>& cli_grammar() {
 }
 
 const NameSet& cli_value_options() {
-  static const NameSet values = {"--create",      "--remove",          "--data-dir",      "--origin",
-                                 "--root",        "--ca-bundle",       "--confirm-cleanup", "--confirm-report",
-                                 "--consent-version", "--build",      "--session",       "--confirm-game",
-                                 "--game",        "--manifest-target", "--keep-bytes",    "--agreement-version"};
+  static const NameSet values = {
+      "--create",           "--remove",          "--data-dir",       "--origin",          "--root",
+      "--ca-bundle",        "--confirm-cleanup", "--confirm-report", "--consent-version", "--build",
+      "--session",          "--confirm-game",    "--game",           "--manifest-target", "--keep-bytes",
+      "--agreement-version"};
   return values;
 }
 

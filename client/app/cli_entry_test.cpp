@@ -36,21 +36,65 @@ std::string verdict(const Tokens& tokens) {
 // hand, with options in varied positions.
 TEST(CliEntry, AcceptsEveryCommand) {
   const char* lines[] = {
-      "list", "available", "notices", "preload g", "preload star-harbor --build b-2", "preloads discard g --build b", "preloads",
-      "status g", "manage g", "locations g", "self status", "self update", "self cleanup", "service status",
-      "service status --cached", "crashes list --all", "crashes cleanup", "agreements show terms",
-      "agreements agree terms --agreement-version 3 --age-16-or-older", "agreements withdraw terms", "agreements",
-      "crashes show r1", "crashes discard r1", "crashes restore r1", "crashes delete r1 --confirm-report r1",
-      "crashes send r1 --consent-version 2 --age-16-or-older", "settings get", "settings set volume {\"level\":3}",
-      "settings set key 1000", "operations list", "operations show op-1", "operations wait o", "operations cancel o",
-      "operations retry o", "repository configure --origin https://example.test --root root.json",
+      "list",
+      "available",
+      "notices",
+      "preload g",
+      "preload star-harbor --build b-2",
+      "preloads discard g --build b",
+      "preloads",
+      "status g",
+      "manage g",
+      "locations g",
+      "self status",
+      "self update",
+      "self cleanup",
+      "service status",
+      "service status --cached",
+      "crashes list --all",
+      "crashes cleanup",
+      "agreements show terms",
+      "agreements agree terms --agreement-version 3 --age-16-or-older",
+      "agreements withdraw terms",
+      "agreements",
+      "crashes show r1",
+      "crashes discard r1",
+      "crashes restore r1",
+      "crashes delete r1 --confirm-report r1",
+      "crashes send r1 --consent-version 2 --age-16-or-older",
+      "settings get",
+      "settings set volume {\"level\":3}",
+      "settings set key 1000",
+      "operations list",
+      "operations show op-1",
+      "operations wait o",
+      "operations cancel o",
+      "operations retry o",
+      "repository configure --origin https://example.test --root root.json",
       "repository configure --root root.json --ca-bundle ca.pem --origin https://example.test",
-      "updates check --background", "updates show g", "updates defer g --build b", "install g --launch", "update g",
-      "update g --launch", "update g --after-exit --build b", "update --after-exit g --session s --build b",
-      "repair g", "verify g", "rollback g", "launch g --play-current", "observe g --session s",
-      "uninstall g --confirm-game g --remove-saves", "uninstall g --confirm-game g", "channel set g beta",
-      "channel unlock g", "open g saves", "self uninstall", "self uninstall --remove-data", "self shortcut create",
-      "self shortcut remove", "self shortcut create --game g",
+      "updates check --background",
+      "updates show g",
+      "updates defer g --build b",
+      "install g --launch",
+      "update g",
+      "update g --launch",
+      "update g --after-exit --build b",
+      "update --after-exit g --session s --build b",
+      "repair g",
+      "verify g",
+      "rollback g",
+      "launch g --play-current",
+      "observe g --session s",
+      "uninstall g --confirm-game g --remove-saves",
+      "uninstall g --confirm-game g",
+      "channel set g beta",
+      "channel unlock g",
+      "open g saves",
+      "self uninstall",
+      "self uninstall --remove-data",
+      "self shortcut create",
+      "self shortcut remove",
+      "self shortcut create --game g",
       "status -x",  // only a token that begins "--" is an option
       "help",       // the lone word skips validation, as --help does
   };
@@ -105,8 +149,8 @@ TEST(CliEntry, RefusesEveryMistakeWithItsCodeAndMessage) {
       {"usage: Open expects content, saves or state", {"open g files"}},
       {"usage: Game, build, session, report and operation IDs must be valid identifiers",
        {"self shortcut create --game Bad", "preload Star", "preloads discard ../x --build b", "preload g --build B",
-        "update g --after-exit --build b --session S", "channel set g Beta", "crashes show ..",
-        "operations wait op/1", "agreements show Terms", "updates show G", "open G saves"}},
+        "update g --after-exit --build b --session S", "channel set g Beta", "crashes show ..", "operations wait op/1",
+        "agreements show Terms", "updates show G", "open G saves"}},
   };
   for (const auto& [expected, lines] : table)
     for (const std::string& line : lines) EXPECT_EQ(verdict(split(line)), expected) << line;
@@ -150,8 +194,8 @@ TEST(CliEntry, BoundsTokens) {
   const std::string longest(max_cli_token, 'a');
   EXPECT_EQ(verdict({"--help", longest}), "ok");
   EXPECT_EQ(verdict({"settings", "set", "key", "\"" + longest.substr(2) + "\""}), "ok");
-  for (const Tokens& bad : {Tokens{"--help", longest + "a"}, Tokens{"--help", std::string("a\0b", 3)},
-                            Tokens{"status", longest + "a"}})
+  for (const Tokens& bad :
+       {Tokens{"--help", longest + "a"}, Tokens{"--help", std::string("a\0b", 3)}, Tokens{"status", longest + "a"}})
     EXPECT_EQ(verdict(bad), "usage: CLI argument exceeds its bound or contains NUL");
 }
 

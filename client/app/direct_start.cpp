@@ -64,7 +64,8 @@ SnapshotManifest active_manifest(const fs::path& root, const std::string& game_i
 
 LocatedGame platformed_program(const PlatformedGame& game) {
   std::error_code error;
-  require(fs::is_regular_file(fs::symlink_status(game.executable, error)), "missing_file", "The game's program is missing");
+  require(fs::is_regular_file(fs::symlink_status(game.executable, error)), "missing_file",
+          "The game's program is missing");
   return {path_utf8(game.executable), path_utf8(game.executable.parent_path()), game.build};
 }
 
@@ -77,8 +78,8 @@ LocatedGame locate_installed_game(const fs::path& data_root, std::string_view ga
   if (const std::optional<PlatformedGame> shell = platformed_game(game_id)) return platformed_program(*shell);
   const fs::path root = fs::absolute(data_root).lexically_normal();
   const std::string id(game_id);
-  const json record = parse_json(read_file(game_path(root, id, "record.json"), max_game_record_bytes),
-                                 max_game_record_bytes);
+  const json record =
+      parse_json(read_file(game_path(root, id, "record.json"), max_game_record_bytes), max_game_record_bytes);
   require(member(record, "installed") == true && member(record, "game_id") == id, "not_installed",
           "The game is not installed");
   const json active = member(record, "active");

@@ -29,14 +29,19 @@ struct Change {
 // its reference is the digest of the value, not of the stored bytes.
 fs::path install_game(const fs::path& root, const Change& change = {}) {
   json manifest = manifest_of_lengths({{"bin/game", game_program.size()}}).document;
-  manifest.update({{"platform", native_platform()}, {"minimum_launcher", 1}, {"game_id", "star-harbor"}, {"display_name", "Star Harbor"}});
+  manifest.update({{"platform", native_platform()},
+                   {"minimum_launcher", 1},
+                   {"game_id", "star-harbor"},
+                   {"display_name", "Star Harbor"}});
   manifest.merge_patch(change.manifest);
   const std::string ref = digest(manifest.dump(), "sha256");
-  json record = {{"installed", true}, {"game_id", "star-harbor"}, {"active", {{"version", "1.4.0"}, {"manifest_ref", ref}}}};
+  json record = {
+      {"installed", true}, {"game_id", "star-harbor"}, {"active", {{"version", "1.4.0"}, {"manifest_ref", ref}}}};
   if (change.embedded) record["active"] = {{"version", "1.4.0"}, {"manifest", manifest}};
   record.merge_patch(change.record);
   manifest.merge_patch(change.stored);
-  write_tree(root / "games/star-harbor", {{"versions/1.4.0/bin/game", change.program, true}, {"record.json", record.dump()},
+  write_tree(root / "games/star-harbor", {{"versions/1.4.0/bin/game", change.program, true},
+                                          {"record.json", record.dump()},
                                           {"verified-manifests/application-" + ref + ".json", manifest.dump(2)}});
   return root / "games/star-harbor";
 }
@@ -48,8 +53,10 @@ fs::path install_game(const fs::path& root, const Change& change = {}) {
 TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
   BootstrapInstall install;
   const fs::path started = install_game(install.root) / "versions/1.4.0/started";
-  const std::string port = run_python("import socket\ns = socket.socket()\ns.bind(('127.0.0.1', 0))\nprint(s.getsockname()[1], end='')");
-  write_text(install.root / "repository.json", json{{"schema_version", 1}, {"origin", "https://127.0.0.1:" + port}, {"ca_bundle", ""}}.dump());
+  const std::string port =
+      run_python("import socket\ns = socket.socket()\ns.bind(('127.0.0.1', 0))\nprint(s.getsockname()[1], end='')");
+  write_text(install.root / "repository.json",
+             json{{"schema_version", 1}, {"origin", "https://127.0.0.1:" + port}, {"ca_bundle", ""}}.dump());
   const CommandResult run = install.start({"--gui", "--game", "star-harbor"});
   EXPECT_EQ(std::to_string(run.status) + " " + run.err + read_text(started), "0 " + announced + "0\n");
   // Without replacing this process the game is let go as a child of its own.
@@ -62,7 +69,9 @@ TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
       "game_id": "star-harbor", "name": "Star Harbor", "build": "b-7", "executable": "game/star-harbor", "crash_service": "https://crash.example"})"}});
   fs::copy_file(binary_dir() / "zorvi-bootstrap", bin / "zorvi-bootstrap");
   fs::remove(install.root / "games/star-harbor/record.json");
-  const auto shell = [&] { return run_command({bin / "zorvi-bootstrap", "--data-dir", install.root, "--gui", "--game", "star-harbor"}); };
+  const auto shell = [&] {
+    return run_command({bin / "zorvi-bootstrap", "--data-dir", install.root, "--gui", "--game", "star-harbor"});
+  };
   EXPECT_EQ(shell().status, 0);
   EXPECT_EQ(read_text(bin / "game/started"), "0\n");
   fs::remove(bin / "game/star-harbor");
@@ -73,11 +82,15 @@ TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
     install_game(dir.path(), change);
     return outcome([&] { locate_installed_game(dir.path(), "star-harbor"); });
   };
-  const struct { std::string got, expected; } rows[] = {
+  const struct {
+    std::string got, expected;
+  } rows[] = {
       {after({.record = {{"installed", false}}}), "not_installed: The game is not installed"},
-      {after({.record = {{"active", {{"manifest_ref", std::string(63, 'a')}}}}}), "invalid_state: Installed manifest reference is malformed"},
+      {after({.record = {{"active", {{"manifest_ref", std::string(63, 'a')}}}}}),
+       "invalid_state: Installed manifest reference is malformed"},
       {after({.stored = {{"display_name", "Star Harbour"}}}), "content_mismatch: The stored game manifest changed"},
-      {after({.manifest = {{"platform", "windows-x86_64"}}, .embedded = true}), "platform_mismatch: Installed game build is for another platform"},
+      {after({.manifest = {{"platform", "windows-x86_64"}}, .embedded = true}),
+       "platform_mismatch: Installed game build is for another platform"},
       {after({.program = "#!/bin/sh\n"}), "content_mismatch: The game's program is missing or changed"},
       {std::to_string(orphan.status) + " " + orphan.err, "1 " + announced + "zorvi: The game's program is missing\n"},
   };

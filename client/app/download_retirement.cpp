@@ -71,7 +71,8 @@ void check_download(const fs::path& path, const json& receipt, const Authority& 
     } catch (const Error&) {
       uncertain("Descriptor cache differs from its durable manifest");
     }
-    require(bytes == authority.bytes, "launcher_download_uncertain", "Descriptor cache differs from its durable manifest");
+    require(bytes == authority.bytes, "launcher_download_uncertain",
+            "Descriptor cache differs from its durable manifest");
     return;
   }
   try {

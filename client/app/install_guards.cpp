@@ -19,7 +19,7 @@ constexpr std::array<std::string_view, 3> image_markers = {".zorvi-native-bundle
 
 // Only presence counts; a link is an entry too.
 bool entry_exists(const std::filesystem::path& path) {
-  struct stat status {};
+  struct stat status{};
   return ::lstat(path.c_str(), &status) == 0;
 }
 
@@ -44,10 +44,10 @@ bool ends_with_names(std::filesystem::path path, std::initializer_list<std::stri
 
 void require_complete_native_install(const std::filesystem::path& data_root) {
   if (entry_exists(data_root / ".zorvi-setup-incomplete")) {
-    throw Error("native_install_incomplete",
-                "Zorvi setup did not finish in " + path_utf8(data_root) +
-                    ". Run the Zorvi installer again to repair it.",
-                {"Run the Zorvi installer and choose Repair"});
+    throw Error(
+        "native_install_incomplete",
+        "Zorvi setup did not finish in " + path_utf8(data_root) + ". Run the Zorvi installer again to repair it.",
+        {"Run the Zorvi installer and choose Repair"});
   }
 }
 
@@ -72,8 +72,7 @@ std::filesystem::path installed_data_root(const std::filesystem::path& image) {
   std::filesystem::path root;
   const bool known =
       ends_with_names(image, {"native", "bootstrap", "bin", "zorvi-bootstrap"}, root) ||
-      ends_with_names(image,
-                      {"native", "bootstrap", "bin", "ZorviShortcut.app", "Contents", "MacOS", "zorvi-shortcut"},
+      ends_with_names(image, {"native", "bootstrap", "bin", "ZorviShortcut.app", "Contents", "MacOS", "zorvi-shortcut"},
                       root);
   require(known, "native_install_trust", "Unknown installed bootstrap entry");
   return root;

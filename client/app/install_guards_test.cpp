@@ -29,7 +29,8 @@ TEST(InstallGuards, RefusesAnImageBelowAnyUnfinishedLevel) {
   const fs::path bin = image.parent_path();
   fs::create_directories(bin);
   testing::write_text(image, "");
-  const std::string unfinished = "native_install_incomplete: This image belongs to an unfinished package; it cannot start";
+  const std::string unfinished =
+      "native_install_incomplete: This image belongs to an unfinished package; it cannot start";
   const std::pair<fs::path, std::string> cases[] = {
       {dir / ".zorvi-native-bundle-incomplete.json", unfinished},
       {dir / "install/native/.zorvi-launcher-package-incomplete.json", unfinished},
@@ -73,7 +74,8 @@ TEST(InstallGuards, KnowsExactlyTheTwoImageShapesWithinTheirBounds) {
       {[] { installed_data_root("data/native/bootstrap/bin/zorvi-bootstrap"); }, unnormal},
       {[] { installed_data_root("/data//native/bootstrap/bin/zorvi-bootstrap"); }, unnormal},
   };
-  for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(outcome(cases[i].first), cases[i].second) << "case " << i;
+  for (std::size_t i = 0; i < std::size(cases); ++i)
+    EXPECT_EQ(outcome(cases[i].first), cases[i].second) << "case " << i;
 }
 
 TEST(InstallGuards, HoldsTheLifetimeLockShared) {

@@ -23,8 +23,8 @@ namespace fs = std::filesystem;
 // Created in this order, so a store interrupted while being made is missing
 // only its last directories.
 constexpr std::array<std::string_view, 9> store_directories = {
-    "versions", "manifests",      "downloads",       "download-intents", "staging",
-    "intents",  "health",         "leases/versions", "leases/attempts"};
+    "versions", "manifests", "downloads",       "download-intents", "staging",
+    "intents",  "health",    "leases/versions", "leases/attempts"};
 
 constexpr auto owner_patience = std::chrono::seconds(2);
 constexpr auto owner_retry = std::chrono::milliseconds(5);
@@ -90,8 +90,9 @@ void check_state(const json& state) {
 }
 
 json empty_state() {
-  return {{"schema_version", 1}, {"format", launcher_store_format}, {"generation", 0},
-          {"active", nullptr},   {"rollback", nullptr},             {"candidate", nullptr},
+  return {{"schema_version", 1}, {"format", launcher_store_format},
+          {"generation", 0},     {"active", nullptr},
+          {"rollback", nullptr}, {"candidate", nullptr},
           {"attempt", nullptr},  {"failed_candidate", nullptr}};
 }
 

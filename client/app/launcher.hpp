@@ -45,7 +45,7 @@ void nonce_identity(std::string_view nonce);
 // small state document naming the active, rollback and candidate versions.
 // A version is named by its manifest's SHA-256 and never changes once stored.
 class LauncherStore {
-public:
+ public:
   explicit LauncherStore(const std::filesystem::path& root);
   // `skip_install_check` lets the installer open a store while it is still
   // building the installation around it.
@@ -111,12 +111,11 @@ public:
 
   // Makes the attempt's version active once its health, acknowledgement and
   // files are proved; a failure changes nothing.
-  void confirm_candidate(const json& attempt, const json& health, std::int64_t pid,
-                         std::string_view interface) const;
+  void confirm_candidate(const json& attempt, const json& health, std::int64_t pid, std::string_view interface) const;
   // Ends the attempt with its version in `failed_candidate` under `problem`.
   void reject_candidate(const json& attempt, std::string_view problem) const;
 
-private:
+ private:
   enum class Opening : std::uint8_t { create, inspect, launch };
   LauncherStore(const std::filesystem::path& root, bool skip_install_check, Opening opening);
 

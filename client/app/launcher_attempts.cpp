@@ -19,9 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void invalid_startup_identity() {
-  throw Error("launcher_state", "Launcher startup identity is invalid");
-}
+[[noreturn]] void invalid_startup_identity() { throw Error("launcher_state", "Launcher startup identity is invalid"); }
 
 // The nonce of an attempt, proved before it names a file.
 std::string attempt_nonce(const json& attempt) {

@@ -17,10 +17,17 @@ json seeded(const testing::TempDir& dir, const LauncherStore& store) {
   testing::write_tree(dir / "tree", {{"bin/zorvi", "cli", true}, {"bin/zorvi-gui", "gui", true}});
   testing::pack_tree(dir / "tree", dir / "l.tar.zst");
   json manifest = testing::python_manifest(dir / "tree", dir / "l.tar.zst");
-  manifest.update({{"kind", "zorvi-launcher-release"}, {"build_id", "1.0.0"}, {"platform", "linux-x86_64"},
-                   {"bootstrap_abi", 1}, {"health_abi", 1}, {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                   {"staging_abi", 1}, {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1},
-                   {"gui_executable", "bin/zorvi-gui"}, {"runtime_helpers", json::array()}});
+  manifest.update({{"kind", "zorvi-launcher-release"},
+                   {"build_id", "1.0.0"},
+                   {"platform", "linux-x86_64"},
+                   {"bootstrap_abi", 1},
+                   {"health_abi", 1},
+                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+                   {"staging_abi", 1},
+                   {"runtime_lease_abi", 2},
+                   {"console_interrupt_abi", 1},
+                   {"gui_executable", "bin/zorvi-gui"},
+                   {"runtime_helpers", json::array()}});
   return store.seed_initial(manifest.dump(), dir / "l.tar.zst", {});
 }
 
@@ -35,20 +42,37 @@ TEST(LauncherAttempts, AnAttemptEndsByItsLauncherDyingOrByProof) {
   const LauncherManifest release = store.manifest(reference);
   const std::int64_t pid = ::getpid();
   const auto ack = store.startup_ack_path(first), program = store.payload(reference) / "bin/zorvi";
-  const auto acknowledge = [&](const json& a, const char* as) { atomic_create(store.startup_ack_path(a), lease_document(release, a, pid, as).dump()); };
-  const auto confirm = [&](const json& a) { store.confirm_candidate(a, release.startup_health(a, pid, "cli", true), pid, "cli"); };
+  const auto acknowledge = [&](const json& a, const char* as) {
+    atomic_create(store.startup_ack_path(a), lease_document(release, a, pid, as).dump());
+  };
+  const auto confirm = [&](const json& a) {
+    store.confirm_candidate(a, release.startup_health(a, pid, "cli", true), pid, "cli");
+  };
   testing::ProgramChild launcher("files_probe", {"hold_lock", store.startup_lease_path(first).native(), "shared"});
   ASSERT_EQ(launcher.read_line(), "locked");
-  const struct { std::function<void()> call; std::string expected; } rows[] = {
-      {[&] { store.recover_attempt(); }, "launcher_running: The unfinished launcher is still using its startup attempt; close it before restarting"},
-      {[&] { confirm({{"nonce", std::string(32, 'f')}, {"reference", reference}}); }, "launcher_state: Launcher startup ownership changed"},
-      {[&] { store.confirm_candidate(first, release.startup_health(first, pid, "cli", false), pid, "cli"); }, "launcher_health: Launcher health does not match its build, process, mode, interrupt contract and attempt"},
+  const struct {
+    std::function<void()> call;
+    std::string expected;
+  } rows[] = {
+      {[&] { store.recover_attempt(); },
+       "launcher_running: The unfinished launcher is still using its startup attempt; close it before restarting"},
+      {[&] { confirm({{"nonce", std::string(32, 'f')}, {"reference", reference}}); },
+       "launcher_state: Launcher startup ownership changed"},
+      {[&] { store.confirm_candidate(first, release.startup_health(first, pid, "cli", false), pid, "cli"); },
+       "launcher_health: Launcher health does not match its build, process, mode, interrupt contract and attempt"},
       {[&] { confirm(first); }, "launcher_lease: Launcher startup did not acknowledge native content ownership"},
-      {[&] { acknowledge(first, "gui"), confirm(first); }, "launcher_lease: Launcher lease acknowledgement does not match its build, process, mode and attempt"},
-      {[&] { std::filesystem::remove(ack), acknowledge(first, "cli"), testing::write_text(program, "changed"), confirm(first); }, "content_mismatch: Game content differs from the verified manifest: bin/zorvi"},
-      {[&] { store.reject_candidate(first, std::string(81, 'a')); }, "launcher_state: Launcher startup problem code is invalid"},
+      {[&] { acknowledge(first, "gui"), confirm(first); },
+       "launcher_lease: Launcher lease acknowledgement does not match its build, process, mode and attempt"},
+      {[&] {
+         std::filesystem::remove(ack), acknowledge(first, "cli"), testing::write_text(program, "changed"),
+             confirm(first);
+       },
+       "content_mismatch: Game content differs from the verified manifest: bin/zorvi"},
+      {[&] { store.reject_candidate(first, std::string(81, 'a')); },
+       "launcher_state: Launcher startup problem code is invalid"},
       {[&] { store.begin_candidate(); }, "busy: Another launcher startup needs recovery"},
-      {[&] { store.version_guard(launcher_reference(std::string(64, 'f'), "2.0.0"), LockMode::exclusive); }, "launcher_recovery_uncertain: This launcher version has an unknown contract; preserve its content"},
+      {[&] { store.version_guard(launcher_reference(std::string(64, 'f'), "2.0.0"), LockMode::exclusive); },
+       "launcher_recovery_uncertain: This launcher version has an unknown contract; preserve its content"},
   };
   const std::string stored = testing::read_text(store.launcher_directory() / "installation.json");
   for (const auto& row : rows) {
@@ -61,7 +85,7 @@ TEST(LauncherAttempts, AnAttemptEndsByItsLauncherDyingOrByProof) {
   json state = store.load();
   EXPECT_EQ(state["failed_candidate"], json({{"reference", reference}, {"problem", "startup_interrupted"}}));
   EXPECT_TRUE(store.begin_candidate().is_null() && store.load() == state);  // nothing written
-  state["candidate"] = reference;  // staged again
+  state["candidate"] = reference;                                           // staged again
   store.save(state);
   const json second = store.begin_candidate();
   testing::write_text(program, "cli");

@@ -25,8 +25,7 @@ namespace fs = std::filesystem;
 const char* const damaged_files = "Zorvi's files are damaged. Reinstall Zorvi to repair them.";
 
 std::int64_t unix_now() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 StartMarker parse_marker(const json& document) {
@@ -172,10 +171,8 @@ std::optional<std::vector<std::string>> console_arguments(const fs::path& data_d
   const CliEntry entry = parse_cli_entry(arguments, data_dir, nullptr);
   require(!entry.data_dir_given, "usage", "Set the data directory on the native bootstrap, before forwarded arguments");
   if (entry.help) {
-    if (entry.json)
-      std::cout << json({{"schema_version", 1}, {"kind", "help"}, {"text", cli_help()}}).dump() << '\n';
-    else
-      std::cout << cli_help();
+    if (entry.json) std::cout << json({{"schema_version", 1}, {"kind", "help"}, {"text", cli_help()}}).dump() << '\n';
+    else std::cout << cli_help();
     std::cout.flush();
     return std::nullopt;
   }
@@ -196,8 +193,9 @@ std::optional<std::vector<std::string>> console_arguments(const fs::path& data_d
 
 }  // namespace
 
-int run_launcher_bootstrap(const fs::path& data_dir, std::string_view interface, const std::vector<std::string>& arguments,
-                           std::int64_t startup_limit_ms, const NativeFileLock& lifetime) {
+int run_launcher_bootstrap(const fs::path& data_dir, std::string_view interface,
+                           const std::vector<std::string>& arguments, std::int64_t startup_limit_ms,
+                           const NativeFileLock& lifetime) {
   (void)lifetime;  // held by the caller for the whole call; its presence is the proof
   interface_shape(interface);
   require(startup_limit_ms >= 1 && startup_limit_ms <= max_startup_limit_ms, "launcher_health",
@@ -213,8 +211,12 @@ int run_launcher_bootstrap(const fs::path& data_dir, std::string_view interface,
     forwarded = std::move(*console);
   }
   const std::optional<json> selection = LauncherStore::for_launch(data_dir).selection();
-  if (selection && (!selection->value("attempt", json()).is_null() || !selection->value("candidate", json()).is_null())) {
-    CandidateStart start{data_dir, std::string(interface), forwarded, startup_limit_ms,
+  if (selection &&
+      (!selection->value("attempt", json()).is_null() || !selection->value("candidate", json()).is_null())) {
+    CandidateStart start{data_dir,
+                         std::string(interface),
+                         forwarded,
+                         startup_limit_ms,
                          selection->value("active", json()).is_null(),
                          [&interrupt] { return interrupt && interrupt->requested(); }};
     if (const std::optional<int> status = run_candidate(start)) return *status;
@@ -259,7 +261,8 @@ void mark_start(const fs::path& data_dir, std::string_view manifest_sha256, std:
 
 std::optional<StartMarker> read_start_marker(const fs::path& data_dir) {
   try {
-    return parse_marker(parse_json(read_file(start_marker_path(data_dir), max_start_marker_bytes), max_start_marker_bytes));
+    return parse_marker(
+        parse_json(read_file(start_marker_path(data_dir), max_start_marker_bytes), max_start_marker_bytes));
   } catch (const std::exception&) {
     return std::nullopt;
   }

@@ -54,8 +54,8 @@ std::vector<std::string> launcher_arguments(const std::filesystem::path& data_di
 
 // The entry point of a stored version for `interface`, proved present with
 // the size its manifest names: else `launcher_damaged`.
-std::filesystem::path present_entry(const LauncherStore& store, const json& reference,
-                                    const LauncherManifest& manifest, std::string_view interface);
+std::filesystem::path present_entry(const LauncherStore& store, const json& reference, const LauncherManifest& manifest,
+                                    std::string_view interface);
 
 // The startup variables, each empty, so that a start outside an attempt
 // cannot inherit an attempt's authority.

@@ -28,10 +28,17 @@ struct Bootstrap {
     fs::copy_file(tree / "bin/zorvi", tree / "bin/zorvi-gui");
     testing::pack_tree(tree, archive);
     json document = testing::python_manifest(tree, archive);
-    document.update({{"kind", "zorvi-launcher-release"}, {"build_id", build}, {"platform", "linux-x86_64"},
-                     {"bootstrap_abi", 1}, {"health_abi", 1}, {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                     {"staging_abi", 1}, {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1},
-                     {"gui_executable", "bin/zorvi-gui"}, {"runtime_helpers", json::array()}});
+    document.update({{"kind", "zorvi-launcher-release"},
+                     {"build_id", build},
+                     {"platform", "linux-x86_64"},
+                     {"bootstrap_abi", 1},
+                     {"health_abi", 1},
+                     {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+                     {"staging_abi", 1},
+                     {"runtime_lease_abi", 2},
+                     {"console_interrupt_abi", 1},
+                     {"gui_executable", "bin/zorvi-gui"},
+                     {"runtime_helpers", json::array()}});
     const json reference = launcher_reference(digest(document.dump(), "sha256"), build);
     atomic_create(store.launcher_directory() / "manifests" / (reference.value("manifest_sha256", "") + ".json"),
                   document.dump());
@@ -117,14 +124,17 @@ TEST(LauncherBootstrap, UnconfirmedAndDamagedVersionsAreSkipped) {
   EXPECT_EQ(boot.run("quick", "gui", "1000"), 0);
   const auto started = [&](const json& expected, const std::string& skipped, int attempts) {
     EXPECT_EQ(boot.run("quick", "gui", "1000", {"--", "--data-dir", "x"}), 5);
-    EXPECT_EQ(boot.err, skipped.empty() ? "" : "zorvi: launcher version unusable (launcher_damaged): " + skipped + "\n");
+    EXPECT_EQ(boot.err,
+              skipped.empty() ? "" : "zorvi: launcher version unusable (launcher_damaged): " + skipped + "\n");
     const auto marker = read_start_marker(boot.data);
     EXPECT_EQ(json({marker->manifest_sha256, marker->attempts}), json({expected["manifest_sha256"], attempts}));
     return boot.last_start("exec", expected) == " -- --data-dir x";
   };
   const auto backdate = [&](const json& version, int attempts) {
     replace_private_file(start_marker_path(boot.data), json({{"manifest_sha256", version["manifest_sha256"]},
-                         {"started_at", std::time(nullptr) - 30}, {"attempts", attempts}}).dump());
+                                                             {"started_at", std::time(nullptr) - 30},
+                                                             {"attempts", attempts}})
+                                                           .dump());
   };
   testing::write_text(start_marker_path(boot.data), "{");  // unreadable: as if absent
   EXPECT_TRUE(started(b, "", 1));
@@ -150,14 +160,18 @@ TEST(LauncherBootstrap, RefusedRuns) {
   const std::string limit = "launcher_health: Launcher startup limit must be bounded to 30 seconds";
   const std::string nothing = "launcher_damaged: No installed Zorvi version could be started";
   const std::string usage = "usage: Set the data directory on the native bootstrap, before forwarded arguments";
-  const struct { std::string got, expected; } rows[] = {
+  const struct {
+    std::string got, expected;
+  } rows[] = {
       {run("gui", 0, {}), limit},
       {run("gui", 30001, {}), limit},
       {run("gui", 1000, {"--launch", "--data-dir"}), usage},
       {run("cli", 1000, {"--data-dir", "x", "list"}), usage},
-      {run("cli", 1000, {"--json", "self", "uninstall"}), "launcher_missing: No installed Zorvi version could be started"},
+      {run("cli", 1000, {"--json", "self", "uninstall"}),
+       "launcher_missing: No installed Zorvi version could be started"},
       {run("cli", 1000, {"list"}), nothing},
-      {run("gui", 30000, {"--launch", "game"}), "file_read: Cannot open file: " + (dir / "data/games/game/record.json").string()},
+      {run("gui", 30000, {"--launch", "game"}),
+       "file_read: Cannot open file: " + (dir / "data/games/game/record.json").string()},
   };
   for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
   ::testing::internal::CaptureStdout();

@@ -41,8 +41,7 @@ constexpr std::size_t new_target_downloads = 47;
 bool attempt_lock(const fs::directory_entry& entry) {
   const std::string name = path_utf8(entry.path().filename());
   std::error_code error;
-  return name.size() == 37 && name.ends_with(".lock") &&
-         name.find_first_not_of("0123456789abcdef") == 32 &&
+  return name.size() == 37 && name.ends_with(".lock") && name.find_first_not_of("0123456789abcdef") == 32 &&
          entry.symlink_status(error).type() == fs::file_type::regular && !error;
 }
 
@@ -57,7 +56,8 @@ std::size_t count_entries(const fs::path& directory, std::size_t stop, bool skip
     require(++seen <= max_launcher_directory_entries, "size_limit", "Directory entry count exceeds bounds");
     if (!skip_attempt_locks || !attempt_lock(*entry)) ++counted;
   }
-  if (error) throw Error("file_read", with_errno("Cannot list launcher directory: " + path_utf8(directory), error.value()));
+  if (error)
+    throw Error("file_read", with_errno("Cannot list launcher directory: " + path_utf8(directory), error.value()));
   return counted;
 }
 

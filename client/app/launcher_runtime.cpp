@@ -182,7 +182,8 @@ std::unique_ptr<LauncherRuntime> LauncherRuntime::attach(std::string_view interf
           "Running launcher image differs from its verified native entry point");
   if (!attempt.is_null()) acknowledge_trial(store, manifest, attempt, interface);
 
-  std::unique_ptr<LauncherRuntime> runtime(new LauncherRuntime(store.root(), attempt, std::string(interface), reference));
+  std::unique_ptr<LauncherRuntime> runtime(
+      new LauncherRuntime(store.root(), attempt, std::string(interface), reference));
   runtime->attempt_lease_ = std::move(lease);
   runtime->version_guard_ = std::move(guard);
   return runtime;

@@ -41,7 +41,7 @@ bool launcher_startup_pending();
 // A launcher's hold on its version and, under trial, on its attempt. The
 // locks are kept until the process exits, whatever happens to this object.
 class LauncherRuntime {
-public:
+ public:
   // Empty for an image outside any store and not under trial: there is no
   // version to protect.
   static std::unique_ptr<LauncherRuntime> attach(std::string_view interface, std::string_view build_id,
@@ -58,7 +58,7 @@ public:
   const std::string& interface() const { return interface_; }
   bool reported() const { return reported_; }
 
-private:
+ private:
   LauncherRuntime(std::filesystem::path data_dir, json attempt, std::string interface, json reference);
 
   std::filesystem::path data_dir_;
@@ -75,7 +75,7 @@ void report_launcher_health(LauncherRuntime* runtime);
 
 // A helper program's hold on the version it runs from.
 class LauncherHelperRuntime {
-public:
+ public:
   static std::unique_ptr<LauncherHelperRuntime> attach(std::string_view role, std::string_view build_id);
   ~LauncherHelperRuntime();
   LauncherHelperRuntime(const LauncherHelperRuntime&) = delete;
@@ -84,7 +84,7 @@ public:
   // False for a helper outside any store, which has nothing to guard.
   bool guarded() const { return guard_ != nullptr; }
 
-private:
+ private:
   explicit LauncherHelperRuntime(std::unique_ptr<FileLock> guard);
   std::unique_ptr<FileLock> guard_;
 };

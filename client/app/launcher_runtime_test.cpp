@@ -27,20 +27,31 @@ struct Installed {
 
   Installed() {
     const std::string probe = testing::read_text(testing::binary_dir() / "runtime_probe");
-    testing::write_tree(dir / "t", {{"bin/zorvi", probe, true}, {"bin/zorvi-gui", probe, true}, {"bin/zz-crash", probe, true}});
+    testing::write_tree(dir / "t",
+                        {{"bin/zorvi", probe, true}, {"bin/zorvi-gui", probe, true}, {"bin/zz-crash", probe, true}});
     testing::pack_tree(dir / "t", dir / "l.tar.zst");
     json release = testing::python_manifest(dir / "t", dir / "l.tar.zst");
-    release.update({{"kind", "zorvi-launcher-release"}, {"build_id", "1.0.0"}, {"platform", "linux-x86_64"}, {"bootstrap_abi", 1},
-                    {"health_abi", 1}, {"application_schema", {{"minimum", 1}, {"maximum", 1}}}, {"staging_abi", 1},
-                    {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1}, {"executable", "bin/zorvi"}, {"gui_executable", "bin/zorvi-gui"},
+    release.update({{"kind", "zorvi-launcher-release"},
+                    {"build_id", "1.0.0"},
+                    {"platform", "linux-x86_64"},
+                    {"bootstrap_abi", 1},
+                    {"health_abi", 1},
+                    {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+                    {"staging_abi", 1},
+                    {"runtime_lease_abi", 2},
+                    {"console_interrupt_abi", 1},
+                    {"executable", "bin/zorvi"},
+                    {"gui_executable", "bin/zorvi-gui"},
                     {"runtime_helpers", {{{"path", "bin/zz-crash"}, {"role", "crash-handler"}, {"lease_abi", 1}}}}});
     reference = store.seed_initial(release.dump(), dir / "l.tar.zst", {});
     payload = store.payload(reference);
-    guard = store.launcher_directory() / "leases/versions" / (reference["manifest_sha256"].get<std::string>() + ".lock");
+    guard =
+        store.launcher_directory() / "leases/versions" / (reference["manifest_sha256"].get<std::string>() + ".lock");
   }
 
   // Starts `image` with the startup variables of a GUI trial of `attempt`, after `changes`.
-  std::unique_ptr<ProgramChild> run(const fs::path& image, const std::vector<std::string>& args, const json& attempt = nullptr,
+  std::unique_ptr<ProgramChild> run(const fs::path& image, const std::vector<std::string>& args,
+                                    const json& attempt = nullptr,
                                     const std::map<std::string, std::string>& changes = {}) const {
     auto variables = attempt.is_null() ? changes : store.health_environment(attempt, "gui");
     for (const auto& [name, value] : changes) variables[name] = value;
@@ -59,26 +70,38 @@ bool busy(const fs::path& lock) {
 TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {
   Installed in;
   const json attempt = in.store.begin_candidate();
-  const fs::path crash = in.payload / "bin/zz-crash", gui = in.payload / "bin/zorvi-gui", staged = in.store.launcher_directory() / "staging/x/z";
+  const fs::path crash = in.payload / "bin/zz-crash", gui = in.payload / "bin/zorvi-gui",
+                 staged = in.store.launcher_directory() / "staging/x/z";
   fs::create_directories(staged.parent_path());
   fs::copy_file(crash, staged);
   fs::create_symlink(crash, in.dir / "link");
   std::string deep = "/";
   for (int level = 0; level < 257; ++level) deep += "d/";
-  const auto helper = [&](const fs::path& image, const char* role, const char* build = "1.0.0") { return testing::outcome([=] { launcher_helper_guard(image, role, build); }); };
-  const auto launcher = [&](const fs::path& image, const std::map<std::string, std::string>& changes) { return in.run(image, {"launcher", "gui", "1.0.0", in.data}, attempt, changes)->read_line(); };
+  const auto helper = [&](const fs::path& image, const char* role, const char* build = "1.0.0") {
+    return testing::outcome([=] { launcher_helper_guard(image, role, build); });
+  };
+  const auto launcher = [&](const fs::path& image, const std::map<std::string, std::string>& changes) {
+    return in.run(image, {"launcher", "gui", "1.0.0", in.data}, attempt, changes)->read_line();
+  };
   const std::pair<std::string, std::string> rows[] = {
-      {testing::outcome([&] { managed_version(deep + "z"); }), "launcher_identity: Native executable ancestry exceeds its bound"},
-      {testing::outcome([&] { managed_version("/d/launcher/versions/" + std::string(64, 'A') + "/z"); }), "launcher_state: Launcher manifest identity is invalid"},
-      {helper(staged, "crash-handler"), "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
+      {testing::outcome([&] { managed_version(deep + "z"); }),
+       "launcher_identity: Native executable ancestry exceeds its bound"},
+      {testing::outcome([&] { managed_version("/d/launcher/versions/" + std::string(64, 'A') + "/z"); }),
+       "launcher_state: Launcher manifest identity is invalid"},
+      {helper(staged, "crash-handler"),
+       "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
       {launcher(staged, {}), "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
       {helper(crash, "updater"), "launcher_helper: Unsupported native helper role"},
-      {helper(in.dir / "link", "crash-handler"), "launcher_identity: Native helper image must be an ordinary physical path"},
+      {helper(in.dir / "link", "crash-handler"),
+       "launcher_identity: Native helper image must be an ordinary physical path"},
       {helper(crash, "crash-handler", "2.0.0"), "launcher_identity: Native helper has no bounded launcher identity"},
       {helper(gui, "crash-handler"), "launcher_identity: Running helper image differs from its declared native role"},
-      {launcher(gui, {{"ZORVI_LAUNCHER_BUILD", "1.0.1"}}), "launcher_health: Launcher startup does not match this build, interface or data root"},
-      {launcher(in.payload / "bin/zorvi", {}), "launcher_identity: Running launcher image differs from its verified native entry point"},
-      {launcher(gui, {{"ZORVI_LAUNCHER_HEALTH_NONCE", std::string(32, 'e')}}), "launcher_health: Launcher startup is no longer pending or cannot protect its content"},
+      {launcher(gui, {{"ZORVI_LAUNCHER_BUILD", "1.0.1"}}),
+       "launcher_health: Launcher startup does not match this build, interface or data root"},
+      {launcher(in.payload / "bin/zorvi", {}),
+       "launcher_identity: Running launcher image differs from its verified native entry point"},
+      {launcher(gui, {{"ZORVI_LAUNCHER_HEALTH_NONCE", std::string(32, 'e')}}),
+       "launcher_health: Launcher startup is no longer pending or cannot protect its content"},
   };
   for (const auto& [seen, expected] : rows) EXPECT_EQ(seen, expected);
   EXPECT_FALSE(busy(in.guard) || entry_present(in.store.startup_ack_path(attempt)));
@@ -86,7 +109,8 @@ TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {
   std::string bytes = testing::read_text(crash);  // same size, one byte changed
   bytes[bytes.size() / 2] ^= 1;
   testing::write_text(crash, bytes);
-  EXPECT_EQ(helper(crash, "crash-handler"), "content_mismatch: Native helper image differs from its verified launcher inventory");
+  EXPECT_EQ(helper(crash, "crash-handler"),
+            "content_mismatch: Native helper image differs from its verified launcher inventory");
 
   const auto late = in.run(gui, {"launcher", "gui", "1.0.0", in.data, (in.dir / "gate").native()}, attempt);
   EXPECT_EQ(late->read_line(), "waiting");
@@ -101,7 +125,11 @@ TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {
 TEST(LauncherRuntime, LeasesLastUntilExitAndOnlyStoredImagesTakeThem) {
   Installed in;
   fs::copy_file(in.payload / "bin/zorvi", in.dir / "zorvi");
-  const struct { fs::path image; std::vector<std::string> args; std::string line; } rows[] = {
+  const struct {
+    fs::path image;
+    std::vector<std::string> args;
+    std::string line;
+  } rows[] = {
       {in.payload / "bin/zorvi", {"launcher", "cli", "1.0.0", in.data}, "attached"},
       {in.payload / "bin/zz-crash", {"helper", "crash-handler", "1.0.0"}, "attached"},
       {in.dir / "zorvi", {"launcher", "cli", "1.0.0", in.data}, "empty"},
@@ -112,7 +140,8 @@ TEST(LauncherRuntime, LeasesLastUntilExitAndOnlyStoredImagesTakeThem) {
     EXPECT_EQ(child->read_line(), row.line);
     EXPECT_EQ(busy(in.guard), row.line == "attached");
   }
-  EXPECT_TRUE(fs::is_empty(in.store.launcher_directory() / "health") && fs::is_empty(in.store.launcher_directory() / "leases/attempts"));
+  EXPECT_TRUE(fs::is_empty(in.store.launcher_directory() / "health") &&
+              fs::is_empty(in.store.launcher_directory() / "leases/attempts"));
 
   const json attempt = in.store.begin_candidate();
   const auto launcher = in.run(in.payload / "bin/zorvi-gui", {"launcher", "gui", "1.0.0", in.data}, attempt);

@@ -178,8 +178,7 @@ struct Staging {
     sync_directory(at("versions"));
     std::error_code error;
     fs::remove(record, error);
-    if (error)
-      throw Error("file_remove", with_errno("Cannot remove " + path_utf8(record), error.value()));
+    if (error) throw Error("file_remove", with_errno("Cannot remove " + path_utf8(record), error.value()));
     sync_directory(at("intents"));
   }
 };

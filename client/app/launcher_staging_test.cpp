@@ -16,14 +16,25 @@ namespace fs = std::filesystem;
 
 // Real launcher releases published by python-tuf over nginx, and data folders to stage them into.
 struct Releases {
-  // Packs a tree for `build` (incompressible, so a download makes many progress calls), lets `change` alter its manifest.
+  // Packs a tree for `build` (incompressible, so a download makes many progress calls), lets `change` alter its
+  // manifest.
   json publish(const std::string& build, const std::function<void(json&)>& change = {}) {
     const fs::path tree = repository.dir / ("tree-" + build), archive = repository.dir / (build + ".tar.zst");
-    write_tree(tree, {{"bin/zorvi", "cli", true}, {"bin/zorvi-gui", "gui", true}, {"noise", run_python("import os, sys; sys.stdout.buffer.write(os.urandom(3 << 20))")}});
+    write_tree(tree, {{"bin/zorvi", "cli", true},
+                      {"bin/zorvi-gui", "gui", true},
+                      {"noise", run_python("import os, sys; sys.stdout.buffer.write(os.urandom(3 << 20))")}});
     pack_tree(tree, archive);
     json document = python_manifest(tree, archive);
-    document.update({{"kind", "zorvi-launcher-release"}, {"build_id", build}, {"bootstrap_abi", 1}, {"health_abi", 1}, {"staging_abi", 1}, {"runtime_lease_abi", 2},
-                     {"application_schema", {{"minimum", 1}, {"maximum", 1}}}, {"console_interrupt_abi", 1}, {"gui_executable", "bin/zorvi-gui"}, {"runtime_helpers", json::array()}});
+    document.update({{"kind", "zorvi-launcher-release"},
+                     {"build_id", build},
+                     {"bootstrap_abi", 1},
+                     {"health_abi", 1},
+                     {"staging_abi", 1},
+                     {"runtime_lease_abi", 2},
+                     {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+                     {"console_interrupt_abi", 1},
+                     {"gui_executable", "bin/zorvi-gui"},
+                     {"runtime_helpers", json::array()}});
     if (change) change(document);
     write_text(repository.dir / "manifest.json", document.dump());
     repository.run("target snapshots/test.tar.zst @" + archive.string());  // each build replaces the last one's archive
@@ -34,13 +45,25 @@ struct Releases {
   // ("staging"), or its first progress call ("staging 1"), at which this process dies.
   std::string stage(const LauncherStore& store, bool optional, const std::string& kill_at = "") {
     TufClient client = repository.client();
-    const LauncherPhase phase = [&](std::string_view word, bool) { if (word == "verifying") phases.clear(); if (phases.emplace_back(word) == kill_at) ::raise(SIGKILL); };
-    const Progress progress = [&](std::uint64_t done, std::uint64_t) { if (done > 0 && phases.back() + " 1" == kill_at) ::raise(SIGKILL); return true; };
-    try { return store.stage(client, progress, phase, optional).dump(); } catch (const Error& error) {
+    const LauncherPhase phase = [&](std::string_view word, bool) {
+      if (word == "verifying") phases.clear();
+      if (phases.emplace_back(word) == kill_at) ::raise(SIGKILL);
+    };
+    const Progress progress = [&](std::uint64_t done, std::uint64_t) {
+      if (done > 0 && phases.back() + " 1" == kill_at) ::raise(SIGKILL);
+      return true;
+    };
+    try {
+      return store.stage(client, progress, phase, optional).dump();
+    } catch (const Error& error) {
       return error.code + ": " + error.what() + (error.details.empty() ? "" : " [" + error.details.at(0) + "]");
     }
   }
-  void set(const LauncherStore& store, const json& patch) { json state = store.load(); state.update(patch); store.save(state); }
+  void set(const LauncherStore& store, const json& patch) {
+    json state = store.load();
+    state.update(patch);
+    store.save(state);
+  }
 
   TufRepository repository;
   TempDir dir;
@@ -49,17 +72,26 @@ struct Releases {
 
 struct LauncherStaging : ::testing::Test, Releases {};
 
-std::string staged(const json& reference) { return json{{"staged", true}, {"activated", false}, {"build_id", reference["build_id"]}, {"manifest_sha256", reference["manifest_sha256"]}}.dump(); }
+std::string staged(const json& reference) {
+  return json{{"staged", true},
+              {"activated", false},
+              {"build_id", reference["build_id"]},
+              {"manifest_sha256", reference["manifest_sha256"]}}
+      .dump();
+}
 std::string skipped(const std::string& reason) { return R"({"skipped":")" + reason + R"(","staged":false})"; }
 const std::string current = R"({"already_current":true,"build_id":"1.0.0","staged":false})";
-void fill(const fs::path& folder, int count) { for (int i = 0; i < count; ++i) fs::create_directory(folder / std::to_string(i)); }
+void fill(const fs::path& folder, int count) {
+  for (int i = 0; i < count; ++i) fs::create_directory(folder / std::to_string(i));
+}
 
 TEST_F(LauncherStaging, ARepositoryReleaseBecomesTheCandidateAndBackgroundChecksSkipWhatIsPointless) {
   const LauncherStore store(dir / "data", true);
   repository.server.reset();  // a background check of an empty store asks no repository
   EXPECT_EQ(stage(store, true), skipped("not_installed"));
   repository.serve();
-  EXPECT_EQ(stage(store, false), "target_not_found: Target is not authorized by the repository: " + launcher_manifest_target());
+  EXPECT_EQ(stage(store, false),
+            "target_not_found: Target is not authorized by the repository: " + launcher_manifest_target());
   set(store, {{"active", launcher_reference(std::string(64, 'e'), "0.1")}});
   EXPECT_EQ(stage(store, true), skipped("not_published"));
   const json first = publish("1.0.0");
@@ -89,18 +121,37 @@ TEST_F(LauncherStaging, ARepositoryReleaseBecomesTheCandidateAndBackgroundChecks
 TEST_F(LauncherStaging, Failures) {
   const json good = publish("1.0.0");
   const std::vector<std::pair<std::function<void(const LauncherStore&, const fs::path&)>, std::string>> rows = {
-      {[](auto&, auto& at) { write_text(at / "cleanup.json", ""); }, "launcher_cleanup_pending: Finish the recorded Zorvi cleanup before staging another update [self cleanup]"},
-      {[&](auto& s, auto&) { set(s, {{"attempt", {{"nonce", std::string(32, 'b')}, {"reference", good}}}}); }, "busy: A launcher startup must finish before another update is staged"},
-      {[&](auto& s, auto&) { set(s, {{"rollback", launcher_reference(std::string(64, 'e'), "1.0.0")}}); }, "launcher_build_conflict: An installed launcher build ID has different signed content"},
-      {[&](auto& s, auto&) { set(s, {{"candidate", launcher_reference(std::string(64, 'e'), "0.9")}}); }, "launcher_pending: Start the pending launcher candidate before staging a different build"},
-      {[&](auto&, auto& at) { fill(at / "versions", 8); }, "launcher_storage_full: Retained launcher versions reached their bounded capacity"},
-      {[&](auto&, auto& at) { fill(at / "intents", 16); }, "launcher_storage_full: Retained launcher records reached their bounded capacity [self cleanup]"},
-      {[&](auto&, auto& at) { fill(at / "downloads", 47); }, "launcher_storage_full: A new target needs bounded partial/checkpoint slots [self cleanup]"},
-      {[&](auto&, auto& at) { write_text(at / "big", ""); fs::resize_file(at / "big", (1ull << 32) - (1 << 20)); }, "launcher_storage_full: Launcher updates exceed their private storage budget"},
-      {[&](auto&, auto& at) { write_text(at / "manifests" / (good["manifest_sha256"].get<std::string>() + ".json"), "{}"); }, "content_mismatch: Immutable launcher descriptor changed"},
-      {[&](auto&, auto&) { publish("1.0.1", [](json& d) { d["platform"] = "macos-aarch64"; }); }, "launcher_incompatible: Launcher payload targets another native platform"},
-      {[&](auto&, auto&) { publish("1.0.2", [](json& d) { d["archive"]["length"] = d["archive"]["length"].get<int>() + 1; }); }, "content_mismatch: Launcher archive is not authorized with its declared length/hash"},
-      {[&](auto&, auto&) { repository.run("target " + launcher_manifest_target() + " 524289"); }, "size_limit: Launcher descriptor exceeds 512 KiB"},
+      {[](auto&, auto& at) { write_text(at / "cleanup.json", ""); },
+       "launcher_cleanup_pending: Finish the recorded Zorvi cleanup before staging another update [self cleanup]"},
+      {[&](auto& s, auto&) { set(s, {{"attempt", {{"nonce", std::string(32, 'b')}, {"reference", good}}}}); },
+       "busy: A launcher startup must finish before another update is staged"},
+      {[&](auto& s, auto&) { set(s, {{"rollback", launcher_reference(std::string(64, 'e'), "1.0.0")}}); },
+       "launcher_build_conflict: An installed launcher build ID has different signed content"},
+      {[&](auto& s, auto&) { set(s, {{"candidate", launcher_reference(std::string(64, 'e'), "0.9")}}); },
+       "launcher_pending: Start the pending launcher candidate before staging a different build"},
+      {[&](auto&, auto& at) { fill(at / "versions", 8); },
+       "launcher_storage_full: Retained launcher versions reached their bounded capacity"},
+      {[&](auto&, auto& at) { fill(at / "intents", 16); },
+       "launcher_storage_full: Retained launcher records reached their bounded capacity [self cleanup]"},
+      {[&](auto&, auto& at) { fill(at / "downloads", 47); },
+       "launcher_storage_full: A new target needs bounded partial/checkpoint slots [self cleanup]"},
+      {[&](auto&, auto& at) {
+         write_text(at / "big", "");
+         fs::resize_file(at / "big", (1ull << 32) - (1 << 20));
+       },
+       "launcher_storage_full: Launcher updates exceed their private storage budget"},
+      {[&](auto&, auto& at) {
+         write_text(at / "manifests" / (good["manifest_sha256"].get<std::string>() + ".json"), "{}");
+       },
+       "content_mismatch: Immutable launcher descriptor changed"},
+      {[&](auto&, auto&) { publish("1.0.1", [](json& d) { d["platform"] = "macos-aarch64"; }); },
+       "launcher_incompatible: Launcher payload targets another native platform"},
+      {[&](auto&, auto&) {
+         publish("1.0.2", [](json& d) { d["archive"]["length"] = d["archive"]["length"].get<int>() + 1; });
+       },
+       "content_mismatch: Launcher archive is not authorized with its declared length/hash"},
+      {[&](auto&, auto&) { repository.run("target " + launcher_manifest_target() + " 524289"); },
+       "size_limit: Launcher descriptor exceeds 512 KiB"},
   };
   for (std::size_t index = 0; index < rows.size(); ++index) {
     const LauncherStore store(dir / std::to_string(index), true);
@@ -109,7 +160,8 @@ TEST_F(LauncherStaging, Failures) {
     EXPECT_EQ(stage(store, false), rows[index].second);
     EXPECT_EQ(store.load(), before) << rows[index].second;
   }
-  EXPECT_EQ(outcome([&] { require_launcher_download_room(dir.path(), 10, 0, {11, false, true}); }), "launcher_storage_full: Existing download exceeds its signed budget");
+  EXPECT_EQ(outcome([&] { require_launcher_download_room(dir.path(), 10, 0, {11, false, true}); }),
+            "launcher_storage_full: Existing download exceeds its signed budget");
 }
 
 // A staging child killed at each durable step, then a new staging in this process.
@@ -119,8 +171,10 @@ TEST_F(LauncherStaging, AStagingKilledAtAnyDurableStepIsFinishedByTheNext) {
     const LauncherStore store(dir / point, true);
     EXPECT_EQ(in_subprocess([&] { return stage(store, false, point); }), " [subprocess status 9]") << point;
     EXPECT_EQ(store.load()["generation"], 0);
-    EXPECT_EQ(fs::is_empty(store.launcher_directory() / "intents"), point != "staging 1") << point;  // the record names the work
-    if (point == "activating") fill(store.launcher_directory() / "versions", 7);  // a whole version passes the bound, is proved, not unpacked
+    EXPECT_EQ(fs::is_empty(store.launcher_directory() / "intents"), point != "staging 1")
+        << point;  // the record names the work
+    if (point == "activating")
+      fill(store.launcher_directory() / "versions", 7);  // a whole version passes the bound, is proved, not unpacked
     EXPECT_EQ(stage(store, false), staged(release)) << point;
     EXPECT_EQ(phases.at(2), point == "activating" ? "activating" : "staging") << point;
     verify_snapshot_tree(store.manifest(release).snapshot, store.payload(release), {});

@@ -33,9 +33,16 @@ Version make_version(const TempDir& dir, const std::string& build, const std::st
   testing::write_tree(tree, {{"bin/zorvi", "cli " + build, true}, {"bin/zorvi-gui", "gui", true}, {"share/a", "a"}});
   testing::pack_tree(tree, archive);
   json document = testing::python_manifest(tree, archive);
-  document.update({{"kind", "zorvi-launcher-release"}, {"build_id", build}, {"platform", platform},
-                   {"bootstrap_abi", 1}, {"health_abi", 1}, {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                   {"staging_abi", 1}, {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1}, {"gui_executable", "bin/zorvi-gui"},
+  document.update({{"kind", "zorvi-launcher-release"},
+                   {"build_id", build},
+                   {"platform", platform},
+                   {"bootstrap_abi", 1},
+                   {"health_abi", 1},
+                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+                   {"staging_abi", 1},
+                   {"runtime_lease_abi", 2},
+                   {"console_interrupt_abi", 1},
+                   {"gui_executable", "bin/zorvi-gui"},
                    {"runtime_helpers", json::array()}});
   return {document.dump(), archive, launcher_reference(digest(document.dump(), "sha256"), build)};
 }
@@ -63,10 +70,20 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
   verify_snapshot_tree(store.manifest(seeded).snapshot, store.payload(seeded), {});
 
   const json tampered = launcher_reference(digest("stored", "sha256"), "1.0.0");
-  testing::write_text(store.launcher_directory() / "manifests" / (tampered.value("manifest_sha256", "") + ".json"), "x");
-  const auto with = [&](const json& patch) { json state = base; state.update(patch); return state; };
+  testing::write_text(store.launcher_directory() / "manifests" / (tampered.value("manifest_sha256", "") + ".json"),
+                      "x");
+  const auto with = [&](const json& patch) {
+    json state = base;
+    state.update(patch);
+    return state;
+  };
   const auto load = [&] { store.load(); };
-  const auto save = [&](const json& patch) { return [&, patch] { json state = with(patch); store.save(state); }; };
+  const auto save = [&](const json& patch) {
+    return [&, patch] {
+      json state = with(patch);
+      store.save(state);
+    };
+  };
   const std::string malformed = "launcher_state: Launcher installation record is malformed; it was preserved",
                     identity = "launcher_state: Launcher manifest identity is invalid",
                     contradictory = "launcher_state: Launcher candidate/startup state is contradictory";
@@ -81,17 +98,22 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
       {with({{"extra", nullptr}}), load, malformed},
       {with({{"active", launcher_reference(std::string(64, 'A'), "b")}}), load, identity},
       {with({{"rollback", launcher_reference(std::string(64, 'a'), "B")}}), load, identity},
-      {with({{"candidate", nullptr}, {"attempt", {{"nonce", "a1"}}}}), load, "launcher_state: Launcher startup identity is invalid"},
+      {with({{"candidate", nullptr}, {"attempt", {{"nonce", "a1"}}}}), load,
+       "launcher_state: Launcher startup identity is invalid"},
       {with({{"attempt", {{"nonce", nonce}, {"reference", seeded}}}}), load, contradictory},
       {with({{"candidate", nullptr}, {"attempt", {{"nonce", nonce}}}}), load, contradictory},
       {base, save({{"generation", UINT64_MAX}}), "launcher_state: Launcher state generation is exhausted"},
-      {base, save({{"failed_candidate", {{"reference", seeded}, {"problem", std::string(32768, 'x')}}}}), "size_limit: Launcher state exceeds its durable bound"},
+      {base, save({{"failed_candidate", {{"reference", seeded}, {"problem", std::string(32768, 'x')}}}}),
+       "size_limit: Launcher state exceeds its durable bound"},
       {base, [&] { store.payload(nullptr); }, "launcher_missing: No working launcher is installed"},
       {base, [&] { store.manifest(nullptr); }, "launcher_missing: Install a verified launcher first"},
       {base, [&] { store.manifest(tampered); }, "content_mismatch: Stored launcher manifest changed"},
-      {base, [&] { store.manifest(launcher_reference(seeded["manifest_sha256"], "1.0.1")); }, "launcher_state: Launcher identity/platform differs from its local reference"},
-      {base, [&] { store.seed_initial(version.bytes, version.archive, {}); }, "already_installed: Initial launcher seeding requires a new owned profile"},
-      {base, [&] { fresh.seed_initial(foreign.bytes, foreign.archive, {}); }, "launcher_incompatible: Initial launcher targets another native platform"},
+      {base, [&] { store.manifest(launcher_reference(seeded["manifest_sha256"], "1.0.1")); },
+       "launcher_state: Launcher identity/platform differs from its local reference"},
+      {base, [&] { store.seed_initial(version.bytes, version.archive, {}); },
+       "already_installed: Initial launcher seeding requires a new owned profile"},
+      {base, [&] { fresh.seed_initial(foreign.bytes, foreign.archive, {}); },
+       "launcher_incompatible: Initial launcher targets another native platform"},
       {base, [&] { fresh.fallback_active(); }, "launcher_missing: No installed Zorvi version could be started"},
       {base, [&] { LauncherStore::existing(dir.path()); }, "unsafe_path: Cannot inspect prepared directory identity"},
   };
@@ -133,7 +155,8 @@ TEST(LauncherStore, FallbackTakesTheNewestUsableVersionWithinItsBound) {
   for (int i = 5; i < 64; ++i) fs::create_directory(versions / std::to_string(i));
   EXPECT_EQ(store.fallback_active()["manifest_sha256"], listed->path().filename().native());
   fs::create_directory(versions / "64");
-  EXPECT_EQ(outcome([&] { store.fallback_active(); }), "launcher_state: Too many launcher versions to choose a fallback");
+  EXPECT_EQ(outcome([&] { store.fallback_active(); }),
+            "launcher_state: Too many launcher versions to choose a fallback");
 }
 
 TEST(LauncherStore, OwnerRetriesUntilTheHolderLeaves) {

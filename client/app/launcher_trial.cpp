@@ -30,8 +30,9 @@ ChildProcess start_child(const LauncherStore& store, const json& attempt, const 
   const bool cli = start.interface == "cli";
   const fs::path entry = safe_join(payload, cli ? manifest.snapshot.executable : manifest.gui_executable, true);
   return ChildProcess(entry, launcher_arguments(start.data_dir, start.forwarded), payload,
-                      store.health_environment(attempt, start.interface), cli ? ChildStreams::Console : ChildStreams::Separated,
-                      ChildEnvironment::Inherited, {}, cli ? ChildGroup::Isolated : ChildGroup::Shared,
+                      store.health_environment(attempt, start.interface),
+                      cli ? ChildStreams::Console : ChildStreams::Separated, ChildEnvironment::Inherited, {},
+                      cli ? ChildGroup::Isolated : ChildGroup::Shared,
                       cli ? ChildControl::Interrupt : ChildControl::NoControl);
 }
 

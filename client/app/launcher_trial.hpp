@@ -23,8 +23,8 @@ struct CandidateStart {
   std::string interface;
   std::vector<std::string> forwarded;
   std::int64_t startup_limit_ms = 0;
-  bool nothing_active = false;           // the selection had no `active`
-  std::function<bool()> interrupted;     // a console's stop request, passed on
+  bool nothing_active = false;        // the selection had no `active`
+  std::function<bool()> interrupted;  // a console's stop request, passed on
 };
 
 // Tries the candidate and, once it is confirmed, stays as its parent: gives

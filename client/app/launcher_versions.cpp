@@ -34,7 +34,7 @@ bool later(const struct timespec& first, const struct timespec& second) {
 
 struct Usable {
   json reference;
-  struct timespec modified {};
+  struct timespec modified{};
 };
 
 }  // namespace
@@ -71,8 +71,7 @@ json LauncherStore::seed_initial(std::string_view manifest_bytes, const fs::path
   require(fresh && empty_directory(managed("manifests")) && empty_directory(managed("versions")), "already_installed",
           "Initial launcher seeding requires a new owned profile");
 
-  const LauncherManifest manifest =
-      LauncherManifest::parse(parse_json(manifest_bytes, max_launcher_manifest_bytes));
+  const LauncherManifest manifest = LauncherManifest::parse(parse_json(manifest_bytes, max_launcher_manifest_bytes));
   require(manifest.snapshot.platform == native_platform(), "launcher_incompatible",
           "Initial launcher targets another native platform");
   const std::string sha = digest(manifest_bytes, "sha256");
@@ -101,8 +100,8 @@ json LauncherStore::fallback_active() const {
   for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
     require(++seen <= max_fallback_versions, "launcher_state", "Too many launcher versions to choose a fallback");
     const std::string name = entry->path().filename().native();
-    struct stat directory {};
-    struct stat manifest_file {};
+    struct stat directory{};
+    struct stat manifest_file{};
     if (name.size() != 64 || ::lstat(entry->path().c_str(), &directory) != 0 || !S_ISDIR(directory.st_mode) ||
         ::lstat((launcher_ / "manifests" / (name + ".json")).c_str(), &manifest_file) != 0 ||
         !S_ISREG(manifest_file.st_mode))

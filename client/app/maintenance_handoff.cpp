@@ -9,7 +9,7 @@ namespace zorvi {
 namespace {
 
 json initial_view(const std::string& phase) {
-  return {{"phase", phase},         {"cancellable", true}, {"completed_bytes", 0}, {"total_bytes", 0},
+  return {{"phase", phase},        {"cancellable", true}, {"completed_bytes", 0}, {"total_bytes", 0},
           {"owned_path", nullptr}, {"problem", nullptr},  {"result", nullptr}};
 }
 
@@ -99,9 +99,8 @@ void MaintenanceHandoff::begin(const std::string& phase, const Operation& operat
 void MaintenanceHandoff::start(const std::filesystem::path& data_dir, std::string_view build_id,
                                std::chrono::milliseconds limit) {
   begin("preparing", [this, data_dir, build = std::string(build_id), limit] {
-    MaintenanceRuntime runtime = prepare_gui_maintenance(data_dir, build, [this](std::string_view phase) {
-      publish([&](json& view) { view["phase"] = phase; });
-    });
+    MaintenanceRuntime runtime = prepare_gui_maintenance(
+        data_dir, build, [this](std::string_view phase) { publish([&](json& view) { view["phase"] = phase; }); });
     require(!cancelled(), "cancelled", "Uninstall cancelled");
     // Once the window is on its way there is nothing left to cancel.
     publish([](json& view) { view.update({{"phase", "opening"}, {"cancellable", false}}); });

@@ -25,7 +25,7 @@ namespace zorvi {
 inline constexpr std::chrono::milliseconds maintenance_window_limit{30000};
 
 class MaintenanceHandoff {
-public:
+ public:
   // Gives back the operation's result; may throw.
   using Operation = std::function<json()>;
 
@@ -57,7 +57,7 @@ public:
   void join();
   std::optional<ChildProcess> take_child();
 
-private:
+ private:
   // Changes the view under the mutex and wakes the window.
   void publish(const std::function<void(json&)>& change);
 

@@ -18,8 +18,11 @@ namespace fs = std::filesystem;
 TEST(MaintenanceHandoff, RemovesABigTreeOnItsWorkerAndCanBeCancelledWhileItWaits) {
   testing::TempDir dir;
   const fs::path data = fs::canonical(dir.path()) / "data";
-  testing::run_python("import os, sys\nos.makedirs(sys.argv[1] + '/userdata')\nfor i in range(2000):\n d = '%s/launcher/%d' % (sys.argv[1], i % 40)\n"
-                      " os.makedirs(d, exist_ok=True)\n open('%s/%d' % (d, i), 'wb').write(os.urandom(4096))", {data.string()});
+  testing::run_python(
+      "import os, sys\nos.makedirs(sys.argv[1] + '/userdata')\nfor i in range(2000):\n d = '%s/launcher/%d' % "
+      "(sys.argv[1], i % 40)\n"
+      " os.makedirs(d, exist_ok=True)\n open('%s/%d' % (d, i), 'wb').write(os.urandom(4096))",
+      {data.string()});
   const auto bootstrap_running = [&] {  // in a folder whose last removal was cut short
     testing::write_text(data / ".zorvi-setup-incomplete", "");
     return std::make_unique<NativeFileLock>(data / ".native-bootstrap.lock", true, NativeLockSharing::exclusive_install,
@@ -41,8 +44,9 @@ TEST(MaintenanceHandoff, RemovesABigTreeOnItsWorkerAndCanBeCancelledWhileItWaits
   handoff.uninstall({data, false, 600000});
   handoff.join();
   const json view = handoff.view();
-  EXPECT_EQ(json({view["phase"], view["completed_bytes"], view["total_bytes"], view["owned_path"], view["result"]["kept"]}),
-            json({"succeeded", 1, 1, data.string(), {(data / "userdata").string()}}));
+  EXPECT_EQ(
+      json({view["phase"], view["completed_bytes"], view["total_bytes"], view["owned_path"], view["result"]["kept"]}),
+      json({"succeeded", 1, 1, data.string(), {(data / "userdata").string()}}));
   EXPECT_TRUE(!fs::exists(data / "launcher") && wakeups >= 6);
 
   running = bootstrap_running();

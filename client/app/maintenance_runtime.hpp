@@ -33,7 +33,7 @@ using MaintenancePhase = std::function<void(std::string_view phase)>;
 
 // One proved maintenance helper and how it is to be started.
 class MaintenanceRuntime {
-public:
+ public:
   // The helper of `role` declared by the stored version, proved by size and
   // SHA-256 against the version's manifest.
   static MaintenanceRuntime prepare(const LauncherStore& store, const json& reference, std::string_view role);
@@ -65,7 +65,7 @@ public:
   const std::filesystem::path& helper() const { return helper_; }
   const std::filesystem::path& ready_path() const { return ready_; }
 
-private:
+ private:
   MaintenanceRuntime(std::filesystem::path helper, std::filesystem::path copy, std::filesystem::path ready, bool owned);
   void release() noexcept;
 

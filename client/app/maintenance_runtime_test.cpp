@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 // Real installations of a package whose launcher carries zorvi-maintenance,
 // removed through the installed bootstrap and the version's own helpers.
 class Maintenance : public ::testing::Test {
-protected:
+ protected:
   static void SetUpTestSuite() {
     shared = new testing::SamplePackage("1.0.0");
     const std::string origin = shared->repository.server->base_url();
@@ -51,21 +51,26 @@ protected:
 // Whether `pid` holds a flock on `path` by the kernel's list: a look that
 // takes no lock, so it cannot get in the holder's way.
 bool holds_lock(std::uint64_t pid, const fs::path& path) {
-  return testing::run_command({"sh", "-c", "grep -Eq \"FLOCK .* $0 [0-9a-f]+:[0-9a-f]+:$(stat -c %i \"$1\") \" /proc/locks",
-                               std::to_string(pid), path}).status == 0;
+  return testing::run_command({"sh", "-c",
+                               "grep -Eq \"FLOCK .* $0 [0-9a-f]+:[0-9a-f]+:$(stat -c %i \"$1\") \" /proc/locks",
+                               std::to_string(pid), path})
+             .status == 0;
 }
 
 TEST_F(Maintenance, TheBootstrapHandsShortcutsAndUninstallsToTheVersionsVerifiedHelper) {
   install();
   const auto flip_byte = [&] {  // the helper damaged in place, its size kept
-    testing::run_python("import sys\nf = open(sys.argv[1], 'r+b')\nf.seek(4096)\nb = f.read(1)\nf.seek(4096)\n"
-                        "f.write(bytes([b[0] ^ 1]))", {LauncherStore(data).payload(reference) / "bin/zorvi-maintenance"});
+    testing::run_python(
+        "import sys\nf = open(sys.argv[1], 'r+b')\nf.seek(4096)\nb = f.read(1)\nf.seek(4096)\n"
+        "f.write(bytes([b[0] ^ 1]))",
+        {LauncherStore(data).payload(reference) / "bin/zorvi-maintenance"});
   };
   const json shortcut = json::parse(bootstrap({"--json", "self", "shortcut", "create", "--game", "g1"}).out);
   EXPECT_TRUE(fs::exists(shortcut.at("created").get<std::string>()));
   EXPECT_EQ(json::parse(bootstrap({"self", "shortcut", "remove"}).out)["removed"], json::array({shortcut["created"]}));
   flip_byte();
-  EXPECT_EQ(bootstrap({"self", "uninstall"}).err, "zorvi: The maintenance helper is damaged; run the Zorvi installer to repair it\n");
+  EXPECT_EQ(bootstrap({"self", "uninstall"}).err,
+            "zorvi: The maintenance helper is damaged; run the Zorvi installer to repair it\n");
   flip_byte();
   const testing::CommandResult removed = bootstrap({"--json", "self", "uninstall"});
   ASSERT_EQ(removed.status, 0) << removed.err;
@@ -76,7 +81,8 @@ TEST_F(Maintenance, TheBootstrapHandsShortcutsAndUninstallsToTheVersionsVerified
 
   testing::BootstrapInstall plain;
   plain.seed(testing::SampleRelease(plain.dir.path(), "2.0.0", 0, 0, ""));
-  EXPECT_EQ(plain.start({"self", "uninstall"}).err, "zorvi: This Zorvi version has no maintenance helper; use the Zorvi installer to uninstall\n");
+  EXPECT_EQ(plain.start({"self", "uninstall"}).err,
+            "zorvi: This Zorvi version has no maintenance helper; use the Zorvi installer to uninstall\n");
 }
 
 // A windowed helper that never reports is ended at the limit. The real one
@@ -95,8 +101,9 @@ TEST_F(Maintenance, TheWindowedHelperIsHandedOverOnceReadyAndItsRemovalOutwaitsA
   ::unsetenv("ZORVI_STAND_IN_RECORDS");
   const json record = json::parse(testing::run_command({"sh", "-c", "cat \"$0\"/*.json", silent.dir.path()}).out);
   const json& environment = record["environment"];  // terminated, cleaned up, and never taken for a trial
-  EXPECT_EQ(json({testing::pid_exists(record["pid"]), fs::exists(quiet.ready_path()), environment["ZORVI_MAINTENANCE_READY"],
-                  environment["ZORVI_LAUNCHER_HEALTH_NONCE"]}), json({false, false, quiet.ready_path().string(), ""}));
+  EXPECT_EQ(json({testing::pid_exists(record["pid"]), fs::exists(quiet.ready_path()),
+                  environment["ZORVI_MAINTENANCE_READY"], environment["ZORVI_LAUNCHER_HEALTH_NONCE"]}),
+            json({false, false, quiet.ready_path().string(), ""}));
 
   install();
   ChildProcess holder(testing::binary_dir() / "lifetime_holder", {data / "native/bootstrap/bin/zorvi-bootstrap"},
@@ -108,7 +115,8 @@ TEST_F(Maintenance, TheWindowedHelperIsHandedOverOnceReadyAndItsRemovalOutwaitsA
   ::kill(static_cast<pid_t>(holder.pid()), SIGKILL);
   EXPECT_EQ(helper.wait(), 0);
   EXPECT_TRUE(removed_keeping_user_data());
-  EXPECT_EQ(fs::status(fs::temp_directory_path()).permissions() & fs::perms::others_all, fs::perms::others_all);  // the ready file left the shared /tmp as it was
+  EXPECT_EQ(fs::status(fs::temp_directory_path()).permissions() & fs::perms::others_all,
+            fs::perms::others_all);  // the ready file left the shared /tmp as it was
 }
 
 TEST(MaintenanceRuntime, Refusals) {
@@ -119,18 +127,39 @@ TEST(MaintenanceRuntime, Refusals) {
     return ::unsetenv(name), got;
   };
   const std::string shortcut = "usage: Use self shortcut create [--game GAME] or self shortcut remove";
-  const struct { std::string got, expected; } rows[] = {
-      {testing::outcome([] { maintenance_arguments({"self", "uninstall", "--remove-data", "--remove-data"}, "d"); }), "usage: Use self uninstall [--remove-data]"},
+  const struct {
+    std::string got, expected;
+  } rows[] = {
+      {testing::outcome([] { maintenance_arguments({"self", "uninstall", "--remove-data", "--remove-data"}, "d"); }),
+       "usage: Use self uninstall [--remove-data]"},
       {testing::outcome([&] { native_maintenance_control(dir / "data", {"self", "shortcut"}, {}); }), shortcut},
-      {testing::outcome([&] { native_maintenance_control(dir / "data", {"--json", "self", "shortcut", "create", "--game"}, {}); }), shortcut},
-      {testing::outcome([&] { native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "no way"}, {}); }), shortcut},
-      {testing::outcome([&] { native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "--json", "g1"}, {}); }), shortcut},
-      {testing::outcome([&] { prepare_console_maintenance(LauncherStore(dir / "data", true), json(), {"self", "uninstall"}, [] { return true; }, false); }), "cancelled: Uninstall cancelled"},
-      {testing::outcome([] { require_maintenance_runtime_image("/tmp/zorvi-maintenance-1/bin/zorvi"); }), "maintenance_copy: A temporary maintenance helper cannot start Zorvi"},
-      {with_variable("ZORVI_MAINTENANCE_COPY", [] { MaintenanceRuntime::attach("maintenance", "1.0.0"); }), "maintenance_copy: Maintenance helper copy path is invalid"},
-      {testing::outcome([&] { prepare_gui_maintenance(dir / "data", "1.0.0", {}); }), "maintenance_unavailable: Start the installed Zorvi GUI or use the external installer to review removal"},
-      {with_variable("ZORVI_LAUNCHER_HEALTH_NONCE", [&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }), "maintenance_unavailable: Start native maintenance through the installed bootstrap to release startup ownership"},
-      {testing::outcome([&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }), "maintenance_unavailable: Installed maintenance needs a managed launcher image; use the external installer"},
+      {testing::outcome(
+           [&] { native_maintenance_control(dir / "data", {"--json", "self", "shortcut", "create", "--game"}, {}); }),
+       shortcut},
+      {testing::outcome(
+           [&] { native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "no way"}, {}); }),
+       shortcut},
+      {testing::outcome([&] {
+         native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "--json", "g1"}, {});
+       }),
+       shortcut},
+      {testing::outcome([&] {
+         prepare_console_maintenance(
+             LauncherStore(dir / "data", true), json(), {"self", "uninstall"}, [] { return true; }, false);
+       }),
+       "cancelled: Uninstall cancelled"},
+      {testing::outcome([] { require_maintenance_runtime_image("/tmp/zorvi-maintenance-1/bin/zorvi"); }),
+       "maintenance_copy: A temporary maintenance helper cannot start Zorvi"},
+      {with_variable("ZORVI_MAINTENANCE_COPY", [] { MaintenanceRuntime::attach("maintenance", "1.0.0"); }),
+       "maintenance_copy: Maintenance helper copy path is invalid"},
+      {testing::outcome([&] { prepare_gui_maintenance(dir / "data", "1.0.0", {}); }),
+       "maintenance_unavailable: Start the installed Zorvi GUI or use the external installer to review removal"},
+      {with_variable("ZORVI_LAUNCHER_HEALTH_NONCE",
+                     [&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }),
+       "maintenance_unavailable: Start native maintenance through the installed bootstrap to release startup "
+       "ownership"},
+      {testing::outcome([&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }),
+       "maintenance_unavailable: Installed maintenance needs a managed launcher image; use the external installer"},
   };
   for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
   EXPECT_EQ(maintenance_arguments({"--json", "self", "uninstall", "--remove-data"}, "d"),

@@ -40,7 +40,6 @@ struct InstallPlan {
 
 bool present(const fs::path& path) { return entry_present(path); }
 
-
 std::string utc_now() {
   const std::time_t now = std::time(nullptr);
   std::tm parts{};
@@ -50,12 +49,14 @@ std::string utc_now() {
   return text;
 }
 
-void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome,
-                  std::string_view message) {
+void write_status(const DataPaths& paths, std::string_view action, std::string_view outcome, std::string_view message) {
   if (!directory_present(paths.native)) return;
-  const json record{{"schema_version", 1},         {"kind", "zorvi-setup-status"},
-                    {"action", action},            {"outcome", outcome},
-                    {"message", std::string(utf8_prefix(message, max_status_message_bytes))}, {"finished_at", utc_now()}};
+  const json record{{"schema_version", 1},
+                    {"kind", "zorvi-setup-status"},
+                    {"action", action},
+                    {"outcome", outcome},
+                    {"message", std::string(utf8_prefix(message, max_status_message_bytes))},
+                    {"finished_at", utc_now()}};
   atomic_write(paths.status, record.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
@@ -276,8 +277,8 @@ NativeInstallResult locked_install(const DataPaths& paths, const NativePackage& 
     const InstallPlan plan = stage_and_commit(paths, package, request.repair, callbacks);
     result.data_root = paths.root;
     result.repaired = request.repair;
-    for (const auto& [done, name] : {std::pair{plan.bootstrap, "bootstrap"}, std::pair{plan.launcher, "launcher"},
-                                      std::pair{plan.trust, "trust"}})
+    for (const auto& [done, name] :
+         {std::pair{plan.bootstrap, "bootstrap"}, std::pair{plan.launcher, "launcher"}, std::pair{plan.trust, "trust"}})
       if (done) result.replaced.emplace_back(name);
     result.bootstrap = safe_join(paths.bootstrap, installed_bootstrap_manifest(paths).executable, true);
   }
@@ -307,10 +308,14 @@ DataPaths::DataPaths(const fs::path& folder)
 json NativeInstallResult::to_json() const {
   json shortcut_paths = json::array();
   for (const fs::path& path : shortcuts) shortcut_paths.push_back(path_utf8(path));
-  return {{"schema_version", 1},       {"installed", true},
-          {"repaired", repaired},      {"data_root", path_utf8(data_root)},
-          {"bootstrap", path_utf8(bootstrap)}, {"replaced", replaced},
-          {"shortcuts", shortcut_paths}, {"shortcut_problem", warning}};
+  return {{"schema_version", 1},
+          {"installed", true},
+          {"repaired", repaired},
+          {"data_root", path_utf8(data_root)},
+          {"bootstrap", path_utf8(bootstrap)},
+          {"replaced", replaced},
+          {"shortcuts", shortcut_paths},
+          {"shortcut_problem", warning}};
 }
 
 void check_installation(const DataPaths& paths) {
@@ -341,7 +346,7 @@ fs::path data_folder(const fs::path& path) {
   const fs::path normal = fs::absolute(path).lexically_normal();
   require(normal != normal.root_path() && !normal.filename().empty(), "unsafe_path",
           "The data folder cannot be a filesystem root");
-  struct stat status {};
+  struct stat status{};
   require(!(::lstat(normal.c_str(), &status) == 0 && S_ISLNK(status.st_mode)), "unsafe_path",
           "The data folder cannot be a symbolic link");
   return normal;
@@ -415,7 +420,7 @@ NativeInstallResult NativeInstaller::install(const NativeInstallRequest& request
   require_path_room(paths.root, fs::path("launcher-root/launcher/versions") / std::string(64, '0'),
                     package.launcher.snapshot.longest_native_path());
   require_path_room(paths.native, "bootstrap-update.partial", package.bootstrap.longest_native_path());
-  struct stat status {};
+  struct stat status{};
   const bool fresh = ::lstat(paths.root.c_str(), &status) != 0;
   require_installable(paths, fresh, request.repair);
   bool holds_setup_lock = false;

@@ -121,10 +121,10 @@ std::filesystem::path default_install_folder(const std::optional<Brand>& brand);
 // `package`, its manifest proved through the seal and the descriptor alone
 // (the archive is held to that manifest file by file as it is unpacked).
 std::function<void(const std::filesystem::path& root)> package_launcher_seeder(const std::filesystem::path& package,
-                                                                             std::string_view seal);
+                                                                               std::string_view seal);
 
 class NativeInstaller {
-public:
+ public:
   static NativeInstallResult install(const NativeInstallRequest& request, std::string_view seal,
                                      const NativeSetupCallbacks& callbacks);
 

@@ -17,7 +17,7 @@ using testing::TempDir;
 // A package of a python-tuf repository served by nginx, made by the real
 // builder, and data folders to install it into.
 class NativeInstall : public ::testing::Test {
-protected:
+ protected:
   static void SetUpTestSuite() {
     shared = new testing::SamplePackage("1.0.0");
     std::string origin = shared->repository.server->base_url();
@@ -29,7 +29,8 @@ protected:
 
   static NativeInstallResult install(const fs::path& folder, bool repair = false,
                                      std::function<bool()> cancelled = {}) {
-    const NativeSetupCallbacks callbacks{{}, std::move(cancelled), package_launcher_seeder(shared->package, shared->seal)};
+    const NativeSetupCallbacks callbacks{
+        {}, std::move(cancelled), package_launcher_seeder(shared->package, shared->seal)};
     return NativeInstaller::install({shared->package, folder, repair, false}, shared->seal, callbacks);
   }
   // The installed bootstrap, its first launcher and the trust root all work.
@@ -39,7 +40,8 @@ protected:
     const LauncherStore store = LauncherStore::existing(folder);
     const json version = store.status()["candidate"].is_null() ? store.status()["active"] : store.status()["candidate"];
     EXPECT_NO_THROW(verify_snapshot_tree(store.manifest(version).snapshot, store.payload(version), {}));
-    TufClient client(paths.trust, *shared->repository.metadata, *shared->repository.targets, {1 << 20, 1 << 16, 1 << 22, 8, 8}, {});
+    TufClient client(paths.trust, *shared->repository.metadata, *shared->repository.targets,
+                     {1 << 20, 1 << 16, 1 << 22, 8, 8}, {});
     EXPECT_NO_THROW(client.refresh());
   }
 
@@ -98,10 +100,15 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
   fs::create_directories(stuck / "native/held/x");
   fs::permissions(dir.path(), fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
   const auto as_nobody = [&](const fs::path& target) {
-    const std::string out = testing::run_command({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", testing::binary_dir() / "install_entry", "--uninstall", target}).out;
-    throw Error(out.substr(0, out.find(':')), out.substr(out.find(": ") + 2, out.size() - out.find(": ") - 3)); };
+    const std::string out = testing::run_command({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                                  testing::binary_dir() / "install_entry", "--uninstall", target})
+                                .out;
+    throw Error(out.substr(0, out.find(':')), out.substr(out.find(": ") + 2, out.size() - out.find(": ") - 3));
+  };
   // Cancels once the install has begun to unpack into its staging folder.
-  const auto unpacking = [](const fs::path& target) { return [target] { return fs::exists(target / "native/staging"); }; };
+  const auto unpacking = [](const fs::path& target) {
+    return [target] { return fs::exists(target / "native/staging"); };
+  };
   const std::pair<std::function<void()>, std::string> rows[] = {
       {[&] { install(dir / "fresh", true); }, "not_installed: Zorvi is not installed in " + (dir / "fresh").string()},
       {[&] { install(empty, true); }, "not_installed: Zorvi is not installed in " + empty.string()},
@@ -111,21 +118,33 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
       {[&] { install("/"); }, "unsafe_path: The data folder cannot be a filesystem root"},
       {[&] { install(link); }, "unsafe_path: The data folder cannot be a symbolic link"},
       {[&] { install(shared->package / "data"); }, "unsafe_path: The package and data folders overlap"},
-      {[&] { const NativeFileLock other(empty / ".zorvi-setup.lock", true, NativeLockSharing::shared_install, LockMode::exclusive); install(empty); }, "busy: Another worker owns this native installation"},
-      {[&] { install(dir / "new", false, unpacking(dir / "new")); }, "cancelled: Operation cancelled at a safe boundary"},
+      {[&] {
+         const NativeFileLock other(empty / ".zorvi-setup.lock", true, NativeLockSharing::shared_install,
+                                    LockMode::exclusive);
+         install(empty);
+       },
+       "busy: Another worker owns this native installation"},
+      {[&] { install(dir / "new", false, unpacking(dir / "new")); },
+       "cancelled: Operation cancelled at a safe boundary"},
       {[&] { install(empty, false, unpacking(empty)); }, "cancelled: Operation cancelled at a safe boundary"},
-      {[&] { NativeInstaller::install({tampered, dir / "t", false, false}, shared->seal, {}); }, "invalid_native_package: Initial package contains an unexpected entry: notes.txt"},
+      {[&] { NativeInstaller::install({tampered, dir / "t", false, false}, shared->seal, {}); },
+       "invalid_native_package: Initial package contains an unexpected entry: notes.txt"},
       {[&] { NativeInstaller::uninstall({empty}, {}); }, "not_installed: Zorvi is not installed in " + empty.string()},
       {[&] { NativeInstaller::remove_shortcuts(empty); }, "not_installed: Zorvi is not installed in " + empty.string()},
       {[&] { NativeInstaller::uninstall({data}, {{}, [] { return true; }, {}}); }, "cancelled: Setup was cancelled"},
       {[&] { as_nobody(stuck); }, "file_remove: Cannot remove " + (stuck / "native/held/x").string()},
       {[&] { NativeInstaller::status(records); }, "unsupported_schema: Unsupported setup status record"},
-      {[&] { testing::write_text(records / "native/setup-status.json", R"({"schema_version": 1, "kind": "zorvi-setup-status"})"); NativeInstaller::status(records); }, "unsupported_schema: Setup status record is malformed: " + (records / "native/setup-status.json").string()},
+      {[&] {
+         testing::write_text(records / "native/setup-status.json",
+                             R"({"schema_version": 1, "kind": "zorvi-setup-status"})");
+         NativeInstaller::status(records);
+       },
+       "unsupported_schema: Setup status record is malformed: " + (records / "native/setup-status.json").string()},
   };
   for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
   EXPECT_FALSE(fs::exists(dir / "new") || fs::exists(dir / "t"));  // a failed install into a new folder leaves none
-  EXPECT_TRUE(fs::is_empty(empty));  // nor a lock in a folder that was empty
-  EXPECT_NO_THROW(install(earlier));  // user data marks an earlier data folder
+  EXPECT_TRUE(fs::is_empty(empty));                                // nor a lock in a folder that was empty
+  EXPECT_NO_THROW(install(earlier));                               // user data marks an earlier data folder
   {
     const NativeFileLock running(data / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install,
                                  LockMode::shared);
@@ -142,9 +161,13 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
 // stays as it was. ZORVI_CRASH_ROUNDS repeats the campaign.
 TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheNextRepair) {
   const auto entry = [&](const fs::path& folder, int kill_at, bool repair) {
-    std::vector<std::string> argv{"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
+    std::vector<std::string> argv{"env",
+                                  "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
                                   "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(),
-                                  testing::binary_dir() / "install_entry", shared->seal, shared->package, folder};
+                                  testing::binary_dir() / "install_entry",
+                                  shared->seal,
+                                  shared->package,
+                                  folder};
     if (repair) argv.emplace_back("--repair");
     return testing::run_command(argv);
   };
@@ -172,7 +195,8 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheN
         SCOPED_TRACE((repair ? "repair, step " : "install, step ") + std::to_string(step));
         fresh(repair);
         ASSERT_EQ(entry(folder, step, repair).status, 128 + 9);
-        const bool begun = entry_present(folder / ".zorvi-setup-incomplete") || entry_present(folder / "native/installation.json");
+        const bool begun =
+            entry_present(folder / ".zorvi-setup-incomplete") || entry_present(folder / "native/installation.json");
         const testing::CommandResult next = entry(folder, 0, begun);
         ASSERT_EQ(next.status, 0) << next.out;
         expect_working(folder);
@@ -190,7 +214,9 @@ TEST_F(NativeInstall, UninstallKeepsUserDataAndEditedShortcutsUnlessAskedToRemov
   fs::create_directories(data / "userdata");
   testing::write_text(data / "settings.json", "{}");
   const fs::path menu = NativeInstaller::create_shortcut(data, "", "", "").at("path").get<std::string>();
-  const fs::path edited = NativeInstaller::create_shortcut(data, "", data.parent_path() / "Mine.desktop", "Mine").at("path").get<std::string>();
+  const fs::path edited = NativeInstaller::create_shortcut(data, "", data.parent_path() / "Mine.desktop", "Mine")
+                              .at("path")
+                              .get<std::string>();
   testing::write_text(edited, "[Desktop Entry]\n");
   const NativeUninstallResult kept = NativeInstaller::uninstall({data}, {});
   EXPECT_EQ(kept.kept, (std::vector<fs::path>{data / "settings.json", data / "userdata"}));
@@ -203,7 +229,12 @@ TEST_F(NativeInstall, UninstallKeepsUserDataAndEditedShortcutsUnlessAskedToRemov
 // Kills an uninstall after each of its durable steps: what it leaves starts
 // nothing, and the next uninstall finishes the work.
 TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnUninstallIsFinishedByTheNextOne) {
-  const auto entry = [&](int kill_at) { return testing::run_command({"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at), "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(), testing::binary_dir() / "install_entry", "--uninstall", data}).status; };
+  const auto entry = [&](int kill_at) {
+    return testing::run_command({"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
+                                 "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(),
+                                 testing::binary_dir() / "install_entry", "--uninstall", data})
+        .status;
+  };
   const fs::path installed = install(dir / "installed").data_root;
   testing::write_text(installed / "settings.json", "{}");
   for (int step = 0, total = 1; step < total; ++step) {
@@ -211,7 +242,9 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnUninstallIsFinishedByTheNextOne
     testing::run_command({"cp", "-aT", installed, data});
     ASSERT_EQ(entry(step), step == 0 ? 0 : 128 + 9);
     if (step == 0) total = std::stoi(testing::read_text(dir / "steps"));
-    EXPECT_TRUE(!entry_present(data / ".zorvi-setup-incomplete") || (NativeInstaller::status(data).incomplete && testing::caught([&] { require_complete_native_install(data); }).code == "native_install_incomplete"));
+    EXPECT_TRUE(!entry_present(data / ".zorvi-setup-incomplete") ||
+                (NativeInstaller::status(data).incomplete &&
+                 testing::caught([&] { require_complete_native_install(data); }).code == "native_install_incomplete"));
     EXPECT_EQ(entry(0), step == 0 ? 1 : 0);  // after a finished uninstall there is nothing to remove
     EXPECT_EQ(testing::read_text(data / "settings.json"), "{}");
   }

@@ -23,7 +23,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* refused = "invalid_native_package";
-constexpr const char* no_seal_to_build = "This installer has no package seal; build it with ZORVI_INITIAL_PACKAGE_SHA256";
+constexpr const char* no_seal_to_build =
+    "This installer has no package seal; build it with ZORVI_INITIAL_PACKAGE_SHA256";
 constexpr std::size_t max_featured_name_bytes = 80;
 
 // One file of the package as the descriptor describes it.
@@ -184,15 +185,15 @@ void check_root(const std::string& bytes) {
   const json root = parse_json(bytes, max_package_document_bytes);
   shape(root, "root");
   verify_threshold(root, root["signed"]["keys"], root["signed"]["roles"]["root"]);
-  const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
-      std::chrono::system_clock::now().time_since_epoch());
+  const auto now =
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch());
   require(parse_tuf_time(root["signed"]["expires"].get<std::string>()) > now.count(), "expired_metadata",
           "The initial package's TUF root has expired");
 }
 
 void check_fixed_members(const json& rest) {
-  require(has_exactly(rest, {"schema_version", "kind", "platform", "origin", "root", "ca_bundle",
-                             "bootstrap_manifest", "launcher_manifest"}),
+  require(has_exactly(rest, {"schema_version", "kind", "platform", "origin", "root", "ca_bundle", "bootstrap_manifest",
+                             "launcher_manifest"}),
           refused, "Initial package record has unknown or missing fields");
   require(rest["schema_version"].is_number_integer() && rest["schema_version"] == 1 &&
               rest["kind"] == "zorvi-initial-package",
@@ -279,8 +280,8 @@ NativePackage prove_package(const fs::path& directory, std::string_view seal, co
   validate_bootstrap_contract(package.bootstrap);
   package.launcher = LauncherManifest::parse(parse_json(package.launcher_manifest, max_package_document_bytes));
   check_manifests(package);
-  resources.push_back({package.bootstrap.archive_target, package.bootstrap.archive_sha256,
-                       package.bootstrap.archive_length});
+  resources.push_back(
+      {package.bootstrap.archive_target, package.bootstrap.archive_sha256, package.bootstrap.archive_length});
   resources.push_back({package.launcher.snapshot.archive_target, package.launcher.snapshot.archive_sha256,
                        package.launcher.snapshot.archive_length});
   check_folder(folder, resources, progress ? progress : Progress([](std::uint64_t, std::uint64_t) { return true; }));

@@ -49,15 +49,15 @@ struct NativePackage {
   std::filesystem::path directory;  // absolute and lexically normal
   std::string descriptor_sha256;    // the seal
   std::string origin;
-  std::string root;                 // bytes of the TUF root
-  std::string ca_bundle;            // PEM bytes; empty without a bundle
-  std::string bootstrap_manifest;   // exact bytes
-  std::string launcher_manifest;    // exact bytes
+  std::string root;                // bytes of the TUF root
+  std::string ca_bundle;           // PEM bytes; empty without a bundle
+  std::string bootstrap_manifest;  // exact bytes
+  std::string launcher_manifest;   // exact bytes
   SnapshotManifest bootstrap;
   LauncherManifest launcher;
   std::optional<FeaturedGame> featured_game;
   std::optional<Brand> brand;
-  std::string brand_icon;           // empty without a brand
+  std::string brand_icon;  // empty without a brand
   std::optional<SealedTheme> theme;
 
   std::filesystem::path bootstrap_archive() const;

@@ -9,8 +9,8 @@ namespace zorvi {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::TempDir;
 using testing::outcome;
+using testing::TempDir;
 
 // Re-signs the repository's root, to expire a second ago, into the file named.
 constexpr const char* expired_root_script = R"(
@@ -26,17 +26,19 @@ open(sys.argv[2], 'wb').write(root.to_bytes())
 // A branded package, with theme and featured game, built from a repository
 // of one bootstrap and one launcher release by the real builder.
 class NativePackageTest : public ::testing::Test {
-protected:
+ protected:
   static void SetUpTestSuite() {
     shared = new testing::SamplePackage("b1");
     const fs::path brand = shared->dir / "brand.json", icon = shared->dir / "brand.ico";
     testing::write_good_theme(shared->dir / "theme", "banner.bmp:64:32:24:0");
     testing::write_text(brand, R"({"name": "Acme Games", "id": "acme", "publisher": "Acme"})");
-    testing::run_python("import struct, sys\nopen(sys.argv[1], 'wb').write(struct.pack('<3H4B2H2I', 0, 1, 1, 1, 1, 0, 0, 1, "
-                        "32, 4, 22) + bytes(4))", {icon.string()});
-    const testing::CommandResult built = shared->build("https://127.0.0.1:8443",
-        {"--brand", brand.string(), "--icon", icon.string(), "--theme", (shared->dir / "theme").string(),
-         "--featured-game", "demo", std::string(80, 'n')});
+    testing::run_python(
+        "import struct, sys\nopen(sys.argv[1], 'wb').write(struct.pack('<3H4B2H2I', 0, 1, 1, 1, 1, 0, 0, 1, "
+        "32, 4, 22) + bytes(4))",
+        {icon.string()});
+    const testing::CommandResult built = shared->build(
+        "https://127.0.0.1:8443", {"--brand", brand.string(), "--icon", icon.string(), "--theme",
+                                   (shared->dir / "theme").string(), "--featured-game", "demo", std::string(80, 'n')});
     ASSERT_EQ(built.status, 0) << built.err;
   }
   static void TearDownTestSuite() { delete shared; }
@@ -46,12 +48,14 @@ protected:
 TEST_F(NativePackageTest, BuilderSealsWhatTheReaderProves) {
   EXPECT_EQ(shared->seal, digest(testing::read_text(shared->package / "initial-package.json"), "sha256"));
   std::size_t files = 0;
-  const NativePackage package = read_native_package(shared->package, shared->seal, [&](std::uint64_t done, std::uint64_t total) {
-    files += done == total;
-    return true;
-  });
+  const NativePackage package =
+      read_native_package(shared->package, shared->seal, [&](std::uint64_t done, std::uint64_t total) {
+        files += done == total;
+        return true;
+      });
   EXPECT_EQ(files, 13u);  // root, CA, 2 manifests, 2 archives, icon, definition and 5 theme files
-  EXPECT_EQ(package.launcher.snapshot.build_id + package.bootstrap.build_id + package.origin, "b1b1https://127.0.0.1:8443");
+  EXPECT_EQ(package.launcher.snapshot.build_id + package.bootstrap.build_id + package.origin,
+            "b1b1https://127.0.0.1:8443");
   EXPECT_EQ(package.ca_bundle, testing::read_text(shared->repository.server->ca_bundle()));
   ASSERT_TRUE(package.theme && package.featured_game);
   EXPECT_EQ(package.featured_game->name.size(), 80u);
@@ -66,7 +70,8 @@ TEST_F(NativePackageTest, BuilderSealsWhatTheReaderProves) {
 
 TEST_F(NativePackageTest, BuilderRefusesAMissingTargetAndLeavesNothing) {
   TempDir dir;
-  testing::run_command({"python3", (testing::source_dir() / "tests/tuf_repository.py").string(), (dir / "bare").string(), "build"});
+  testing::run_command(
+      {"python3", (testing::source_dir() / "tests/tuf_repository.py").string(), (dir / "bare").string(), "build"});
   const testing::CommandResult result = testing::package_builder(dir / "bare", dir / "out", "https://127.0.0.1:8443");
   EXPECT_EQ(std::to_string(result.status) + " " + result.err,
             "1 zorvi-package: The repository has no target bootstrap-linux-x86_64.manifest.json\n");
@@ -76,7 +81,10 @@ TEST_F(NativePackageTest, BuilderRefusesAMissingTargetAndLeavesNothing) {
 // A copy of the built package with one thing changed, and sealed again
 // unless the row says otherwise.
 struct Edit {
-  fs::path dir; json descriptor; std::string seal; bool reseal = true;
+  fs::path dir;
+  json descriptor;
+  std::string seal;
+  bool reseal = true;
 
   // New bytes for the file a descriptor resource names, described truly.
   void replace(const json::json_pointer& at, const std::string& bytes) {
@@ -84,59 +92,124 @@ struct Edit {
     descriptor[at]["length"] = bytes.size();
     descriptor[at]["sha256"] = digest(bytes, "sha256");
   }
-  json manifest(const char* name) const { return parse_json(testing::read_text(dir / descriptor[name]["path"].get<std::string>()), 1 << 20); }
+  json manifest(const char* name) const {
+    return parse_json(testing::read_text(dir / descriptor[name]["path"].get<std::string>()), 1 << 20);
+  }
 };
 
 TEST_F(NativePackageTest, EachFailureRowIsReached) {
   using Change = std::function<void(Edit&)>;
   enum Reader { full, theme, icon };
   const std::vector<std::tuple<Change, Reader, std::string>> rows = {
-      {[](Edit& e) { e.seal = ""; }, full, "native_install_trust: This installer has no package seal; build it with ZORVI_INITIAL_PACKAGE_SHA256"},
+      {[](Edit& e) { e.seal = ""; }, full,
+       "native_install_trust: This installer has no package seal; build it with ZORVI_INITIAL_PACKAGE_SHA256"},
       {[](Edit& e) { e.seal = "x"; }, theme, "native_install_trust: This installer has no package seal"},
-      {[](Edit& e) { e.descriptor["origin"] = "https://127.0.0.1:8444"; e.reseal = false; }, full, "native_install_trust: This package is not the one this installer was built for"},
-      {[](Edit& e) { fs::rename(e.dir, e.dir.string() + ".real"); fs::create_directory_symlink(e.dir.string() + ".real", e.dir); }, full, "invalid_native_package: Choose an initial package directory"},
-      {[](Edit& e) { e.descriptor["origin"] = 443; }, full, "invalid_native_package: Initial package metadata is malformed"},
-      {[](Edit& e) { e.descriptor.erase("ca_bundle"); }, full, "invalid_native_package: Initial package record has unknown or missing fields"},
-      {[](Edit& e) { e.descriptor["root"]["length"] = -1; }, full, "invalid_native_package: Resource length must be an unsigned integer"},
-      {[](Edit& e) { e.descriptor["root"]["sha256"] = std::string(64, 'A'); }, full, "invalid_native_package: Resource hash must be a lowercase SHA-256 digest"},
-      {[](Edit& e) { e.descriptor["root"]["path"] = "initial-package.json"; }, full, "invalid_native_package: Initial package resources need distinct flat names"},
-      {[](Edit& e) { e.descriptor["ca_bundle"] = e.descriptor["root"]; }, full, "invalid_native_package: Initial package resources overlap"},
-      {[](Edit& e) { testing::write_text(e.dir / ".DS_Store", ""); }, full, "invalid_native_package: Initial package contains an unexpected entry: .DS_Store"},
-      {[](Edit& e) { fs::remove(e.dir / "bootstrap-b1.tar.zst"); }, full, "invalid_native_package: Initial package is missing a resource"},
-      {[](Edit& e) { fs::rename(e.dir / "root.json", e.dir / "r"); fs::create_symlink("r", e.dir / "root.json"); }, full, "invalid_native_package: Initial package resource is missing or not a plain file"},
-      {[](Edit& e) { e.replace("/brand/icon"_json_pointer, std::string("\0\0\1\0", 4) + std::string(17, 'i')); }, full, "invalid_native_package: The brand icon is not an .ico file"},
-      {[](Edit& e) { e.descriptor["brand"]["colour"] = "red"; }, full, "invalid_native_package: Brand has unknown or missing fields"},
-      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"] = json::array(); }, full, "invalid_native_package: Brand theme files must be an object"},
-      {[](Edit& e) { e.descriptor["brand"]["theme"]["definition"]["path"] = "root.json"; }, full, "invalid_native_package: Brand theme definition must be theme.json"},
-      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"]["icon.bmp"]["path"] = "theme-banner.bmp"; }, full, "invalid_native_package: Brand theme files are stored as theme-NAME"},
-      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"].erase("LICENSE.txt"); fs::remove(e.dir / "theme-LICENSE.txt"); }, theme, "invalid_native_package: Brand theme files differ from its definition"},
-      {[](Edit& e) { e.descriptor["featured_game"].erase("name"); }, full, "invalid_native_package: Featured game must name an id and a display name"},
-      {[](Edit& e) { e.descriptor["featured_game"]["name"] = std::string(81, 'n'); }, full, "invalid_native_package: Featured game name must be 1 to 80 bytes"},
-      {[](Edit& e) { e.descriptor["schema_version"] = 2; }, full, "unsupported_schema: Unsupported initial package schema"},
-      {[](Edit& e) { e.descriptor["platform"] = "macos-aarch64"; }, full, "launcher_incompatible: This package is for another platform"},
-      {[](Edit& e) { json m = e.manifest("launcher_manifest"); m["platform"] = "macos-aarch64"; e.replace("/launcher_manifest"_json_pointer, m.dump()); }, full, "launcher_incompatible: Package images are for another platform"},
-      {[](Edit& e) { e.descriptor["origin"] = "https://127.0.0.1:8443/zorvi"; }, full, "invalid_origin: The package origin must be a plain HTTPS origin"},
-      {[](Edit& e) { testing::run_python(expired_root_script, {(shared->repository.repo / "state.pickle").string(), (e.dir / "root.json").string()}); e.replace("/root"_json_pointer, testing::read_text(e.dir / "root.json")); }, full, "expired_metadata: The initial package's TUF root has expired"},
-      {[](Edit& e) { e.descriptor["root"]["length"] = 0; }, full, "size_limit: Initial package resource exceeds its size limit"},
-      {[](Edit& e) { json m = e.manifest("bootstrap_manifest"); m["archive"]["length"] = (1u << 30) + 1u; e.replace("/bootstrap_manifest"_json_pointer, m.dump()); }, full, "size_limit: Initial package payload is too large"},
-      {[](Edit& e) { for (auto& [name, file] : e.descriptor["brand"]["theme"]["files"].items()) file["length"] = 4194304; }, theme, "size_limit: Brand theme files exceed 16 MiB together"},
-      {[](Edit& e) { e.descriptor["root"]["length"] = e.descriptor["root"]["length"].get<int>() + 1; }, full, "content_mismatch: Initial package resource has the wrong length"},
-      {[](Edit& e) { std::string a = testing::read_text(e.dir / "launcher-b1.tar.zst"); a.back() ^= 1; testing::write_text(e.dir / "launcher-b1.tar.zst", a); }, full, "content_mismatch: Initial package resource changed: launcher-b1.tar.zst"},
-      {[](Edit& e) { testing::write_text(e.dir / "brand.ico", std::string(26, 'x')); }, icon, "content_mismatch: Initial package icon differs from its descriptor"},
+      {[](Edit& e) {
+         e.descriptor["origin"] = "https://127.0.0.1:8444";
+         e.reseal = false;
+       },
+       full, "native_install_trust: This package is not the one this installer was built for"},
+      {[](Edit& e) {
+         fs::rename(e.dir, e.dir.string() + ".real");
+         fs::create_directory_symlink(e.dir.string() + ".real", e.dir);
+       },
+       full, "invalid_native_package: Choose an initial package directory"},
+      {[](Edit& e) { e.descriptor["origin"] = 443; }, full,
+       "invalid_native_package: Initial package metadata is malformed"},
+      {[](Edit& e) { e.descriptor.erase("ca_bundle"); }, full,
+       "invalid_native_package: Initial package record has unknown or missing fields"},
+      {[](Edit& e) { e.descriptor["root"]["length"] = -1; }, full,
+       "invalid_native_package: Resource length must be an unsigned integer"},
+      {[](Edit& e) { e.descriptor["root"]["sha256"] = std::string(64, 'A'); }, full,
+       "invalid_native_package: Resource hash must be a lowercase SHA-256 digest"},
+      {[](Edit& e) { e.descriptor["root"]["path"] = "initial-package.json"; }, full,
+       "invalid_native_package: Initial package resources need distinct flat names"},
+      {[](Edit& e) { e.descriptor["ca_bundle"] = e.descriptor["root"]; }, full,
+       "invalid_native_package: Initial package resources overlap"},
+      {[](Edit& e) { testing::write_text(e.dir / ".DS_Store", ""); }, full,
+       "invalid_native_package: Initial package contains an unexpected entry: .DS_Store"},
+      {[](Edit& e) { fs::remove(e.dir / "bootstrap-b1.tar.zst"); }, full,
+       "invalid_native_package: Initial package is missing a resource"},
+      {[](Edit& e) {
+         fs::rename(e.dir / "root.json", e.dir / "r");
+         fs::create_symlink("r", e.dir / "root.json");
+       },
+       full, "invalid_native_package: Initial package resource is missing or not a plain file"},
+      {[](Edit& e) { e.replace("/brand/icon"_json_pointer, std::string("\0\0\1\0", 4) + std::string(17, 'i')); }, full,
+       "invalid_native_package: The brand icon is not an .ico file"},
+      {[](Edit& e) { e.descriptor["brand"]["colour"] = "red"; }, full,
+       "invalid_native_package: Brand has unknown or missing fields"},
+      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"] = json::array(); }, full,
+       "invalid_native_package: Brand theme files must be an object"},
+      {[](Edit& e) { e.descriptor["brand"]["theme"]["definition"]["path"] = "root.json"; }, full,
+       "invalid_native_package: Brand theme definition must be theme.json"},
+      {[](Edit& e) { e.descriptor["brand"]["theme"]["files"]["icon.bmp"]["path"] = "theme-banner.bmp"; }, full,
+       "invalid_native_package: Brand theme files are stored as theme-NAME"},
+      {[](Edit& e) {
+         e.descriptor["brand"]["theme"]["files"].erase("LICENSE.txt");
+         fs::remove(e.dir / "theme-LICENSE.txt");
+       },
+       theme, "invalid_native_package: Brand theme files differ from its definition"},
+      {[](Edit& e) { e.descriptor["featured_game"].erase("name"); }, full,
+       "invalid_native_package: Featured game must name an id and a display name"},
+      {[](Edit& e) { e.descriptor["featured_game"]["name"] = std::string(81, 'n'); }, full,
+       "invalid_native_package: Featured game name must be 1 to 80 bytes"},
+      {[](Edit& e) { e.descriptor["schema_version"] = 2; }, full,
+       "unsupported_schema: Unsupported initial package schema"},
+      {[](Edit& e) { e.descriptor["platform"] = "macos-aarch64"; }, full,
+       "launcher_incompatible: This package is for another platform"},
+      {[](Edit& e) {
+         json m = e.manifest("launcher_manifest");
+         m["platform"] = "macos-aarch64";
+         e.replace("/launcher_manifest"_json_pointer, m.dump());
+       },
+       full, "launcher_incompatible: Package images are for another platform"},
+      {[](Edit& e) { e.descriptor["origin"] = "https://127.0.0.1:8443/zorvi"; }, full,
+       "invalid_origin: The package origin must be a plain HTTPS origin"},
+      {[](Edit& e) {
+         testing::run_python(expired_root_script,
+                             {(shared->repository.repo / "state.pickle").string(), (e.dir / "root.json").string()});
+         e.replace("/root"_json_pointer, testing::read_text(e.dir / "root.json"));
+       },
+       full, "expired_metadata: The initial package's TUF root has expired"},
+      {[](Edit& e) { e.descriptor["root"]["length"] = 0; }, full,
+       "size_limit: Initial package resource exceeds its size limit"},
+      {[](Edit& e) {
+         json m = e.manifest("bootstrap_manifest");
+         m["archive"]["length"] = (1u << 30) + 1u;
+         e.replace("/bootstrap_manifest"_json_pointer, m.dump());
+       },
+       full, "size_limit: Initial package payload is too large"},
+      {[](Edit& e) {
+         for (auto& [name, file] : e.descriptor["brand"]["theme"]["files"].items()) file["length"] = 4194304;
+       },
+       theme, "size_limit: Brand theme files exceed 16 MiB together"},
+      {[](Edit& e) { e.descriptor["root"]["length"] = e.descriptor["root"]["length"].get<int>() + 1; }, full,
+       "content_mismatch: Initial package resource has the wrong length"},
+      {[](Edit& e) {
+         std::string a = testing::read_text(e.dir / "launcher-b1.tar.zst");
+         a.back() ^= 1;
+         testing::write_text(e.dir / "launcher-b1.tar.zst", a);
+       },
+       full, "content_mismatch: Initial package resource changed: launcher-b1.tar.zst"},
+      {[](Edit& e) { testing::write_text(e.dir / "brand.ico", std::string(26, 'x')); }, icon,
+       "content_mismatch: Initial package icon differs from its descriptor"},
   };
   for (const auto& [change, reader, expected] : rows) {
     TempDir dir;
-    Edit edit{dir / "package", parse_json(testing::read_text(shared->package / "initial-package.json"), 1 << 20), shared->seal};
+    Edit edit{dir / "package", parse_json(testing::read_text(shared->package / "initial-package.json"), 1 << 20),
+              shared->seal};
     fs::copy(shared->package, edit.dir, fs::copy_options::recursive);
     change(edit);
     const fs::path real = fs::is_symlink(edit.dir) ? fs::read_symlink(edit.dir) : edit.dir;
     testing::write_text(real / "initial-package.json", edit.descriptor.dump());
     if (edit.reseal && edit.seal == shared->seal) edit.seal = digest(edit.descriptor.dump(), "sha256");
     EXPECT_EQ(outcome([&] {
-      if (reader == full) read_native_package(edit.dir, edit.seal, {});
-      if (reader == theme) package_theme(edit.dir, edit.seal);
-      if (reader == icon) package_brand_icon(edit.dir, edit.seal);
-    }), expected);
+                if (reader == full) read_native_package(edit.dir, edit.seal, {});
+                if (reader == theme) package_theme(edit.dir, edit.seal);
+                if (reader == icon) package_brand_icon(edit.dir, edit.seal);
+              }),
+              expected);
   }
 }
 

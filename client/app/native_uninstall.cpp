@@ -28,7 +28,7 @@ constexpr std::array<std::string_view, 2> user_data{"userdata", "settings.json"}
 // Entries that outlive the walk: the locks are held during it and the marker
 // must be the last to go.
 constexpr std::array<std::string_view, 3> kept_until_the_end{".zorvi-setup-incomplete", ".native-bootstrap.lock",
-                                                              ".zorvi-setup.lock"};
+                                                             ".zorvi-setup.lock"};
 
 bool named(std::string_view name, const auto& names) {
   return std::find(names.begin(), names.end(), name) != names.end();
@@ -93,7 +93,8 @@ void locked_uninstall(const DataPaths& paths, const NativeUninstallRequest& requ
   const std::optional<Brand> brand = installed_brand(paths.root);
   mark_setup_incomplete(paths);
   if (entry_present(paths.installation)) remove_installation_record(paths, brand);
-  for (const fs::path& path : remove_owned_native_shortcuts(paths.root).changed) result.changed_shortcuts.push_back(path);
+  for (const fs::path& path : remove_owned_native_shortcuts(paths.root).changed)
+    result.changed_shortcuts.push_back(path);
   remove_contents(paths, request.remove_data, trash, result);
 }
 
@@ -105,8 +106,12 @@ json NativeUninstallResult::to_json() const {
     for (const fs::path& path : paths) list.push_back(path_utf8(path));
     return list;
   };
-  return {{"schema_version", 1},          {"uninstalled", true},      {"data_root", path_utf8(data_root)},
-          {"data_removed", data_removed}, {"kept", texts(kept)},      {"deferred", texts(deferred)},
+  return {{"schema_version", 1},
+          {"uninstalled", true},
+          {"data_root", path_utf8(data_root)},
+          {"data_removed", data_removed},
+          {"kept", texts(kept)},
+          {"deferred", texts(deferred)},
           {"changed_shortcuts", texts(changed_shortcuts)}};
 }
 
@@ -137,15 +142,15 @@ json NativeInstaller::create_shortcut(const fs::path& folder, const std::string&
                                       const std::string& name) {
   const DataPaths paths = installed_paths(folder);
   const std::string shown = name.empty() ? product_name() : name;
-  const fs::path target =
-      destination.empty() ? native_menu_entry(paths.root, game_id, shown) : fs::absolute(destination).lexically_normal();
+  const fs::path target = destination.empty() ? native_menu_entry(paths.root, game_id, shown)
+                                              : fs::absolute(destination).lexically_normal();
   // A platform with a windowed bootstrap starts shortcuts through it.
   const SnapshotManifest bootstrap = installed_bootstrap_manifest(paths);
   const json& document = bootstrap.document;
   const std::string entry =
       document.contains("gui_executable") ? document["gui_executable"].get<std::string>() : bootstrap.executable;
-  return create_owned_native_shortcut(DesktopShortcut{safe_join(paths.bootstrap, entry, true), paths.root, game_id, shown},
-                                      target);
+  return create_owned_native_shortcut(
+      DesktopShortcut{safe_join(paths.bootstrap, entry, true), paths.root, game_id, shown}, target);
 }
 
 ShortcutRemoval NativeInstaller::remove_shortcuts(const fs::path& folder) {

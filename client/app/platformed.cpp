@@ -62,7 +62,7 @@ PlatformedGame parse_platformed_game(const json& document, const std::filesystem
   require(document.is_object() && document.value("schema_version", json()) == 1 &&
               document.at("schema_version").is_number_integer(),
           refused, "zorvi-platform.json is not a version 1 platform file");
-  constexpr std::array<std::string_view, 8> known = {"schema_version", "game_id", "name",          "build",
+  constexpr std::array<std::string_view, 8> known = {"schema_version", "game_id",    "name",          "build",
                                                      "channel",        "executable", "crash_service", "ca_bundle"};
   for (const auto& [key, value] : document.items()) {
     require(std::find(known.begin(), known.end(), key) != known.end(), refused,

@@ -28,7 +28,8 @@ TEST(PlatformedGame, ShellCopyReadsTheFileBesideItsOwnImageOnce) {
   };
   EXPECT_EQ(probe("", "star-miner"), "none\n");
   const std::string fields = "star-miner b-17 beta " + (bin / "game/star-miner").string() + " " +
-                             (bin / "certs/ca.pem").string() + " " + (user_data_root() / "platformed/star-miner").string();
+                             (bin / "certs/ca.pem").string() + " " +
+                             (user_data_root() / "platformed/star-miner").string();
   EXPECT_EQ(probe(shell_file.dump(), "star-miner"), fields + " shell\n");
   EXPECT_EQ(probe(shell_file.dump(), "other-game"), fields + " not-shell\n");
   EXPECT_EQ(probe(R"({"schema_version": 1, "debug": true})", "star-miner"),
@@ -50,8 +51,10 @@ TEST(PlatformedGame, RefusesEachFaultWithItsOwnSentence) {
       {R"({"game_id": "Star Miner"})"_json, "zorvi-platform.json has an unusable \"game_id\""},
       {R"({"name": ""})"_json, "zorvi-platform.json has an unusable \"name\""},
       {R"({"executable": "linked/star-miner"})"_json, "zorvi-platform.json has an unusable \"executable\""},
-      {R"({"crash_service": "https://:8443"})"_json, "zorvi-platform.json needs \"crash_service\" as a plain https:// origin"},
-      {R"({"ca_bundle": "../ca.pem", "crash_service": "http://crash.example"})"_json, "zorvi-platform.json has an unusable \"ca_bundle\""},
+      {R"({"crash_service": "https://:8443"})"_json,
+       "zorvi-platform.json needs \"crash_service\" as a plain https:// origin"},
+      {R"({"ca_bundle": "../ca.pem", "crash_service": "http://crash.example"})"_json,
+       "zorvi-platform.json has an unusable \"ca_bundle\""},
   };
   for (const auto& [patch, message] : rows) EXPECT_EQ(with(patch), "platformed_config: " + message) << patch.dump();
   EXPECT_EQ(with(R"({"executable": "real/star-miner", "channel": null, "ca_bundle": null})"_json), "ok");

@@ -2,9 +2,9 @@
 // a download's events, and removing a finished download.
 #include "client/app/target_download.hpp"
 
+#include <cstdint>
 #include <map>
 #include <memory>
-#include <cstdint>
 #include <set>
 #include <system_error>
 
@@ -178,9 +178,9 @@ void on_complete(ObserverState& state, const json& file) {
   if (nonce.empty()) nonce = finished_elsewhere(state, downloads, expected);
   if (nonce.empty()) return;
   const json* group = group_of(downloads, nonce);
-  require(group != nullptr && same_download(*group, expected) &&
-              entry_present(intents_of(state.store) / (nonce + ".json")),
-          "launcher_download_uncertain", "Download ownership changed before verification completed");
+  require(
+      group != nullptr && same_download(*group, expected) && entry_present(intents_of(state.store) / (nonce + ".json")),
+      "launcher_download_uncertain", "Download ownership changed before verification completed");
   json receipt = group->at("receipt");
   receipt["phase"] = "complete";
   atomic_write(intents_of(state.store) / (nonce + ".json"), receipt_text(receipt));
@@ -193,9 +193,9 @@ json target_download_resume_files(const fs::path& store, const json& receipt) {
   validate_target_download_receipt(receipt);
   const fs::path staging = safe_join(downloads_of(store), receipt.at("temporary").get<std::string>(), false);
   const std::string leaf = path_utf8(staging.filename());
-  const std::vector<std::string> names = list_directory(staging.parent_path(), max_marker_entries,
-                                                        "Target resume metadata scan exceeds its bound",
-                                                        "Download resume parent is not an ordinary directory");
+  const std::vector<std::string> names =
+      list_directory(staging.parent_path(), max_marker_entries, "Target resume metadata scan exceeds its bound",
+                     "Download resume parent is not an ordinary directory");
   json files = json::array();
   for (const std::string& name : names) {
     if (name == leaf || !name.starts_with(leaf + ".")) continue;
@@ -212,9 +212,9 @@ json target_download_resume_files(const fs::path& store, const json& receipt) {
 TargetDownloads target_download_receipts(const fs::path& store) {
   TargetDownloads result{store, json::array(), 0};
   const fs::path intents = intents_of(store);
-  const std::vector<std::string> names = list_directory(intents, max_receipt_entries,
-                                                        "Target download receipt count exceeds its scan bound",
-                                                        "Download receipt directory is not an ordinary directory");
+  const std::vector<std::string> names =
+      list_directory(intents, max_receipt_entries, "Target download receipt count exceeds its scan bound",
+                     "Download receipt directory is not an ordinary directory");
   result.entries = names.size();
   // Every name is judged before any file is read, so a foreign name is
   // reported as such whatever else the directory holds.

@@ -4,10 +4,10 @@
 
 #include "client/app/target_download.hpp"
 #include "client/app/torn_write.hpp"
-#include "client/domain/launcher_contract.hpp"
 #include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/domain/launcher_contract.hpp"
 #include "client/platform/native_platform.hpp"
 
 namespace zorvi {
@@ -26,8 +26,8 @@ constexpr std::string_view tmp_suffix = ".tmp";
 // `atomic_create` leave when they are cut short.
 bool atomic_temporary_of(std::string_view name, std::string_view final_name) {
   return name.size() == final_name.size() + 1 + nonce_length + tmp_suffix.size() && name.starts_with(final_name) &&
-         name[final_name.size()] == '.' && is_lower_hex(name.substr(final_name.size() + 1, nonce_length), nonce_length) &&
-         name.ends_with(tmp_suffix);
+         name[final_name.size()] == '.' &&
+         is_lower_hex(name.substr(final_name.size() + 1, nonce_length), nonce_length) && name.ends_with(tmp_suffix);
 }
 
 bool valid_path(const std::string& text) {
@@ -179,7 +179,8 @@ void check_whole_receipt(const json& receipt, std::string_view nonce) {
 }
 
 std::vector<ExpectedMember> marker_members(const json& receipt, const std::optional<json>& known) {
-  const std::string scope = target_download_resume_scope(receipt.at("target").get<std::string>(), receipt.at("reference"));
+  const std::string scope =
+      target_download_resume_scope(receipt.at("target").get<std::string>(), receipt.at("reference"));
   return {{"authorization", receipt.at("authorization").dump()},
           {"identity", member_text(known, "identity")},
           {"kind", json("zorvi-target-resume").dump()},
@@ -197,7 +198,8 @@ void check_marker(const json& receipt, const json& marker) {
   } catch (const Error&) {
     uncertain("Unknown resume metadata was preserved");
   }
-  const std::string scope = target_download_resume_scope(receipt.at("target").get<std::string>(), receipt.at("reference"));
+  const std::string scope =
+      target_download_resume_scope(receipt.at("target").get<std::string>(), receipt.at("reference"));
   const bool owned = marker.at("target") == receipt.at("target") &&
                      marker.at("authorization") == receipt.at("authorization") &&
                      marker.at("scope_sha256") == digest(scope, "sha256");
@@ -210,8 +212,10 @@ std::string leaf_name(const std::string& path) {
 }
 
 json parse_resume_files(const json& receipt, const json& files) {
-  require(!files.is_array() || files.size() <= max_resume_files, "size_limit", "Frozen resume evidence exceeds its bound");
-  const std::vector<FileText> texts = file_texts(files, max_resume_files, "Unknown resume metadata name or bound was preserved");
+  require(!files.is_array() || files.size() <= max_resume_files, "size_limit",
+          "Frozen resume evidence exceeds its bound");
+  const std::vector<FileText> texts =
+      file_texts(files, max_resume_files, "Unknown resume metadata name or bound was preserved");
   const std::string staging = leaf_name(receipt.at("temporary").get<std::string>());
   std::optional<json> known;
   std::vector<const FileText*> torn;
@@ -245,7 +249,8 @@ json parse_resume_files(const json& receipt, const json& files) {
 // later phase, since phases only move from "prepared" to "complete".
 json parse_group(std::string_view nonce, const json& files) {
   const char* shape = "Invalid frozen download receipt group";
-  require(is_lower_hex(nonce, nonce_length) && files.is_array() && !files.empty(), "launcher_download_uncertain", shape);
+  require(is_lower_hex(nonce, nonce_length) && files.is_array() && !files.empty(), "launcher_download_uncertain",
+          shape);
   const std::vector<FileText> texts = file_texts(files, max_group_files, shape);
   std::optional<json> known;
   const FileText* chosen = nullptr;

@@ -10,20 +10,28 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string descriptor = "launcher-linux-x86_64.manifest.json", archive = "launcher.tar.zst", owned = "launcher_download_uncertain|";
+const std::string descriptor = "launcher-linux-x86_64.manifest.json", archive = "launcher.tar.zst",
+                  owned = "launcher_download_uncertain|";
 const std::string hex32 = std::string(32, 'e');
 
 // A launcher release manifest naming `bytes` as its archive.
 std::string manifest_for(const std::string& bytes) {
-  return json{{"schema_version", 1}, {"kind", "zorvi-launcher-release"}, {"build_id", "1.0.0"}, {"platform", "linux-x86_64"},
-              {"executable", "bin/zorvi"}, {"expanded_length", 1},
-              {"archive", {{"format", "tar.zst-v1"}, {"target", archive}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}}},
-              {"files", {{{"path", "bin/zorvi"}, {"length", 1}, {"mode", 493}, {"sha256", std::string(64, '0')}}}}}
+  return json{
+      {"schema_version", 1},
+      {"kind", "zorvi-launcher-release"},
+      {"build_id", "1.0.0"},
+      {"platform", "linux-x86_64"},
+      {"executable", "bin/zorvi"},
+      {"expanded_length", 1},
+      {"archive",
+       {{"format", "tar.zst-v1"}, {"target", archive}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}}},
+      {"files", {{{"path", "bin/zorvi"}, {"length", 1}, {"mode", 493}, {"sha256", std::string(64, '0')}}}}}
       .dump();
 }
 
 json described(const std::string& bytes) {
-  return {{"length", bytes.size()}, {"hashes", {{"sha256", digest(bytes, "sha256")}, {"sha512", digest(bytes, "sha512")}}}};
+  return {{"length", bytes.size()},
+          {"hashes", {{"sha256", digest(bytes, "sha256")}, {"sha512", digest(bytes, "sha512")}}}};
 }
 
 // A store with `download-intents` and `manifests`, and a published version.
@@ -46,8 +54,9 @@ struct Store {
         require(!killed || event != "complete", "killed", "killed");
         receipts(event, file, name);
       };
-      repository.client().download(target, dir / "downloads", [stop](std::uint64_t done, std::uint64_t) { return done < stop; },
-                                   observer, {launcher_download_resume_scope(target, owner(target)), {}});
+      repository.client().download(target, dir / "downloads",
+                                   [stop](std::uint64_t done, std::uint64_t) { return done < stop; }, observer,
+                                   {launcher_download_resume_scope(target, owner(target)), {}});
     });
   }
   json group(const std::string& target) const {
@@ -55,12 +64,15 @@ struct Store {
       if (entry.at("receipt").at("target") == target) return entry;
     return {};
   }
-  void observe(const std::string& target, const json& named, const std::string& bytes, const std::string& nonce, bool complete) {
+  void observe(const std::string& target, const json& named, const std::string& bytes, const std::string& nonce,
+               bool complete) {
     const TargetObserver observer = target_download_receipts(dir.path()).observer(target, named);
     observer("prepared", described(bytes), target + "." + nonce + ".partial");
     if (complete) observer("complete", described(bytes), "");
   }
-  std::string scan() const { return error_of([&] { target_download_receipts(dir.path()); }); }
+  std::string scan() const {
+    return error_of([&] { target_download_receipts(dir.path()); });
+  }
 
   TufRepository repository;
   TempDir dir;
@@ -79,12 +91,14 @@ TEST(TargetDownloads, ReceiptsFollowARealDownloadThroughCancelResumeAndRetiremen
   EXPECT_EQ(store.group(descriptor).at("phase"), "complete");
   // Only a durable manifest authorises removal.
   const TargetDownloads downloads = target_download_receipts(store.dir.path());
-  expect_rows({{[&] { downloads.retire(store.reference); }, owned + "Download retirement requires durable matching native manifest authority"}},
+  expect_rows({{[&] { downloads.retire(store.reference); },
+                owned + "Download retirement requires durable matching native manifest authority"}},
               store.dir.path());
   EXPECT_EQ(store.fetch(archive), "ok");
   EXPECT_EQ(store.group(archive).at("phase"), "complete");
   EXPECT_TRUE(store.group(archive).at("resume_files").empty());
-  write_text(store.dir / "manifests" / (store.reference.at("manifest_sha256").get<std::string>() + ".json"), store.manifest);
+  write_text(store.dir / "manifests" / (store.reference.at("manifest_sha256").get<std::string>() + ".json"),
+             store.manifest);
   downloads.retire(store.reference);
   downloads.retire(store.reference);
   EXPECT_TRUE(fs::is_empty(store.dir / "download-intents"));
@@ -104,7 +118,8 @@ TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
   // What a kill in the middle of an atomic write leaves: a cut-off temporary.
   for (std::size_t cut : {std::size_t{0}, std::size_t{9}, complete.size() / 2, complete.size() - 1}) {
     write_text(receipt_tmp, complete.substr(0, cut));
-    write_text(fs::path(marker.string() + "." + hex32 + ".tmp"), checkpoint.substr(0, cut * checkpoint.size() / complete.size()));
+    write_text(fs::path(marker.string() + "." + hex32 + ".tmp"),
+               checkpoint.substr(0, cut * checkpoint.size() / complete.size()));
     EXPECT_EQ(store.group(archive).at("files").size(), 2u);
     EXPECT_EQ(store.group(archive).at("resume_files").size(), 2u);
   }
@@ -124,7 +139,8 @@ TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
       {intents / (nonce + ".json"), prepared.substr(0, 50), "Unrecognized receipt-write bytes were preserved"},
       {intents / "notes.txt", "", "Unknown download receipt names preserve the target store"},
       {intents / (std::string(32, 'E') + ".json"), "", "Unknown download receipt names preserve the target store"},
-      {fs::path(marker.string() + "." + hex32 + ".tmp"), scope.substr(0, scope.size() - 2), "Torn resume write shows a different or future contract"},
+      {fs::path(marker.string() + "." + hex32 + ".tmp"), scope.substr(0, scope.size() - 2),
+       "Torn resume write shows a different or future contract"},
       {marker, checkpoint.substr(0, 40), "Unknown resume-write bytes were preserved"},
       {fs::path(marker.string() + ".bak"), "", "Unknown resume metadata names were preserved"},
   };
@@ -136,7 +152,8 @@ TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
     EXPECT_EQ(store.scan(), owned + message);
     EXPECT_EQ(store.fetch(archive), "launcher_download_uncertain: " + message);
     EXPECT_EQ(tree_state(store.dir.path()), state);
-    if (kept.empty() && path.filename() != nonce + ".json") fs::remove(path); else write_text(path, kept);
+    if (kept.empty() && path.filename() != nonce + ".json") fs::remove(path);
+    else write_text(path, kept);
   }
   EXPECT_EQ(store.fetch(archive), "ok");
 }
@@ -144,55 +161,103 @@ TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
 TEST(TargetDownloads, Failures) {
   Store store;
   const std::string bytes = read_text(store.repository.repo / "targets" / archive), n1(32, '1'), n2(32, '2');
-  const json receipt = {{"schema_version", 1}, {"kind", "zorvi-launcher-download"}, {"nonce", n1}, {"target", archive},
-                        {"temporary", archive + "." + n1 + ".partial"}, {"authorization", described(bytes)},
-                        {"reference", store.reference}, {"phase", "prepared"}};
-  const auto changed = [&](const json& patch) { return [&, patch] { validate_target_download_receipt(receipt.patch(patch)); }; };
-  const auto group = [&](const std::string& nonce, const json& files) { return [=] { parse_target_download_receipt_group(nonce, files); }; };
-  const auto file = [](const std::string& name, const json& document) { return json{{"name", name}, {"text", document.dump()}}; };
+  const json receipt = {{"schema_version", 1},
+                        {"kind", "zorvi-launcher-download"},
+                        {"nonce", n1},
+                        {"target", archive},
+                        {"temporary", archive + "." + n1 + ".partial"},
+                        {"authorization", described(bytes)},
+                        {"reference", store.reference},
+                        {"phase", "prepared"}};
+  const auto changed = [&](const json& patch) {
+    return [&, patch] { validate_target_download_receipt(receipt.patch(patch)); };
+  };
+  const auto group = [&](const std::string& nonce, const json& files) {
+    return [=] { parse_target_download_receipt_group(nonce, files); };
+  };
+  const auto file = [](const std::string& name, const json& document) {
+    return json{{"name", name}, {"text", document.dump()}};
+  };
   const std::string marker_name = archive + "." + n1 + ".partial.resume.json";
   json marker = json::parse(R"({"schema_version":1,"kind":"zorvi-target-resume","identity":[1,2],"received":0})");
-  marker.update({{"target", archive}, {"temporary", archive + "." + n1 + ".partial"}, {"authorization", described(bytes)},
-                 {"prefix_sha256", std::string(64, '0')}, {"scope_sha256", digest(launcher_download_resume_scope(archive, store.reference), "sha256")}});
-  const auto resume = [&](const json& files) { return [&, files] { parse_target_download_resume_files(receipt, files); }; };
+  marker.update({{"target", archive},
+                 {"temporary", archive + "." + n1 + ".partial"},
+                 {"authorization", described(bytes)},
+                 {"prefix_sha256", std::string(64, '0')},
+                 {"scope_sha256", digest(launcher_download_resume_scope(archive, store.reference), "sha256")}});
+  const auto resume = [&](const json& files) {
+    return [&, files] { parse_target_download_resume_files(receipt, files); };
+  };
   json other_identity = marker, tmp = marker;
   other_identity["identity"] = {1, 3};
   const std::string tmp_name = marker_name + "." + hex32 + ".tmp";
-  const auto observe = [&](const std::string& nonce, const std::string& target = archive) { return [&, nonce, target] { store.observe(target, store.reference, bytes, nonce, false); }; };
-  expect_rows({
-      {changed(R"([{"op":"add","path":"/extra","value":1}])"_json), owned + "Unknown target download receipt was preserved"},
-      {changed(json::array({{{"op", "replace"}, {"path", "/nonce"}, {"value", std::string(32, 'A')}}})), owned + "Unknown target download receipt was preserved"},
-      {changed(R"([{"op":"replace","path":"/temporary","value":"launcher.tar.zst.partial"}])"_json), owned + "Download temporary path differs from its owned nonce"},
-      {changed(R"([{"op":"replace","path":"/authorization/length","value":-1}])"_json), owned + "Download authorization exceeds its known bounds"},
-      {changed(R"([{"op":"add","path":"/authorization/hashes/md5","value":"00"}])"_json), owned + "Download authorization exceeds its known bounds"},
-      {changed(R"([{"op":"replace","path":"/authorization/hashes","value":{"md5":"00"}}])"_json), owned + "Unknown download hash contract was preserved"},
-      {changed(R"([{"op":"replace","path":"/reference","value":null}])"_json), owned + "Archive download has no known manifest identity"},
-      {changed(json::array({{{"op", "replace"}, {"path", "/target"}, {"value", descriptor}}, {{"op", "replace"}, {"path", "/temporary"}, {"value", descriptor + "." + n1 + ".partial"}}})),
-       owned + "Descriptor download must not invent an installed reference"},
-      {group(n1, json::array()), owned + "Invalid frozen download receipt group"},
-      {group(n1, json::array({file(n2 + ".json", receipt)})), owned + "Unknown download receipt write was preserved"},
-      {group(n2, json::array({file(n2 + ".json", receipt)})), owned + "Download receipt filename differs from its ownership identity"},
-      {group(n1, {file(n1 + ".json", receipt), file(n1 + ".json." + hex32 + ".tmp", receipt.patch(R"([{"op":"replace","path":"/authorization/length","value":1}])"_json))}),
-       owned + "Atomic receipt writes disagree about their owned download"},
-      {resume(json::array({file(marker_name, marker), file(tmp_name, other_identity)})), owned + "Resume checkpoints disagree about native file ownership"},
-      {resume(json::array({file(archive + "." + n2 + ".partial.resume.json", marker)})), owned + "Unowned resume evidence was preserved"},
-      {resume(json::array({file(marker_name, marker.patch(R"([{"op":"replace","path":"/scope_sha256","value":"0000000000000000000000000000000000000000000000000000000000000000"}])"_json))})),
-       owned + "Resume metadata differs from its owning receipt"},
-      {resume(json::array({file(marker_name, marker.patch(R"([{"op":"replace","path":"/kind","value":"x"}])"_json))})), owned + "Unknown resume metadata was preserved"},
-      {resume(json(65, file(marker_name, marker))), "size_limit|Frozen resume evidence exceeds its bound"},
-      {observe("not-a-nonce"), owned + "TUF download did not supply its exact owned staging name"},
-      {[&] { target_download_receipts(store.dir.path()).observer(archive, store.reference)("resumed", described(bytes), archive + "." + n1 + ".partial"); },
-       owned + "Resume requires the unchanged prepared receipt and matching checkpoint"},
-      {[&] { target_download_receipts(store.dir.path()).observer(archive, store.reference)("complete", described(bytes), ""); },
-       owned + "Download ownership changed before verification completed"},
-  }, store.dir.path());
+  const auto observe = [&](const std::string& nonce, const std::string& target = archive) {
+    return [&, nonce, target] { store.observe(target, store.reference, bytes, nonce, false); };
+  };
+  expect_rows(
+      {
+          {changed(R"([{"op":"add","path":"/extra","value":1}])"_json),
+           owned + "Unknown target download receipt was preserved"},
+          {changed(json::array({{{"op", "replace"}, {"path", "/nonce"}, {"value", std::string(32, 'A')}}})),
+           owned + "Unknown target download receipt was preserved"},
+          {changed(R"([{"op":"replace","path":"/temporary","value":"launcher.tar.zst.partial"}])"_json),
+           owned + "Download temporary path differs from its owned nonce"},
+          {changed(R"([{"op":"replace","path":"/authorization/length","value":-1}])"_json),
+           owned + "Download authorization exceeds its known bounds"},
+          {changed(R"([{"op":"add","path":"/authorization/hashes/md5","value":"00"}])"_json),
+           owned + "Download authorization exceeds its known bounds"},
+          {changed(R"([{"op":"replace","path":"/authorization/hashes","value":{"md5":"00"}}])"_json),
+           owned + "Unknown download hash contract was preserved"},
+          {changed(R"([{"op":"replace","path":"/reference","value":null}])"_json),
+           owned + "Archive download has no known manifest identity"},
+          {changed(json::array(
+               {{{"op", "replace"}, {"path", "/target"}, {"value", descriptor}},
+                {{"op", "replace"}, {"path", "/temporary"}, {"value", descriptor + "." + n1 + ".partial"}}})),
+           owned + "Descriptor download must not invent an installed reference"},
+          {group(n1, json::array()), owned + "Invalid frozen download receipt group"},
+          {group(n1, json::array({file(n2 + ".json", receipt)})),
+           owned + "Unknown download receipt write was preserved"},
+          {group(n2, json::array({file(n2 + ".json", receipt)})),
+           owned + "Download receipt filename differs from its ownership identity"},
+          {group(n1, {file(n1 + ".json", receipt),
+                      file(n1 + ".json." + hex32 + ".tmp",
+                           receipt.patch(R"([{"op":"replace","path":"/authorization/length","value":1}])"_json))}),
+           owned + "Atomic receipt writes disagree about their owned download"},
+          {resume(json::array({file(marker_name, marker), file(tmp_name, other_identity)})),
+           owned + "Resume checkpoints disagree about native file ownership"},
+          {resume(json::array({file(archive + "." + n2 + ".partial.resume.json", marker)})),
+           owned + "Unowned resume evidence was preserved"},
+          {resume(json::array({file(
+               marker_name,
+               marker.patch(
+                   R"([{"op":"replace","path":"/scope_sha256","value":"0000000000000000000000000000000000000000000000000000000000000000"}])"_json))})),
+           owned + "Resume metadata differs from its owning receipt"},
+          {resume(
+               json::array({file(marker_name, marker.patch(R"([{"op":"replace","path":"/kind","value":"x"}])"_json))})),
+           owned + "Unknown resume metadata was preserved"},
+          {resume(json(65, file(marker_name, marker))), "size_limit|Frozen resume evidence exceeds its bound"},
+          {observe("not-a-nonce"), owned + "TUF download did not supply its exact owned staging name"},
+          {[&] {
+             target_download_receipts(store.dir.path())
+                 .observer(archive, store.reference)("resumed", described(bytes), archive + "." + n1 + ".partial");
+           },
+           owned + "Resume requires the unchanged prepared receipt and matching checkpoint"},
+          {[&] {
+             target_download_receipts(store.dir.path())
+                 .observer(archive, store.reference)("complete", described(bytes), "");
+           },
+           owned + "Download ownership changed before verification completed"},
+      },
+      store.dir.path());
   observe(n1)();
   expect_rows({{observe(n1), owned + "New download nonce already belongs to retained metadata"}}, store.dir.path());
   observe(n2, archive + "." + n1 + ".partial")();
   EXPECT_EQ(store.scan(), owned + "Download target and partial ownership overlap; preserve them");
   fs::remove(store.dir / "download-intents" / (n2 + ".json"));
-  for (int index = 1; index < 32; ++index) observe(hex(std::vector<std::uint8_t>(16, static_cast<std::uint8_t>(0x40 + index))))();
-  expect_rows({{observe(n2), "launcher_storage_full|Retained download receipts reached their capacity"}}, store.dir.path());
+  for (int index = 1; index < 32; ++index)
+    observe(hex(std::vector<std::uint8_t>(16, static_cast<std::uint8_t>(0x40 + index))))();
+  expect_rows({{observe(n2), "launcher_storage_full|Retained download receipts reached their capacity"}},
+              store.dir.path());
   for (int index = 32; index <= 64; ++index) write_text(store.dir / "download-intents" / std::to_string(index), "");
   EXPECT_EQ(store.scan(), "size_limit|Target download receipt count exceeds its scan bound");
 }
@@ -201,7 +266,8 @@ TEST(TargetDownloads, RetirementRemovesOnlyWhatTheDurableManifestAuthorises) {
   Store store;
   const std::string bytes = read_text(store.repository.repo / "targets" / archive);
   const fs::path downloads = store.dir / "downloads";
-  write_text(store.dir / "manifests" / (store.reference.at("manifest_sha256").get<std::string>() + ".json"), store.manifest);
+  write_text(store.dir / "manifests" / (store.reference.at("manifest_sha256").get<std::string>() + ".json"),
+             store.manifest);
   store.observe(descriptor, json(), store.manifest, std::string(32, 'd'), true);
   write_text(downloads / descriptor, store.manifest + " ");
   const TargetDownloads view = target_download_receipts(store.dir.path());

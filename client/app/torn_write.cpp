@@ -10,7 +10,7 @@ namespace {
 enum class Step : std::uint8_t { more, ended, wrong };
 
 class Cursor {
-public:
+ public:
   explicit Cursor(std::string_view text) : text_(text) {}
 
   // Consumes as much of `piece` as the text still holds.
@@ -53,7 +53,7 @@ public:
 
   bool at_end() const { return at_ == text_.size(); }
 
-private:
+ private:
   std::string_view text_;
   std::size_t at_ = 0;
 };

@@ -10,12 +10,12 @@ namespace zorvi {
 // helper. Owns the texts the queued events point to, so it must outlive
 // every event it queued.
 class DocumentIntake {
-public:
+ public:
   // Takes the documents out of the environment, so that no child inherits
   // them, and queues one drop event for each; false when SDL refused one.
   bool deliver();
 
-private:
+ private:
   std::vector<std::string> documents_;
 };
 

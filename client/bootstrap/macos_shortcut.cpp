@@ -4,6 +4,7 @@
 
 #include <SDL3/SDL.h>
 
+#include <sys/stat.h>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -14,7 +15,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/stat.h>
 #include <vector>
 
 #include "client/app/install_guards.hpp"
@@ -103,7 +103,7 @@ std::filesystem::path installed_bootstrap() {
   require(bin.has_relative_path() && bin.filename() == "bin", "shortcut_bootstrap",
           "The signed helper needs its stable bootstrap directory");
   const std::filesystem::path bootstrap = bin / "zorvi-bootstrap";
-  struct stat status {};
+  struct stat status{};
   require(::lstat(bootstrap.c_str(), &status) == 0 && S_ISREG(status.st_mode), "shortcut_bootstrap",
           "The signed helper's stable bootstrap is missing");
   (void)macos_paths::path_key(bootstrap);
@@ -147,10 +147,11 @@ void launch(Helper& helper, const DesktopShortcut& shortcut) {
   require(slot < job_slots, "busy", "Too many Zorvi shortcut launches are still running");
   auto job = std::make_unique<Job>();
   Job& started = *job;
-  job->child.emplace(helper.bootstrap, bootstrap_arguments(shortcut), shortcut.data_root, EnvironmentOverrides{},
-                     ChildStreams::Separated, ChildEnvironment::Clean,
-                     [&started](std::uint64_t pid) { started.identity = native_process_identity(pid); },
-                     ChildGroup::Isolated, ChildControl::NoControl, std::vector<NativeHandle>{});
+  job->child.emplace(
+      helper.bootstrap, bootstrap_arguments(shortcut), shortcut.data_root, EnvironmentOverrides{},
+      ChildStreams::Separated, ChildEnvironment::Clean,
+      [&started](std::uint64_t pid) { started.identity = native_process_identity(pid); }, ChildGroup::Isolated,
+      ChildControl::NoControl, std::vector<NativeHandle>{});
   helper.slots[slot] = std::move(job);
   helper.launched = true;
 }

@@ -62,7 +62,7 @@ TEST(ShortcutHelper, StartsTheBootstrapForEachKindOfDocument) {
     const std::vector<json> runs = install.runs();
     ASSERT_EQ(runs.size(), 1u);
     const json arguments = *game != '\0' ? json::array({"--data-dir", root, "--gui", "--game", game})
-                                          : json::array({"--data-dir", root, "--gui"});
+                                         : json::array({"--data-dir", root, "--gui"});
     EXPECT_EQ(runs[0]["arguments"], arguments);
     EXPECT_EQ(runs[0]["directory"], root);
     EXPECT_EQ(runs[0]["group"], runs[0]["pid"]) << "the bootstrap leads a process group of its own";
@@ -94,7 +94,8 @@ TEST(ShortcutHelper, OutlivesQuitWhileAChildRunsAndReportsItsFailure) {
 TEST(ShortcutHelper, RefusesArgumentsAndWaitsOnlyFiveSecondsForADocument) {
   HelperInstall install;
   // A video driver that does not exist proves that SDL is never asked.
-  const auto usage = run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {install.document("g.zorvi-launch", "g")});
+  const auto usage =
+      run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {install.document("g.zorvi-launch", "g")});
   EXPECT_EQ(usage.status, 2);
   EXPECT_EQ(usage.err, "Open a Zorvi launch document with this helper.\n");
   const auto none = run_helper(install, {});

@@ -18,7 +18,7 @@ using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, CipherContextFree>;
 
 // Wipes the caller's buffer on the way out unless the decryption finished.
 class WipeUnlessDone {
-public:
+ public:
   explicit WipeUnlessDone(std::span<std::uint8_t> buffer) : buffer_(buffer) {}
   ~WipeUnlessDone() {
     if (!done_ && !buffer_.empty()) OPENSSL_cleanse(buffer_.data(), buffer_.size());
@@ -27,7 +27,7 @@ public:
   WipeUnlessDone& operator=(const WipeUnlessDone&) = delete;
   void done() { done_ = true; }
 
-private:
+ private:
   std::span<std::uint8_t> buffer_;
   bool done_ = false;
 };
@@ -81,8 +81,8 @@ void decrypt_chacha20_poly1305(AeadKey key, AeadNonce nonce, std::string_view as
 
 std::array<std::uint8_t, 32> pbkdf2_sha256(std::string_view password, std::span<const std::uint8_t> salt,
                                            std::uint32_t iterations) {
-  require(password.size() <= max_key_derivation_input && salt.size() <= max_key_derivation_input &&
-              iterations > 0 && iterations <= static_cast<std::uint32_t>(INT_MAX),
+  require(password.size() <= max_key_derivation_input && salt.size() <= max_key_derivation_input && iterations > 0 &&
+              iterations <= static_cast<std::uint32_t>(INT_MAX),
           "crypto_failure", "Key derivation input exceeds its bound");
   std::array<std::uint8_t, 32> key{};
   if (PKCS5_PBKDF2_HMAC(password.data(), static_cast<int>(password.size()), salt.data(), static_cast<int>(salt.size()),

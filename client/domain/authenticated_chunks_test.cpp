@@ -48,7 +48,8 @@ TEST(Pbkdf2Sha256, MatchesPublishedVectorsAndPython) {
   const std::string longest(4096, 'k');
   EXPECT_EQ(derive(longest, longest, 1000) + "\n" + derive("", "", 2) + "\n",
             testing::run_python("import hashlib, sys\nfor k, n in ((sys.argv[1].encode(), 1000), (b'', 2)):\n"
-                                "  print(hashlib.pbkdf2_hmac('sha256', k, k, n).hex())", {longest}));
+                                "  print(hashlib.pbkdf2_hmac('sha256', k, k, n).hex())",
+                                {longest}));
 }
 
 // A two-chunk archive. Rows that open a record start from a full output
@@ -92,7 +93,8 @@ TEST(AuthenticatedChunks, FailureTable) {
       {archive(file.substr(0, 95)), "encrypted_format: Encrypted archive is shorter than its header", 0},
       {archive("Z" + file.substr(1)), "encrypted_format: Encrypted archive header is not of the known format", 0},
       {archive(file + "x"), "encrypted_format: Encrypted archive length differs from its header", 0},
-      {[] { encrypted_archive_length((std::uint64_t{1} << 42) + 1); }, "size_limit: Encrypted archive exceeds its size bound", 0},
+      {[] { encrypted_archive_length((std::uint64_t{1} << 42) + 1); },
+       "size_limit: Encrypted archive exceeds its size bound", 0},
   };
   for (std::size_t i = 0; i < std::size(rows); ++i) {
     const auto& [action, result, plaintext] = rows[i];

@@ -37,8 +37,8 @@ void require_header(const json& document, const SnapshotManifest& manifest) {
 
 // An optional entry point, once present, must be the one fixed program of
 // the only platform that has it, marked executable.
-bool optional_entry(const json& document, const SnapshotManifest& manifest, const char* key,
-                    std::string_view platform, std::string_view path) {
+bool optional_entry(const json& document, const SnapshotManifest& manifest, const char* key, std::string_view platform,
+                    std::string_view path) {
   return manifest.platform == platform && text_is(document, key, path) && executable_file(manifest, path);
 }
 

@@ -62,11 +62,10 @@ BoundedZstd::BoundedZstd(UniqueFd stream, std::uint64_t limit) : impl_(std::make
   if (ZSTD_isError(ZSTD_DCtx_setParameter(impl_->context.get(), ZSTD_d_windowLogMax, window_log_max)))
     archive_failure("Cannot set the 64 MiB decoder window limit");
   fill();
-  const bool ordinary_frame = impl_->input_fill >= sizeof frame_magic &&
-                              std::equal(std::begin(frame_magic), std::end(frame_magic), impl_->input.begin(),
-                                         [](unsigned char expected, char got) {
-                                           return expected == static_cast<unsigned char>(got);
-                                         });
+  const bool ordinary_frame =
+      impl_->input_fill >= sizeof frame_magic &&
+      std::equal(std::begin(frame_magic), std::end(frame_magic), impl_->input.begin(),
+                 [](unsigned char expected, char got) { return expected == static_cast<unsigned char>(got); });
   if (!ordinary_frame) archive_failure("Snapshot must contain exactly one ordinary Zstandard frame");
 }
 

@@ -17,7 +17,7 @@ namespace zorvi {
 // accepting a window above 64 MiB or anything behind the frame. Memory is
 // two fixed 64 KiB buffers and the decoder's bounded window.
 class BoundedZstd {
-public:
+ public:
   BoundedZstd(const std::filesystem::path& path, std::uint64_t limit);
   // Decodes from a file the caller has already opened and proved, from its
   // first byte, so that what is decoded is what the caller looked at.
@@ -44,7 +44,7 @@ public:
   // The read callback for libarchive; `client_data` is the decoder.
   static la_ssize_t callback(struct archive* reader, void* client_data, const void** buffer);
 
-private:
+ private:
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

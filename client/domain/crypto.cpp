@@ -78,7 +78,7 @@ int open_for_reading(const std::filesystem::path& path) {
 
 // The size a regular file has now; anything else has no size to bound by.
 std::uint64_t current_size(int descriptor) {
-  struct stat status {};
+  struct stat status{};
   if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return 0;
   return static_cast<std::uint64_t>(status.st_size);
 }
@@ -98,8 +98,7 @@ std::string digest_rest(const UniqueFd& file, std::string_view algorithm_name, c
   while (end == ReadEnd::more) {
     const auto [count, next] = fill(file.get(), buffer->bytes);
     end = next;
-    require(EVP_DigestUpdate(context.get(), buffer->bytes.data(), count) == 1, "crypto_failure",
-            "Could not hash file");
+    require(EVP_DigestUpdate(context.get(), buffer->bytes.data(), count) == 1, "crypto_failure", "Could not hash file");
     processed += count;
     require(!progress || processed <= total, "content_mismatch", "File grew beyond its verification bound");
     report();
@@ -159,8 +158,8 @@ std::string digest(std::string_view content, std::string_view algorithm_name) {
   const EVP_MD* md = algorithm(algorithm_name);
   std::array<std::uint8_t, EVP_MAX_MD_SIZE> raw{};
   unsigned int length = 0;
-  require(EVP_Digest(content.data(), content.size(), raw.data(), &length, md, nullptr) == 1,
-          "crypto_failure", "Could not hash content");
+  require(EVP_Digest(content.data(), content.size(), raw.data(), &length, md, nullptr) == 1, "crypto_failure",
+          "Could not hash content");
   return hex(std::span(raw.data(), length));
 }
 

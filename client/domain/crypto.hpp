@@ -43,7 +43,7 @@ std::string digest_open_file(const UniqueFd& file, std::string_view algorithm_na
 
 // An incremental digest whose value can be read at any point without ending it.
 class DigestState {
-public:
+ public:
   explicit DigestState(std::string_view algorithm_name);
   ~DigestState();
   DigestState(const DigestState&) = delete;
@@ -52,7 +52,7 @@ public:
   void update(std::string_view bytes);
   std::string value() const;
 
-private:
+ private:
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

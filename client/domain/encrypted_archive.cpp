@@ -82,7 +82,7 @@ Nonce chunk_nonce(const Nonce& base, std::uint64_t index) {
 }
 
 std::uint64_t file_size(int descriptor, const std::filesystem::path& path) {
-  struct stat status {};
+  struct stat status{};
   if (::fstat(descriptor, &status) != 0)
     throw Error("file_read", with_errno("Cannot inspect encrypted archive: " + path_utf8(path), errno));
   require(S_ISREG(status.st_mode), "file_read", "Encrypted archive is not a regular file: " + path_utf8(path));
@@ -211,7 +211,8 @@ void decrypt_archive_file(const std::filesystem::path& path, AeadKey key, const 
   std::uint64_t index = 0;
   for (std::string_view batch = reader.next(); !batch.empty(); batch = reader.next()) {
     while (!batch.empty()) {
-      const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(parsed.plaintext - done, encrypted_archive_chunk));
+      const auto chunk =
+          static_cast<std::size_t>(std::min<std::uint64_t>(parsed.plaintext - done, encrypted_archive_chunk));
       const std::size_t record = chunk + aead_tag_size;
       decrypt_chacha20_poly1305(key, chunk_nonce(parsed.nonce_base, index), associated, batch.substr(0, record),
                                 plaintext->bytes, chunk);

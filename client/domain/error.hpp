@@ -10,7 +10,7 @@ namespace zorvi {
 // `code` is what a program branches on; `details` carries follow-up commands
 // such as "verify GAME".
 class Error : public std::runtime_error {
-public:
+ public:
   Error(std::string error_code, const std::string& message, std::vector<std::string> follow_up = {})
       : std::runtime_error(message), code(std::move(error_code)), details(std::move(follow_up)) {}
 

@@ -7,9 +7,7 @@
 namespace zorvi {
 namespace {
 
-bool identifier_byte(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
-}
+bool identifier_byte(char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.'; }
 
 bool reserved_stem(std::string_view component) {
   std::string stem(component.substr(0, component.find('.')));
@@ -17,8 +15,7 @@ bool reserved_stem(std::string_view component) {
     if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
   }
   if (stem == "CON" || stem == "PRN" || stem == "AUX" || stem == "NUL") return true;
-  return stem.size() == 4 && (stem.starts_with("COM") || stem.starts_with("LPT")) && stem[3] >= '1' &&
-         stem[3] <= '9';
+  return stem.size() == 4 && (stem.starts_with("COM") || stem.starts_with("LPT")) && stem[3] >= '1' && stem[3] <= '9';
 }
 
 void validate_component(std::string_view component, bool portable) {

@@ -75,8 +75,8 @@ std::string quote(std::string_view text) {
 }
 
 std::uint64_t positive_version(const json& value) {
-  require(value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() > 0),
-          "invalid_version", "Metadata version must be a positive integer");
+  require(value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() > 0), "invalid_version",
+          "Metadata version must be a positive integer");
   const auto version = value.get<std::uint64_t>();
   require(version != 0, "invalid_version", "Metadata version must be positive");
   return version;

@@ -81,7 +81,7 @@ void append_utf8(std::string& out, std::uint32_t code_point) {
 }
 
 class Reader {
-public:
+ public:
   explicit Reader(std::string_view text)
       : at_(reinterpret_cast<const unsigned char*>(text.data())), end_(at_ + text.size()) {}
 
@@ -95,7 +95,7 @@ public:
     return value;
   }
 
-private:
+ private:
   // The byte under the cursor; NUL at the end, which no rule accepts.
   char peek() const { return at_ != end_ ? static_cast<char>(*at_) : '\0'; }
 
@@ -107,17 +107,23 @@ private:
   json read_value(int depth) {
     if (depth > max_depth) decline();
     switch (peek()) {
-      case '{': return read_object(depth);
-      case '[': return read_array(depth);
+      case '{':
+        return read_object(depth);
+      case '[':
+        return read_array(depth);
       case '"': {
         json value(json::value_t::string);
         read_string(value.get_ref<std::string&>());
         return value;
       }
-      case 't': return literal("true", true);
-      case 'f': return literal("false", false);
-      case 'n': return literal("null", nullptr);
-      default: return read_integer();
+      case 't':
+        return literal("true", true);
+      case 'f':
+        return literal("false", false);
+      case 'n':
+        return literal("null", nullptr);
+      default:
+        return read_integer();
     }
   }
 
@@ -247,16 +253,34 @@ private:
     if (at_ == end_) decline();
     const char kind = static_cast<char>(*at_++);
     switch (kind) {
-      case '"': out += '"'; return;
-      case '\\': out += '\\'; return;
-      case '/': out += '/'; return;
-      case 'b': out += '\b'; return;
-      case 'f': out += '\f'; return;
-      case 'n': out += '\n'; return;
-      case 'r': out += '\r'; return;
-      case 't': out += '\t'; return;
-      case 'u': break;
-      default: decline();
+      case '"':
+        out += '"';
+        return;
+      case '\\':
+        out += '\\';
+        return;
+      case '/':
+        out += '/';
+        return;
+      case 'b':
+        out += '\b';
+        return;
+      case 'f':
+        out += '\f';
+        return;
+      case 'n':
+        out += '\n';
+        return;
+      case 'r':
+        out += '\r';
+        return;
+      case 't':
+        out += '\t';
+        return;
+      case 'u':
+        break;
+      default:
+        decline();
     }
     std::uint32_t code_point = read_hex4();
     if (code_point >= 0xDC00 && code_point <= 0xDFFF) decline();
@@ -299,7 +323,7 @@ private:
 // doubles. (The library's own callback parser rescans the parent container
 // after every closed element, which is quadratic on a long array.)
 class StrictBuilder {
-public:
+ public:
   explicit StrictBuilder(json& root) : root_(root) {}
 
   bool null() { return add(nullptr); }
@@ -334,7 +358,7 @@ public:
     throw Error("invalid_json", failure.what());
   }
 
-private:
+ private:
   static void check_depth(std::size_t depth) {
     require(depth <= max_depth, "depth_limit", "JSON nesting exceeds 64 levels");
   }

@@ -108,7 +108,8 @@ def c(v):
   if isinstance(v,list): return b'['+b','.join(map(c,v))+b']'
   return b'{'+b','.join(c(k)+b':'+c(v[k]) for k in sorted(v,key=str.encode))+b'}'
 for p in sys.argv[1:]: sys.stdout.buffer.write(c(json.loads(open(p,'rb').read()))+b'\n')
-)", paths));
+)",
+                                      paths));
 }
 
 // Mutated documents give the same value or the same refusal, code and message,
@@ -127,9 +128,14 @@ TEST(ParseJson, DirectReaderAndLibraryGiveOneAnswer) {
       const std::size_t at = random() % text.size();
       const char byte = bytes[random() % bytes.size()];
       switch (random() % 3) {
-        case 0: text[at] = byte; break;
-        case 1: text.insert(at, 1, byte); break;
-        default: text.erase(at, 1);
+        case 0:
+          text[at] = byte;
+          break;
+        case 1:
+          text.insert(at, 1, byte);
+          break;
+        default:
+          text.erase(at, 1);
       }
     }
     const std::string direct = typed_outcome([&] { return parse_json(text, big); });
@@ -167,17 +173,21 @@ TEST(CanonicalJson, WritesSortedCompactAndMinimallyQuoted) {
 json random_document(std::mt19937& random, int depth) {
   const auto pick = [&](int n) { return std::uniform_int_distribution<int>(0, n - 1)(random); };
   const auto text = [&] {
-    static const std::vector<std::string> pieces = {"a", "B", "z", "0", " ", "/", "\xc3\xa9", "\xe2\x82\xac",
-                                                    "\xf0\x9f\x8e\xae", "~", "key", "_"};
+    static const std::vector<std::string> pieces = {
+        "a", "B", "z", "0", " ", "/", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x8e\xae", "~", "key", "_"};
     std::string out;
     for (int i = pick(5); i > 0; --i) out += pieces[pick(static_cast<int>(pieces.size()))];
     return out;
   };
   switch (depth > 3 ? pick(4) : pick(6)) {
-    case 0: return nullptr;
-    case 1: return pick(2) == 1;
-    case 2: return static_cast<std::int64_t>(random()) - (1LL << 31);
-    case 3: return text();
+    case 0:
+      return nullptr;
+    case 1:
+      return pick(2) == 1;
+    case 2:
+      return static_cast<std::int64_t>(random()) - (1LL << 31);
+    case 3:
+      return text();
     case 4: {
       json array = json::array();
       for (int i = pick(4); i > 0; --i) array.push_back(random_document(random, depth + 1));
@@ -215,7 +225,8 @@ TEST(CanonicalJson, DiffersFromTheIndependentWriterOnlyInEscaping) {
       "import json,sys\n"
       "sys.stdout.write(json.dumps({'k':'line\\nbreak\\x01','q':'\"\\\\/'},sort_keys=True,separators=(',',':')))");
   EXPECT_EQ(python, R"({"k":"line\nbreak\u0001","q":"\"\\/"})");
-  EXPECT_EQ(canonical_json(json{{"k", "line\nbreak\x01"}, {"q", "\"\\/"}}), "{\"k\":\"line\nbreak\x01\",\"q\":\"\\\"\\\\/\"}");
+  EXPECT_EQ(canonical_json(json{{"k", "line\nbreak\x01"}, {"q", "\"\\/"}}),
+            "{\"k\":\"line\nbreak\x01\",\"q\":\"\\\"\\\\/\"}");
 }
 
 TEST(PositiveVersion, AcceptsOnlyPositiveIntegers) {

@@ -102,8 +102,8 @@ void parse_helpers(const json& document, LauncherManifest& manifest) {
 // A program that nothing declares would run without a supervised lifetime.
 void require_declared_programs(const LauncherManifest& manifest) {
   for (const auto& [path, file] : manifest.snapshot.files) {
-    const bool declared = path == manifest.snapshot.executable || path == manifest.gui_executable ||
-                          manifest.helpers.contains(path);
+    const bool declared =
+        path == manifest.snapshot.executable || path == manifest.gui_executable || manifest.helpers.contains(path);
     if (file.executable && !declared) incompatible("Every native helper needs declared lifetime ownership");
   }
 }
@@ -181,8 +181,7 @@ bool LauncherManifest::matches_startup_health(const json& health, const json& at
   for (const char* key : {"schema_version", "health_abi", "application_schema", "pid"}) {
     if (!health.contains(key) || !health[key].is_number_integer()) return false;
   }
-  if (console && interface == "cli" &&
-      !has_integer(health, "console_interrupt_abi", contract::console_interrupt_abi))
+  if (console && interface == "cli" && !has_integer(health, "console_interrupt_abi", contract::console_interrupt_abi))
     return false;
   return health == startup_health(attempt, pid, interface, console);
 }

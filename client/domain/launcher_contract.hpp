@@ -49,8 +49,8 @@ struct LauncherManifest {
 
   // Whether `health` is exactly the document above: no field more or fewer.
   // A document of the wrong shape is false, never an exception.
-  bool matches_startup_health(const json& health, const json& attempt, std::int64_t pid,
-                              std::string_view interface, bool console) const;
+  bool matches_startup_health(const json& health, const json& attempt, std::int64_t pid, std::string_view interface,
+                              bool console) const;
 
   SnapshotManifest snapshot;  // `snapshot.executable` is the CLI entry point
   std::string gui_executable;

@@ -13,10 +13,14 @@ namespace {
 json release() {
   static const json document = [] {
     TempDir dir;
-    write_tree(dir / "t", {{"bin/zorvi", "cli", true}, {"bin/zorvi-gui", "gui", true}, {"libexec/crash", "c", true}, {"share/readme", "r"}});
+    write_tree(dir / "t", {{"bin/zorvi", "cli", true},
+                           {"bin/zorvi-gui", "gui", true},
+                           {"libexec/crash", "c", true},
+                           {"share/readme", "r"}});
     pack_tree(dir / "t", dir / "a.tar.zst");
     json d = python_manifest(dir / "t", dir / "a.tar.zst");
-    d.update(json::parse(R"({"kind": "zorvi-launcher-release", "executable": "bin/zorvi", "gui_executable": "bin/zorvi-gui", "bootstrap_abi": 1, "health_abi": 1,
+    d.update(json::parse(
+        R"({"kind": "zorvi-launcher-release", "executable": "bin/zorvi", "gui_executable": "bin/zorvi-gui", "bootstrap_abi": 1, "health_abi": 1,
       "application_schema": {"minimum": 1, "maximum": 9}, "runtime_lease_abi": 2, "staging_abi": 1, "console_interrupt_abi": 1,
       "runtime_helpers": [{"path": "libexec/crash", "role": "crash-handler", "lease_abi": 1}]})"));
     return d;
@@ -27,33 +31,54 @@ json release() {
 // Empty files keep the expanded length right.
 void add_files(json& d, const std::string& stem, int count, bool executable) {
   for (int i = 0; i < count; ++i)
-    d["files"].push_back({{"path", stem + std::to_string(i)}, {"length", 0}, {"mode", executable ? 493 : 420}, {"sha256", std::string(64, 'a')}});
+    d["files"].push_back({{"path", stem + std::to_string(i)},
+                          {"length", 0},
+                          {"mode", executable ? 493 : 420},
+                          {"sha256", std::string(64, 'a')}});
 }
 // Fills the helper list to its bound: the crash handler and 15 more.
 void sixteen_helpers(json& d) {
   add_files(d, "h/", 15, true);
-  for (int i = 0; i < 15; ++i) d["runtime_helpers"].push_back({{"path", "h/" + std::to_string(i)}, {"role", "maintenance"}, {"lease_abi", 1}});
+  for (int i = 0; i < 15; ++i)
+    d["runtime_helpers"].push_back({{"path", "h/" + std::to_string(i)}, {"role", "maintenance"}, {"lease_abi", 1}});
 }
 
 TEST(LauncherManifest, EachRuleAndBound) {
   const std::string payload = "size_limit: Launcher payload exceeds bounded native package limits";
   const std::vector<std::tuple<std::function<void(json&)>, std::string>> rows{
-      {[](json& d) { sixteen_helpers(d); add_files(d, "s/", 4096 - 19, false); }, "ok"},
-      {[](json& d) { d["schema_version"] = "1"; }, "unsupported_schema: Unsupported launcher manifest; existing installation was preserved"},
+      {[](json& d) {
+         sixteen_helpers(d);
+         add_files(d, "s/", 4096 - 19, false);
+       },
+       "ok"},
+      {[](json& d) { d["schema_version"] = "1"; },
+       "unsupported_schema: Unsupported launcher manifest; existing installation was preserved"},
       {[](json& d) { d["health_abi"] = 2; }, "launcher_incompatible: This launcher needs another native bootstrap ABI"},
-      {[](json& d) { d["bootstrap_abi"] = "1"; }, "invalid_manifest: Launcher manifest has missing or malformed fields"},
-      {[](json& d) { d["application_schema"]["minimum"] = 2; }, "launcher_incompatible: This launcher cannot preserve the current application data schema"},
+      {[](json& d) { d["bootstrap_abi"] = "1"; },
+       "invalid_manifest: Launcher manifest has missing or malformed fields"},
+      {[](json& d) { d["application_schema"]["minimum"] = 2; },
+       "launcher_incompatible: This launcher cannot preserve the current application data schema"},
       {[](json& d) { d["runtime_lease_abi"] = 1; }, "launcher_incompatible: Unsupported launcher runtime contract"},
       {[](json& d) { d.erase("staging_abi"); }, "launcher_incompatible: Launcher manifest lacks its runtime contract"},
       {[](json& d) { d["archive"]["length"] = (1u << 30) + 1; }, payload},
       {[](json& d) { add_files(d, "s/", 4093, false); }, payload},
-      {[](json& d) { d["gui_executable"] = "bin/../bin/zorvi-gui"; }, "invalid_manifest: GUI launcher executable is missing or not executable"},
-      {[](json& d) { d["gui_executable"] = "bin/zorvi"; }, "invalid_manifest: GUI and CLI need separate native entry points"},
-      {[](json& d) { sixteen_helpers(d); d["runtime_helpers"].push_back(d["runtime_helpers"][1]); }, "launcher_incompatible: Native helper ownership must be a bounded list"},
-      {[](json& d) { d["runtime_helpers"][0]["note"] = 1; }, "launcher_incompatible: Native helper ownership fields are invalid"},
-      {[](json& d) { d["runtime_helpers"][0]["role"] = "updater"; }, "launcher_incompatible: Unsupported native helper ownership contract"},
-      {[](json& d) { d["runtime_helpers"].push_back(d["runtime_helpers"][0]); }, "launcher_incompatible: Native helper is missing, repeated or overlaps a frontend"},
-      {[](json& d) { d["runtime_helpers"] = json::array(); }, "launcher_incompatible: Every native helper needs declared lifetime ownership"},
+      {[](json& d) { d["gui_executable"] = "bin/../bin/zorvi-gui"; },
+       "invalid_manifest: GUI launcher executable is missing or not executable"},
+      {[](json& d) { d["gui_executable"] = "bin/zorvi"; },
+       "invalid_manifest: GUI and CLI need separate native entry points"},
+      {[](json& d) {
+         sixteen_helpers(d);
+         d["runtime_helpers"].push_back(d["runtime_helpers"][1]);
+       },
+       "launcher_incompatible: Native helper ownership must be a bounded list"},
+      {[](json& d) { d["runtime_helpers"][0]["note"] = 1; },
+       "launcher_incompatible: Native helper ownership fields are invalid"},
+      {[](json& d) { d["runtime_helpers"][0]["role"] = "updater"; },
+       "launcher_incompatible: Unsupported native helper ownership contract"},
+      {[](json& d) { d["runtime_helpers"].push_back(d["runtime_helpers"][0]); },
+       "launcher_incompatible: Native helper is missing, repeated or overlaps a frontend"},
+      {[](json& d) { d["runtime_helpers"] = json::array(); },
+       "launcher_incompatible: Every native helper needs declared lifetime ownership"},
   };
   for (const auto& [change, expected] : rows) {
     json d = release();
@@ -66,10 +91,14 @@ TEST(LauncherManifest, RealReleaseHealthMatchesOnlyItsExactDocument) {
   const LauncherManifest m = LauncherManifest::parse(release());
   EXPECT_EQ(m.helpers, (std::map<std::string, std::string>{{"libexec/crash", "crash-handler"}}));
   EXPECT_EQ(launcher_manifest_target(), "launcher-linux-x86_64.manifest.json");
-  const json attempt = {{"nonce", std::string(32, 'c')}, {"reference", {{"manifest_sha256", std::string(64, 'd')}, {"build_id", "test-build"}}}};
+  const json attempt = {{"nonce", std::string(32, 'c')},
+                        {"reference", {{"manifest_sha256", std::string(64, 'd')}, {"build_id", "test-build"}}}};
   const json cli = m.startup_health(attempt, 42, "cli", true);
-  EXPECT_EQ(cli.dump(), R"({"application_schema":1,"build_id":"test-build","console_interrupt_abi":1,"health_abi":1,"interface":"cli","manifest_sha256":")" +
-                            std::string(64, 'd') + R"(","nonce":")" + std::string(32, 'c') + R"(","pid":42,"schema_version":1,"state":"ready"})");
+  EXPECT_EQ(
+      cli.dump(),
+      R"({"application_schema":1,"build_id":"test-build","console_interrupt_abi":1,"health_abi":1,"interface":"cli","manifest_sha256":")" +
+          std::string(64, 'd') + R"(","nonce":")" + std::string(32, 'c') +
+          R"(","pid":42,"schema_version":1,"state":"ready"})");
   EXPECT_TRUE(m.matches_startup_health(parse_json(cli.dump(), 4096), attempt, 42, "cli", true));
   EXPECT_FALSE(m.matches_startup_health(cli, attempt, 42, "cli", false));  // one field too many
   EXPECT_FALSE(m.matches_startup_health(cli, attempt, 43, "cli", true));
@@ -77,8 +106,10 @@ TEST(LauncherManifest, RealReleaseHealthMatchesOnlyItsExactDocument) {
   changed["console_interrupt_abi"] = 2;
   EXPECT_FALSE(m.matches_startup_health(changed, attempt, 42, "cli", true));
   EXPECT_FALSE(m.matches_startup_health(json::array(), attempt, 42, "cli", true));
-  EXPECT_EQ(outcome([&] { m.startup_health(attempt, 0, "gui", false); }), "launcher_health: Launcher health needs its exact native process and interface");
-  EXPECT_EQ(outcome([&] { m.startup_health({{"nonce", "x"}}, 42, "gui", false); }), "launcher_state: Launcher startup identity is invalid");
+  EXPECT_EQ(outcome([&] { m.startup_health(attempt, 0, "gui", false); }),
+            "launcher_health: Launcher health needs its exact native process and interface");
+  EXPECT_EQ(outcome([&] { m.startup_health({{"nonce", "x"}}, 42, "gui", false); }),
+            "launcher_state: Launcher startup identity is invalid");
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ bool printable_ascii(std::string_view path) {
 // tree of components keeps the memory linear in the document, where a set of
 // whole prefixes would grow with the square of a deep path.
 class FoldedNames {
-public:
+ public:
   // Enters one file path; refuses a second file on the same folded name and
   // a prefix whose spelling differs from the one seen first.
   void add_file(std::string_view path) {
@@ -80,7 +80,7 @@ public:
     return found;
   }
 
-private:
+ private:
   struct Node {
     std::string spelling;
     bool file = false;
@@ -212,7 +212,9 @@ constexpr std::uint64_t key_length = 32;
 constexpr std::uint64_t min_encrypted_length = encrypted_archive_header + 1;
 constexpr std::uint64_t max_encrypted_length = encrypted_archive_header + max_snapshot_bytes + (std::uint64_t{1} << 30);
 
-[[noreturn]] void malformed() { throw json::type_error::create(302, "game manifest field has the wrong shape", nullptr); }
+[[noreturn]] void malformed() {
+  throw json::type_error::create(302, "game manifest field has the wrong shape", nullptr);
+}
 
 bool has_exactly(const json& object, std::initializer_list<std::string_view> keys) {
   if (!object.is_object() || object.size() != keys.size()) return false;
@@ -269,7 +271,8 @@ EncryptedArchive parse_encrypted(const json& value, const SnapshotManifest& snap
   const json& key = value["key"];
   if (!artifact.is_object() || !key.is_object()) malformed();
   for (const json* descriptor : {&artifact, &key}) {
-    if (!has_exactly(*descriptor, {"target", "length", "sha256"})) invalid("Unknown encrypted artifact/key descriptor field");
+    if (!has_exactly(*descriptor, {"target", "length", "sha256"}))
+      invalid("Unknown encrypted artifact/key descriptor field");
   }
   encrypted.artifact = target_path(artifact);
   encrypted.key = target_path(key);
@@ -285,7 +288,8 @@ EncryptedArchive parse_encrypted(const json& value, const SnapshotManifest& snap
   const bool bounded = encrypted.artifact.length >= min_encrypted_length &&
                        encrypted.artifact.length <= max_encrypted_length && encrypted.key.length == key_length;
   if (!bounded) invalid("Encrypted archive/key exceeds its bound");
-  if (encrypted.format == encrypted_archive_format && encrypted.artifact.length != encrypted_archive_length(snapshot.archive_length))
+  if (encrypted.format == encrypted_archive_format &&
+      encrypted.artifact.length != encrypted_archive_length(snapshot.archive_length))
     invalid("Encrypted archive length differs from its fixed authenticated chunks");
   return encrypted;
 }
@@ -320,9 +324,9 @@ DirectPatch parse_patch(const json& value, const SnapshotManifest& snapshot, std
   read_length_and_digest(source, patch.source);
   patch.artifact = target_path(artifact);
   read_length_and_digest(artifact, patch.artifact);
-  const bool distinct = patch.source.target != snapshot.archive_target &&
-                        patch.artifact.target != snapshot.archive_target &&
-                        patch.artifact.target != patch.source.target && artifacts.insert(fold(patch.artifact.target)).second;
+  const bool distinct =
+      patch.source.target != snapshot.archive_target && patch.artifact.target != snapshot.archive_target &&
+      patch.artifact.target != patch.source.target && artifacts.insert(fold(patch.artifact.target)).second;
   if (!distinct) invalid("Direct patch artifacts repeat or alias a snapshot");
   for (const std::uint64_t length : {patch.source.length, patch.artifact.length}) {
     require(length >= 1 && length <= max_snapshot_bytes, "size_limit", "Direct patch input exceeds its size bounds");

@@ -103,8 +103,8 @@ TEST(SnapshotManifest, RefusesEachRuleWithItsCodeAndMessage) {
        "Path must be a safe relative path"},
       {"archive length 0", [](json& d) { d["archive"]["length"] = 0; }, "size_limit",
        "Snapshot exceeds archive size bounds"},
-      {"archive length 2^42+1", [](json& d) { d["archive"]["length"] = (std::uint64_t{1} << 42) + 1; },
-       "size_limit", "Snapshot exceeds archive size bounds"},
+      {"archive length 2^42+1", [](json& d) { d["archive"]["length"] = (std::uint64_t{1} << 42) + 1; }, "size_limit",
+       "Snapshot exceeds archive size bounds"},
       {"digest checked before length bound",
        [](json& d) {
          d["archive"]["length"] = 0;
@@ -191,7 +191,8 @@ TEST(SnapshotManifest, CaseAndShapeCollisions) {
 
 json many_files(std::size_t count) {
   json files = json::array();
-  for (std::size_t i = 0; i < count; ++i) files.push_back(entry("d" + std::to_string(i % 100) + "/f" + std::to_string(i)));
+  for (std::size_t i = 0; i < count; ++i)
+    files.push_back(entry("d" + std::to_string(i % 100) + "/f" + std::to_string(i)));
   return document_with(std::move(files));
 }
 
@@ -208,7 +209,9 @@ TEST(SnapshotManifest, LongestNativePathCountsTheWholePath) {
   EXPECT_EQ(manifest.longest_native_path(), 13u);
 }
 
-json target(const std::string& path, std::uint64_t length) { return {{"target", path}, {"length", length}, {"sha256", digest_a}}; }
+json target(const std::string& path, std::uint64_t length) {
+  return {{"target", path}, {"length", length}, {"sha256", digest_a}};
+}
 
 // A game build whose snapshot is a real tree packed by tar and zstd and
 // described by Python's hashlib, with every optional part present.
@@ -217,14 +220,21 @@ json real_game(const testing::TempDir& dir) {
   testing::pack_tree(dir / "tree", dir / "fox.tar.zst");
   json document = testing::python_manifest(dir / "tree", dir / "fox.tar.zst");
   const std::uint64_t archive = document["archive"]["length"];
-  document.update({{"minimum_launcher", 1}, {"game_id", "fox-run"}, {"display_name", "Fox Run"},
-                   {"presentation", {{"tagline", "Run"}}}, {"release_notes", "Faster\r\n\tfoxes"},
+  document.update({{"minimum_launcher", 1},
+                   {"game_id", "fox-run"},
+                   {"display_name", "Fox Run"},
+                   {"presentation", {{"tagline", "Run"}}},
+                   {"release_notes", "Faster\r\n\tfoxes"},
                    {"sdk", {{"required", true}, {"abi_version", 1}}},
-                   {"encrypted", {{"format", "zorvi-chacha20-poly1305-v1"}, {"artifact", target("fox.zc", encrypted_archive_length(archive))}, {"key", target("keys/fox", 32)}}}});
+                   {"encrypted",
+                    {{"format", "zorvi-chacha20-poly1305-v1"},
+                     {"artifact", target("fox.zc", encrypted_archive_length(archive))},
+                     {"key", target("keys/fox", 32)}}}});
   for (const std::string build : {"build-6", "build-5"}) {
     json source = target("builds/" + build + ".tar.zst", 9);
     source.update({{"format", "tar.zst-v1"}, {"build_id", build}});
-    document["patches"].push_back({{"format", "zstd-patch"}, {"source", source}, {"artifact", target("patches/" + build, 4)}});
+    document["patches"].push_back(
+        {{"format", "zstd-patch"}, {"source", source}, {"artifact", target("patches/" + build, 4)}});
   }
   return document;
 }
@@ -236,11 +246,16 @@ TEST(GameManifest, RealBuildParsesAndEachRuleRefusesWithItsCodeAndMessage) {
   EXPECT_TRUE(manifest.sdk_required);
   EXPECT_EQ(manifest.encrypted->key.target, "keys/fox");
   EXPECT_EQ(manifest.patches.at(1).source_build_id, "build-5");
-  const auto sized = [](json& d, std::uint64_t archive, std::uint64_t encrypted) { d["archive"]["length"] = archive; d["encrypted"]["artifact"]["length"] = encrypted; };
+  const auto sized = [](json& d, std::uint64_t archive, std::uint64_t encrypted) {
+    d["archive"]["length"] = archive;
+    d["encrypted"]["artifact"]["length"] = encrypted;
+  };
   const std::string bad = "invalid_manifest: ";
   const std::vector<std::pair<std::function<void(json&)>, std::string>> rows{
-      {[](json& d) { d["schema_version"] = 2; }, "unsupported_schema: Unsupported game manifest schema; nothing was rewritten"},
-      {[](json& d) { d["minimum_launcher"] = 2; }, "launcher_incompatible: This build needs a different launcher protocol"},
+      {[](json& d) { d["schema_version"] = 2; },
+       "unsupported_schema: Unsupported game manifest schema; nothing was rewritten"},
+      {[](json& d) { d["minimum_launcher"] = 2; },
+       "launcher_incompatible: This build needs a different launcher protocol"},
       {[](json& d) { d["game_id"] = 7; }, bad + "Game manifest has missing or malformed fields"},
       {[](json& d) { d["display_name"] = std::string(201, 'a'); }, bad + "Game display name is missing or too long"},
       {[](json& d) { d["presentation"] = nullptr; }, "invalid_presentation: Game presentation must be an object"},
@@ -253,22 +268,39 @@ TEST(GameManifest, RealBuildParsesAndEachRuleRefusesWithItsCodeAndMessage) {
       {[](json& d) { d["encrypted"]["nonce"] = 1; }, bad + "Unknown encrypted archive field"},
       {[](json& d) { d["encrypted"]["format"] = ""; }, bad + "Invalid encrypted archive decoder name"},
       {[](json& d) { d["encrypted"]["key"]["mode"] = 1; }, bad + "Unknown encrypted artifact/key descriptor field"},
-      {[](json& d) { d["encrypted"]["artifact"]["target"] = "Snapshots/Test.tar.zst"; }, bad + "Encrypted artifact/key aliases the full snapshot"},
+      {[](json& d) { d["encrypted"]["artifact"]["target"] = "Snapshots/Test.tar.zst"; },
+       bad + "Encrypted artifact/key aliases the full snapshot"},
       {[](json& d) { d["encrypted"]["key"]["length"] = 31; }, bad + "Encrypted archive/key exceeds its bound"},
-      {[](json& d) { d["encrypted"]["format"] = "other"; d["encrypted"]["artifact"]["length"] = 97; }, "ok"},
+      {[](json& d) {
+         d["encrypted"]["format"] = "other";
+         d["encrypted"]["artifact"]["length"] = 97;
+       },
+       "ok"},
       {[&](json& d) { sized(d, 65536, 65648); }, "ok"},
       {[&](json& d) { sized(d, 65537, 65665); }, "ok"},
       {[&](json& d) { sized(d, std::uint64_t{1} << 42, (std::uint64_t{1} << 42) + (1 << 30) + 96); }, "ok"},
-      {[&](json& d) { sized(d, 65537, 65664); }, bad + "Encrypted archive length differs from its fixed authenticated chunks"},
-      {[](json& d) { d["patches"] = json::array({1, 2, 3, 4, 5, 6, 7, 8, 9}); }, bad + "Direct patch list exceeds its bound"},
+      {[&](json& d) { sized(d, 65537, 65664); },
+       bad + "Encrypted archive length differs from its fixed authenticated chunks"},
+      {[](json& d) { d["patches"] = json::array({1, 2, 3, 4, 5, 6, 7, 8, 9}); },
+       bad + "Direct patch list exceeds its bound"},
       {[](json& d) { d["patches"][0]["note"] = 1; }, bad + "Unknown direct patch field"},
-      {[](json& d) { d["patches"][1]["source"].erase("format"); d["patches"][1]["source"]["kind"] = 1; }, bad + "Missing direct patch field"},
-      {[](json& d) { d["patches"][0]["source"]["format"] = "zstd-patch"; }, bad + "A direct patch must start from a full snapshot"},
-      {[](json& d) { d["patches"][0]["source"]["build_id"] = "test-build"; }, bad + "Direct patch repeats its source or targets its own build"},
-      {[](json& d) { d["patches"][1]["source"]["build_id"] = "build-6"; }, bad + "Direct patch repeats its source or targets its own build"},
-      {[](json& d) { d["patches"][0]["artifact"]["target"] = "snapshots/test.tar.zst"; }, bad + "Direct patch artifacts repeat or alias a snapshot"},
-      {[](json& d) { d["patches"][1]["artifact"]["target"] = "Patches/Build-6"; }, bad + "Direct patch artifacts repeat or alias a snapshot"},
-      {[](json& d) { d["patches"][1]["source"]["length"] = 0; }, "size_limit: Direct patch input exceeds its size bounds"},
+      {[](json& d) {
+         d["patches"][1]["source"].erase("format");
+         d["patches"][1]["source"]["kind"] = 1;
+       },
+       bad + "Missing direct patch field"},
+      {[](json& d) { d["patches"][0]["source"]["format"] = "zstd-patch"; },
+       bad + "A direct patch must start from a full snapshot"},
+      {[](json& d) { d["patches"][0]["source"]["build_id"] = "test-build"; },
+       bad + "Direct patch repeats its source or targets its own build"},
+      {[](json& d) { d["patches"][1]["source"]["build_id"] = "build-6"; },
+       bad + "Direct patch repeats its source or targets its own build"},
+      {[](json& d) { d["patches"][0]["artifact"]["target"] = "snapshots/test.tar.zst"; },
+       bad + "Direct patch artifacts repeat or alias a snapshot"},
+      {[](json& d) { d["patches"][1]["artifact"]["target"] = "Patches/Build-6"; },
+       bad + "Direct patch artifacts repeat or alias a snapshot"},
+      {[](json& d) { d["patches"][1]["source"]["length"] = 0; },
+       "size_limit: Direct patch input exceeds its size bounds"},
   };
   for (const auto& [change, expected] : rows) {
     json document = base;

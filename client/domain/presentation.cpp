@@ -61,7 +61,8 @@ bool one_of(std::string_view key, const std::array<std::string_view, N>& keys) {
 }
 
 std::uint32_t artwork_side(const json& value) {
-  const bool in_range = value.is_number_integer() && value.get<std::int64_t>() >= 1 && value.get<std::int64_t>() <= max_side;
+  const bool in_range =
+      value.is_number_integer() && value.get<std::int64_t>() >= 1 && value.get<std::int64_t>() <= max_side;
   require(in_range, invalid, "Game artwork dimensions exceed 128 pixels");
   return static_cast<std::uint32_t>(value.get<std::int64_t>());
 }
@@ -137,10 +138,8 @@ GamePresentation GamePresentation::parse(std::string_view display_name, const js
 }
 
 json GamePresentation::summary() const {
-  json result = {{"display_name", display_name},
-                 {"tagline", tagline},
-                 {"description", description},
-                 {"monogram", monogram}};
+  json result = {
+      {"display_name", display_name}, {"tagline", tagline}, {"description", description}, {"monogram", monogram}};
   if (artwork) {
     result["artwork"] = {{"format", artwork_format},
                          {"width", artwork->width},

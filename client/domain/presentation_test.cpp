@@ -26,13 +26,22 @@ std::string bmp_hex(int width, int height, const std::string& variant = "exact")
 }
 
 json artwork(int width, int height, const std::string& hex, const std::string& alternative = "A red fox") {
-  return {{"format", "bmp-rgb24-v1"}, {"width", width}, {"height", height}, {"bmp_hex", hex}, {"alternative_text", alternative}};
+  return {{"format", "bmp-rgb24-v1"},
+          {"width", width},
+          {"height", height},
+          {"bmp_hex", hex},
+          {"alternative_text", alternative}};
 }
 
 TEST(GamePresentation, SummaryOfARealBitmapLeavesThePixelsOut) {
-  const json value = {{"tagline", "Run"}, {"description", "Line one\r\n\tline two"}, {"artwork", artwork(128, 128, bmp_hex(128, 128))}};
-  const json expected = {{"display_name", "Fox Run"}, {"tagline", "Run"}, {"description", "Line one\r\n\tline two"}, {"monogram", "F"},
-                         {"artwork", {{"format", "bmp-rgb24-v1"}, {"width", 128}, {"height", 128}, {"alternative_text", "A red fox"}}}};
+  const json value = {
+      {"tagline", "Run"}, {"description", "Line one\r\n\tline two"}, {"artwork", artwork(128, 128, bmp_hex(128, 128))}};
+  const json expected = {
+      {"display_name", "Fox Run"},
+      {"tagline", "Run"},
+      {"description", "Line one\r\n\tline two"},
+      {"monogram", "F"},
+      {"artwork", {{"format", "bmp-rgb24-v1"}, {"width", 128}, {"height", 128}, {"alternative_text", "A red fox"}}}};
   EXPECT_EQ(GamePresentation::parse("Fox Run", value).summary(), expected);
   EXPECT_EQ(GamePresentation::parse("\xf0\x9f\xa6\x8a Fox", nullptr).monogram, "\xf0\x9f\xa6\x8a");
 }
@@ -41,21 +50,34 @@ TEST(GamePresentation, RefusesEachRule) {
   const std::string p = "invalid_presentation: ";
   const std::string small = bmp_hex(1, 1);
   const std::string exact = p + "Game artwork must be an exact uncompressed RGB24 BMP";
-  struct Row { std::string name; json value; std::string expected; };
+  struct Row {
+    std::string name;
+    json value;
+    std::string expected;
+  };
   const std::vector<Row> rows{
       {"Fox", {{"monogram", "\xc3\xa9t\xc3\xa9s"}, {"artwork", artwork(1, 1, small)}}, "ok"},
       {"", nullptr, p + "Game display name is empty"},
-      {"Fox", {{"tagline", ""}, {"description", ""}, {"monogram", "F"}, {"artwork", 1}, {"x", 1}}, p + "Unknown game presentation fields"},
+      {"Fox",
+       {{"tagline", ""}, {"description", ""}, {"monogram", "F"}, {"artwork", 1}, {"x", 1}},
+       p + "Unknown game presentation fields"},
       {"Fox", {{"subtitle", "x"}}, p + "Unknown game presentation field"},
       {"Fox", {{"tagline", std::string(201, 'a')}}, p + "Game presentation text exceeds its bound"},
       {"Fox", {{"tagline", "a\nb"}}, p + "Game presentation contains unsupported control characters"},
       {"Fox", {{"monogram", "abcde"}}, p + "Game monogram must contain one to four characters"},
-      {"Fox", {{"artwork", {{"format", "bmp-rgb24-v2"}, {"width", 1}, {"height", 1}, {"bmp_hex", small}, {"alternative_text", "x"}}}}, p + "Unknown game artwork descriptor"},
+      {"Fox",
+       {{"artwork",
+         {{"format", "bmp-rgb24-v2"}, {"width", 1}, {"height", 1}, {"bmp_hex", small}, {"alternative_text", "x"}}}},
+       p + "Unknown game artwork descriptor"},
       {"Fox", {{"artwork", artwork(129, 1, small)}}, p + "Game artwork dimensions exceed 128 pixels"},
       {"Fox", {{"artwork", artwork(1, 1, small, "")}}, p + "Game artwork needs alternative text"},
       {"Fox", {{"artwork", artwork(1, 1, "")}}, p + "Game artwork pixels are missing"},
-      {"Fox", {{"artwork", artwork(128, 128, bmp_hex(128, 128) + "00")}}, p + "Game artwork encoding exceeds its bound"},
-      {"Fox", {{"artwork", artwork(1, 1, small.substr(0, 106))}}, p + "Game artwork exceeds its 128-pixel bitmap bound"},
+      {"Fox",
+       {{"artwork", artwork(128, 128, bmp_hex(128, 128) + "00")}},
+       p + "Game artwork encoding exceeds its bound"},
+      {"Fox",
+       {{"artwork", artwork(1, 1, small.substr(0, 106))}},
+       p + "Game artwork exceeds its 128-pixel bitmap bound"},
       {"Fox", {{"artwork", artwork(1, 3, bmp_hex(1, 3, "size-lie"))}}, exact},
       {"Fox", {{"artwork", artwork(1, 3, bmp_hex(1, 3, "trailing"))}}, exact},
       {"Fox", {{"artwork", artwork(1, 3, bmp_hex(1, 3, "top-down"))}}, exact},
@@ -63,7 +85,8 @@ TEST(GamePresentation, RefusesEachRule) {
       {"Fox", {{"artwork", artwork(2, 5, bmp_hex(5, 2))}}, exact},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(testing::outcome([&] { GamePresentation::parse(row.name, row.value); }), row.expected) << row.value.dump();
+    EXPECT_EQ(testing::outcome([&] { GamePresentation::parse(row.name, row.value); }), row.expected)
+        << row.value.dump();
   }
 }
 

@@ -59,7 +59,7 @@ struct MdContextFree {
 // Failed checks leave entries on the thread's OpenSSL error queue; a later
 // TLS call would mistake them for its own, so the queue is restored on exit.
 class ErrorQueueMark {
-public:
+ public:
   ErrorQueueMark() { ERR_set_mark(); }
   ~ErrorQueueMark() { ERR_pop_to_mark(); }
   ErrorQueueMark(const ErrorQueueMark&) = delete;

@@ -114,16 +114,16 @@ Material make_material() {
                       sign_raw("ed", message)});
   const std::string rsa = generate("rsa", {"-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048"});
   for (const std::string bits : {"256", "384", "512"})
-    accepted.push_back({"openssl rsa sha" + bits, tuf_key("rsa", "rsassa-pss-sha" + bits, rsa),
-                        sign("rsa", "sha" + bits, pss)});
-  for (const auto& [curve, scheme, md] : std::vector<std::array<std::string, 3>>{
-           {"P-256", "ecdsa-sha2-nistp256", "sha256"},
-           {"P-384", "ecdsa-sha2-nistp384", "sha384"},
-           {"P-521", "ecdsa-sha2-nistp521", "sha512"}})
-    accepted.push_back({"openssl " + scheme,
-                        tuf_key("ecdsa", scheme, generate(curve, {"-algorithm", "EC", "-pkeyopt",
-                                                                  "ec_paramgen_curve:" + curve})),
-                        sign(curve, md, {})});
+    accepted.push_back(
+        {"openssl rsa sha" + bits, tuf_key("rsa", "rsassa-pss-sha" + bits, rsa), sign("rsa", "sha" + bits, pss)});
+  for (const auto& [curve, scheme, md] :
+       std::vector<std::array<std::string, 3>>{{"P-256", "ecdsa-sha2-nistp256", "sha256"},
+                                               {"P-384", "ecdsa-sha2-nistp384", "sha384"},
+                                               {"P-521", "ecdsa-sha2-nistp521", "sha512"}})
+    accepted.push_back(
+        {"openssl " + scheme,
+         tuf_key("ecdsa", scheme, generate(curve, {"-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:" + curve})),
+         sign(curve, md, {})});
   // ML-DSA signs "tuf", a version byte and SHA-512 of the message.
   const std::string prehash = std::string("tuf\x01", 4) + openssl({"dgst", "-sha512", "-binary"}, message);
   for (const std::string level : {"44", "65", "87"})

@@ -45,7 +45,7 @@ constexpr TreeWalkWording game_walk{"Game directory entry count exceeds bounds",
 constexpr int file_open = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 DirectoryHandle open_game_root(const std::filesystem::path& root) {
-  struct stat top {};
+  struct stat top{};
   require(status_of(root, top) && S_ISDIR(top.st_mode), "unsafe_path", "Game content directory is missing or linked");
   DirectoryHandle handle = DirectoryHandle::open_existing(root);
   require(handle.is(top), "unsafe_path", "Game content directory is missing or linked");
@@ -90,7 +90,7 @@ std::string file_digest(const DirectoryChain& chain, const struct stat& status, 
                         const Progress& progress, std::uint64_t done, std::uint64_t total) {
   const UniqueFd opened(::openat(chain.parent().get(), chain.name().c_str(), file_open));
   require(static_cast<bool>(opened), "file_read", "Could not open file for verification: " + path_utf8(chain.path()));
-  struct stat now {};
+  struct stat now{};
   if (::fstat(opened.get(), &now) != 0 || now.st_dev != status.st_dev || now.st_ino != status.st_ino) return {};
   Progress inner;
   if (progress) {
@@ -139,7 +139,7 @@ using TarReader = std::unique_ptr<struct archive, ReaderFree>;
 // digest is the one the decoder reads, whatever happens to the path later.
 UniqueFd open_authenticated_archive(const SnapshotManifest& manifest, const std::filesystem::path& archive) {
   UniqueFd file(::open(archive.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  struct stat status {};
+  struct stat status{};
   const bool matches = file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
                        static_cast<std::uint64_t>(status.st_size) == manifest.archive_length &&
                        digest_open_file(file, "sha256", Progress()) == manifest.archive_sha256;
@@ -153,7 +153,7 @@ void prepare_staging(const SnapshotManifest& manifest, const std::filesystem::pa
     reserved_tree->validate(manifest, staging);
     return;
   }
-  struct stat existing {};
+  struct stat existing{};
   require(!status_of(staging, existing) && errno == ENOENT, "staging_exists", "A fresh staging directory is required");
   private_directory(staging);
 }
@@ -275,9 +275,8 @@ void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesyste
   std::uint64_t done = 0;
   for (const auto& [path, file] : manifest.files) {
     report(progress, done, manifest.expanded_length);
-    struct stat status {};
-    const bool intact = find_listed(chain, path, status) &&
-                        static_cast<std::uint64_t>(status.st_size) == file.length &&
+    struct stat status{};
+    const bool intact = find_listed(chain, path, status) && static_cast<std::uint64_t>(status.st_size) == file.length &&
                         file_digest(chain, status, file, progress, done, manifest.expanded_length) == file.sha256;
     require(intact, "content_mismatch", "Game content differs from the verified manifest: " + path);
     require(!file.executable || (status.st_mode & S_IXUSR) != 0, "content_mode",
@@ -300,7 +299,7 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std:
   std::uint64_t done = 0;
   for (const auto& [path, file] : manifest.files) {
     report(progress, done, manifest.expanded_length);
-    struct stat status {};
+    struct stat status{};
     bool intact = find_listed(chain, path, status) && static_cast<std::uint64_t>(status.st_size) == file.length;
     if (intact) {
       try {
@@ -322,8 +321,7 @@ void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::p
                       const ReservedTree* reserved_tree) {
   UniqueFd file = open_authenticated_archive(manifest, archive);
   prepare_staging(manifest, staging, reserved_tree);
-  const std::uint64_t limit =
-      manifest.expanded_length + tar_overhead_per_file * manifest.files.size() + tar_overhead;
+  const std::uint64_t limit = manifest.expanded_length + tar_overhead_per_file * manifest.files.size() + tar_overhead;
   BoundedZstd decoder(std::move(file), limit);
   const TarReader reader = open_tar_reader(decoder);
   Extraction{manifest, staging, progress, reserved_tree, decoder, reader.get()}.run();
@@ -334,7 +332,7 @@ void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::p
 
 bool has_listed_length(const SnapshotManifest& manifest, const std::string& name, const std::filesystem::path& path) {
   const auto listed = manifest.files.find(name);
-  struct stat status {};
+  struct stat status{};
   return listed != manifest.files.end() && ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
          static_cast<std::uint64_t>(status.st_size) == listed->second.length;
 }

@@ -19,9 +19,9 @@
 namespace zorvi {
 namespace {
 
-using testing::TempDir;
 using testing::caught;
 using testing::expect_error;
+using testing::TempDir;
 using testing::TreeFile;
 
 std::string random_bytes(std::size_t count, unsigned seed) {
@@ -42,10 +42,8 @@ std::vector<TreeFile> sample_files() {
           {"README", "read me\n"}};
 }
 
-
-
 mode_t mode_of(const std::filesystem::path& path) {
-  struct stat status {};
+  struct stat status{};
   EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
   return status.st_mode & 07777;
 }
@@ -143,8 +141,8 @@ TEST(SnapshotExtraction, DirectorySwappedForALinkBetweenTwoFilesIsRefused) {
     }
     return true;
   };
-  expect_error([&] { extract_snapshot(packed.manifest, packed.archive, packed.staging, swap, nullptr); },
-               "unsafe_path", "Managed path contains a symbolic link");
+  expect_error([&] { extract_snapshot(packed.manifest, packed.archive, packed.staging, swap, nullptr); }, "unsafe_path",
+               "Managed path contains a symbolic link");
   EXPECT_FALSE(std::filesystem::exists(aside / "b"));
 }
 
@@ -152,7 +150,7 @@ TEST(SnapshotExtraction, DirectorySwappedForALinkBetweenTwoFilesIsRefused) {
 
 struct Hostile {
   const char* name;
-  std::vector<TreeFile> listed;                          // what the manifest describes
+  std::vector<TreeFile> listed;                                         // what the manifest describes
   std::function<void(Packed&, const std::filesystem::path& tar)> make;  // writes the archive
   const char* code;
   const char* message;
@@ -228,8 +226,10 @@ std::vector<Hostile> hostile_archives() {
              "python3 -c \"import sys; b=bytearray(open('full','rb').read()); b[len(b)//2]^=0xff; "
              "open(sys.argv[1],'wb').write(b)\" \"$1\""),
        "archive", "Snapshot decoding failed or exceeds the 64 MiB window limit"},
-      {"tar cut inside a file", {{"bin/game", std::string(3000, 'g'), true}},
-       shell("tar --format=gnu -C tree -cf - bin/game | head -c 2000 | zstd -q -c > \"$1\""), "archive",
+      {"tar cut inside a file",
+       {{"bin/game", std::string(3000, 'g'), true}},
+       shell("tar --format=gnu -C tree -cf - bin/game | head -c 2000 | zstd -q -c > \"$1\""),
+       "archive",
        "Snapshot decompression failed"},
       {"not a tar", one_game, shell("head -c 3000 /dev/urandom | zstd -q -c > \"$1\""), "archive",
        "Cannot open snapshot archive"},
@@ -238,21 +238,21 @@ std::vector<Hostile> hostile_archives() {
        "Snapshot is incomplete or malformed"},
       {"directory entry", one_game, crafted({{{"name", "bin"}, {"type", "dir"}}, game}), "unsafe_path",
        "Trailing path separator is not allowed"},
-      {"directory entry without a slash", one_game,
-       crafted({{{"name", "bin"}, {"type", "dir"}, {"bare", true}}, game}), "archive_type",
-       "Only ordinary files are accepted in snapshots"},
+      {"directory entry without a slash", one_game, crafted({{{"name", "bin"}, {"type", "dir"}, {"bare", true}}, game}),
+       "archive_type", "Only ordinary files are accepted in snapshots"},
       {"symbolic link", one_game, crafted({{{"name", "bin/game"}, {"type", "symlink"}, {"link", "/bin/sh"}}}),
        "archive_type", "Only ordinary files are accepted in snapshots"},
-      {"hard link", game_and_data,
-       crafted({game, {{"name", "data/a"}, {"type", "hardlink"}, {"link", "bin/game"}}}), "archive_type",
-       "Only ordinary files are accepted in snapshots"},
-      {"sparse file", {{"bin/game", std::string(1 << 20, '\0') + "x", true}},
+      {"hard link", game_and_data, crafted({game, {{"name", "data/a"}, {"type", "hardlink"}, {"link", "bin/game"}}}),
+       "archive_type", "Only ordinary files are accepted in snapshots"},
+      {"sparse file",
+       {{"bin/game", std::string(1 << 20, '\0') + "x", true}},
        shell("mkdir -p sparse/bin && truncate -s 1M sparse/bin/game && printf x >> sparse/bin/game && "
              "chmod 755 sparse/bin/game && tar --format=gnu --sparse -C sparse -cf - bin/game | zstd -q -c > \"$1\""),
-       "archive_type", "Only ordinary files are accepted in snapshots"},
+       "archive_type",
+       "Only ordinary files are accepted in snapshots"},
       {"extended attributes", one_game,
-       crafted({{{"name", "bin/game"}, {"content", "#!/bin/sh\n"}, {"mode", 0755}, {"xattr", true}}}),
-       "archive_type", "Only ordinary files are accepted in snapshots"},
+       crafted({{{"name", "bin/game"}, {"content", "#!/bin/sh\n"}, {"mode", 0755}, {"xattr", true}}}), "archive_type",
+       "Only ordinary files are accepted in snapshots"},
       {"parent step", one_game, crafted({game, file_entry("../x", "escape")}), "unsafe_path",
        "Path contains an unsafe component"},
       {"inner parent step", game_and_data, crafted({game, file_entry("data/../data/a", "alpha")}), "unsafe_path",
@@ -369,7 +369,7 @@ TEST(SnapshotExtractionSpace, SpaceIsClaimedBeforeTheFirstByte) {
       {"-t tmpfs -o size=1m tmpfs", "", "files=0 used=0"},
       {"-t tmpfs -o size=1m tmpfs", "--reserve", "files=0 used=0"},
       {"-t tmpfs -o size=4m tmpfs", "", "files=3 used=2105344"},  // 2 MiB and a page for each small file
-      {"-t ramfs ramfs", "", "files=3 used=0"},  // ramfs cannot reserve, and counts nothing
+      {"-t ramfs ramfs", "", "files=3 used=0"},                   // ramfs cannot reserve, and counts nothing
   };
   const std::string mount = (packed.dir / "mnt").string();
   std::filesystem::create_directory(mount);
@@ -448,8 +448,8 @@ TEST(SnapshotVerification, DamageListsExactlyWhatWasDamaged) {
   EXPECT_EQ(damaged_snapshot_files(tree.manifest, root, Progress(), 2).paths.size(), 2u);
 
   std::uint64_t last = 0;
-  damaged_snapshot_files(tree.manifest, root, [&](std::uint64_t done, std::uint64_t) { return (last = done), true; },
-                         0);
+  damaged_snapshot_files(
+      tree.manifest, root, [&](std::uint64_t done, std::uint64_t) { return (last = done), true; }, 0);
   EXPECT_EQ(last, tree.manifest.expanded_length);
 }
 
@@ -475,8 +475,7 @@ TEST(SnapshotVerification, EachFailureHasItsCodeAndMessage) {
          std::filesystem::create_directory(root / "data/empty");
        },
        "missing_file", "Game content is incomplete; repair is available"},
-      {"changed bytes",
-       [](const auto& root) { testing::write_text(root / "README", "read mE\n"); }, "content_mismatch",
+      {"changed bytes", [](const auto& root) { testing::write_text(root / "README", "read mE\n"); }, "content_mismatch",
        "Game content differs from the verified manifest: README"},
       {"changed length", [](const auto& root) { testing::write_text(root / "README", "read me!\n"); },
        "content_mismatch", "Game content differs from the verified manifest: README"},

@@ -18,28 +18,38 @@ constexpr const char* invalid = "invalid_theme";
 
 struct NamedColour {
   const char* key;
-  Rgb Theme::*member;
+  Rgb Theme::* member;
 };
 
 // The colours every definition must give, in the order they are read.
 constexpr NamedColour required_colours[] = {
-    {"background", &Theme::background}, {"panel", &Theme::panel},
-    {"raised", &Theme::raised},         {"well", &Theme::well},
-    {"border", &Theme::border},         {"text", &Theme::text},
-    {"muted", &Theme::muted},           {"accent", &Theme::accent},
-    {"accent_hover", &Theme::accent_hover}, {"accent_text", &Theme::accent_text},
-    {"danger", &Theme::danger},         {"danger_hover", &Theme::danger_hover},
-    {"danger_text", &Theme::danger_text}, {"warning", &Theme::warning},
-    {"success", &Theme::success},       {"focus", &Theme::focus},
-    {"disabled", &Theme::disabled},     {"disabled_text", &Theme::disabled_text},
-    {"paper", &Theme::paper},           {"ink", &Theme::ink},
+    {"background", &Theme::background},
+    {"panel", &Theme::panel},
+    {"raised", &Theme::raised},
+    {"well", &Theme::well},
+    {"border", &Theme::border},
+    {"text", &Theme::text},
+    {"muted", &Theme::muted},
+    {"accent", &Theme::accent},
+    {"accent_hover", &Theme::accent_hover},
+    {"accent_text", &Theme::accent_text},
+    {"danger", &Theme::danger},
+    {"danger_hover", &Theme::danger_hover},
+    {"danger_text", &Theme::danger_text},
+    {"warning", &Theme::warning},
+    {"success", &Theme::success},
+    {"focus", &Theme::focus},
+    {"disabled", &Theme::disabled},
+    {"disabled_text", &Theme::disabled_text},
+    {"paper", &Theme::paper},
+    {"ink", &Theme::ink},
     {"ink_muted", &Theme::ink_muted},
 };
 
 struct ContrastPair {
   const char* name;
-  Rgb Theme::*foreground;
-  Rgb Theme::*background;
+  Rgb Theme::* foreground;
+  Rgb Theme::* background;
 };
 
 // The pairs people read, each held to 4.5:1, in the order they are judged.
@@ -62,7 +72,7 @@ constexpr ContrastPair readable_pairs[] = {
 
 struct ImageKind {
   const char* key;
-  std::optional<ThemeImage> ThemeImages::*member;
+  std::optional<ThemeImage> ThemeImages::* member;
   std::uint32_t max_width;
   std::uint32_t max_height;
 };
@@ -140,9 +150,8 @@ std::uint32_t little_endian(const std::string& bytes, std::size_t at, std::size_
 }
 
 void check_bmp(const std::string& bytes, const ImageKind& kind) {
-  require(bytes.size() >= bmp_header_bytes && bytes.starts_with("BM") &&
-              little_endian(bytes, 2, 4) == bytes.size() && little_endian(bytes, 10, 4) == bmp_header_bytes &&
-              little_endian(bytes, 14, 4) == 40,
+  require(bytes.size() >= bmp_header_bytes && bytes.starts_with("BM") && little_endian(bytes, 2, 4) == bytes.size() &&
+              little_endian(bytes, 10, 4) == bmp_header_bytes && little_endian(bytes, 14, 4) == 40,
           invalid, "Theme images are BMP files");
   require(little_endian(bytes, 26, 2) == 1 && little_endian(bytes, 28, 2) == 24 && little_endian(bytes, 30, 4) == 0,
           invalid, "Theme images must be uncompressed 24-bit BMP files");
@@ -152,8 +161,8 @@ void check_bmp(const std::string& bytes, const ImageKind& kind) {
   require(width >= 1 && height >= 1, invalid, "Theme images are BMP files");
   require(static_cast<std::uint32_t>(width) <= kind.max_width && static_cast<std::uint32_t>(height) <= kind.max_height,
           invalid,
-          "Theme image is larger than " + std::to_string(kind.max_width) + "\u00d7" +
-              std::to_string(kind.max_height) + " pixels");
+          "Theme image is larger than " + std::to_string(kind.max_width) + "\u00d7" + std::to_string(kind.max_height) +
+              " pixels");
   const std::uint64_t expected =
       bmp_header_bytes + static_cast<std::uint64_t>(height) * bmp_row_bytes(static_cast<std::uint64_t>(width));
   require(bytes.size() == expected, invalid, "Theme images are BMP files");
@@ -184,9 +193,10 @@ void read_shape(const json& definition, Theme& theme) {
   }
   if (const json* frame = optional_object(definition, "frame")) {
     ThemeFrame result;
-    const std::pair<const char*, Rgb ThemeFrame::*> parts[] = {
-        {"outline", &ThemeFrame::outline}, {"trim", &ThemeFrame::trim},
-        {"gap", &ThemeFrame::gap},         {"rivet", &ThemeFrame::rivet}};
+    const std::pair<const char*, Rgb ThemeFrame::*> parts[] = {{"outline", &ThemeFrame::outline},
+                                                               {"trim", &ThemeFrame::trim},
+                                                               {"gap", &ThemeFrame::gap},
+                                                               {"rivet", &ThemeFrame::rivet}};
     for (const auto& [key, field] : parts) {
       const json* value = member(*frame, key);
       require(value != nullptr, invalid, std::string("Theme frame needs the colour ") + key);
@@ -195,9 +205,10 @@ void read_shape(const json& definition, Theme& theme) {
     theme.frame = result;
   }
   if (const json* sizes = optional_object(definition, "text_sizes")) {
-    const std::pair<const char*, int ThemeTextSizes::*> parts[] = {
-        {"title", &ThemeTextSizes::title}, {"heading", &ThemeTextSizes::heading},
-        {"body", &ThemeTextSizes::body},   {"small", &ThemeTextSizes::small}};
+    const std::pair<const char*, int ThemeTextSizes::*> parts[] = {{"title", &ThemeTextSizes::title},
+                                                                   {"heading", &ThemeTextSizes::heading},
+                                                                   {"body", &ThemeTextSizes::body},
+                                                                   {"small", &ThemeTextSizes::small}};
     for (const auto& [key, field] : parts) {
       const json* value = member(*sizes, key);
       if (value == nullptr) continue;

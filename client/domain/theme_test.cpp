@@ -9,10 +9,10 @@ namespace zorvi {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::outcome;
-using testing::TempDir;
 using testing::default_definition;
 using testing::good_definition;
+using testing::outcome;
+using testing::TempDir;
 using testing::write_theme_files;
 
 TEST(Theme, InstalledFolderOfRealFilesBecomesTheLook) {
@@ -38,8 +38,8 @@ TEST(Theme, InstalledFolderOfRealFilesBecomesTheLook) {
 
 TEST(Theme, RefusesEachFaultWithItsOwnSentence) {
   TempDir dir;
-  write_theme_files(dir.path(), {"icon.bmp:1:1:24:0", "banner.bmp:64:64:24:0",
-                                  "wide.bmp:257:1:24:0", "padded.bmp:1:1:24:1", "deep.bmp:1:1:32:0"});
+  write_theme_files(dir.path(), {"icon.bmp:1:1:24:0", "banner.bmp:64:64:24:0", "wide.bmp:257:1:24:0",
+                                 "padded.bmp:1:1:24:1", "deep.bmp:1:1:32:0"});
   fs::create_symlink(dir / "icon.bmp", dir / "linked.bmp");
   testing::write_text(dir / "LICENSE.txt", "notice");
   const auto with = [&](const json& patch) {
@@ -57,12 +57,15 @@ TEST(Theme, RefusesEachFaultWithItsOwnSentence) {
       {R"({"text_sizes": {"body": 9}})"_json, "Theme text sizes are 10 to 48 pixels"},
       {R"({"images": {"icon": {"file": null}}})"_json, "Theme image needs a file"},
       {R"({"notices": "LICENSE.txt"})"_json, "Theme notices are a list of files"},
-      {json{{"notices", {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt", "f.txt", "g.txt", "h.txt", "i.txt"}}}, "A theme names at most 12 distinct files"},
+      {json{{"notices", {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt", "f.txt", "g.txt", "h.txt", "i.txt"}}},
+       "A theme names at most 12 distinct files"},
       {R"({"fonts": ["DejaVuSans.ttf"]})"_json, "Theme fonts must be an object"},
       {R"({"notices": [7]})"_json, "Theme files are named by text"},
-      {R"({"notices": ["theme.json"]})"_json, "Theme file names are 1 to 100 letters, digits, '.', '_' or '-': theme.json"},
+      {R"({"notices": ["theme.json"]})"_json,
+       "Theme file names are 1 to 100 letters, digits, '.', '_' or '-': theme.json"},
       {R"({"fonts": {"bold": "icon.bmp"}})"_json, "Theme file has the wrong kind of extension: icon.bmp"},
-      {R"({"images": {"icon": {"file": "linked.bmp"}}})"_json, "Theme file is missing or not a plain file: " + (dir / "linked.bmp").string()},
+      {R"({"images": {"icon": {"file": "linked.bmp"}}})"_json,
+       "Theme file is missing or not a plain file: " + (dir / "linked.bmp").string()},
       {R"({"images": {"icon": {"file": "icon.bmp", "pixel_art": 1}}})"_json, "Theme pixel_art is true or false"},
       {R"({"images": {"icon": {"file": "padded.bmp"}}})"_json, "Theme images are BMP files"},
       {R"({"images": {"icon": {"file": "deep.bmp"}}})"_json, "Theme images must be uncompressed 24-bit BMP files"},
@@ -70,10 +73,15 @@ TEST(Theme, RefusesEachFaultWithItsOwnSentence) {
       {R"({"colors": {"button": "#8090a0"}})"_json, "Theme contrast is below 4.5:1 for text on button"},
       {R"({"colors": {"focus": "#3a4150"}})"_json, "Theme focus colour is below 3:1 against the background or panel"},
       // The table's own accent hover falls just short of 4.5:1.
-      {R"({"colors": {"accent_hover": "#3474de"}})"_json, "Theme contrast is below 4.5:1 for accent_text on accent_hover"},
+      {R"({"colors": {"accent_hover": "#3474de"}})"_json,
+       "Theme contrast is below 4.5:1 for accent_text on accent_hover"},
   };
   // The bound counts distinct names: twelve and a repeat pass.
-  EXPECT_EQ(theme_files(json{{"notices", {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt", "f.txt", "g.txt", "h.txt", "i.txt", "j.txt", "k.txt", "l.txt", "a.txt"}}}).size(), 12u);
+  EXPECT_EQ(theme_files(json{{"notices",
+                              {"a.txt", "b.txt", "c.txt", "d.txt", "e.txt", "f.txt", "g.txt", "h.txt", "i.txt", "j.txt",
+                               "k.txt", "l.txt", "a.txt"}}})
+                .size(),
+            12u);
   for (const auto& [patch, message] : rows) EXPECT_EQ(with(patch), "invalid_theme: " + message) << patch.dump();
   EXPECT_EQ(with(json::object()), "ok");
 }

@@ -57,7 +57,7 @@ struct AllocatedFile::Impl {
     descriptor.reset();
     if (!owned || !identified) return;
     // Only the entry this object created may go; a stranger at the path stays.
-    struct stat named {};
+    struct stat named{};
     if (::fstatat(base(), entry(), &named, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(named.st_mode) && matches(named))
       ::unlinkat(base(), entry(), 0);
   }
@@ -70,7 +70,7 @@ struct AllocatedFile::Impl {
   // The descriptor still shows the same private, single-link regular file;
   // returns its size.
   std::uint64_t inspect() {
-    struct stat status {};
+    struct stat status{};
     require(::fstat(descriptor.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
                 status.st_size >= 0,
             "unsafe_path", "Allocation requires an ordinary single-link file");
@@ -89,7 +89,7 @@ struct AllocatedFile::Impl {
   }
 
   bool path_proof() const {
-    struct stat named {};
+    struct stat named{};
     return ::fstatat(base(), entry(), &named, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(named.st_mode) && matches(named);
   }
 
@@ -117,8 +117,8 @@ struct AllocatedFile::Impl {
   }
 
   void seek(std::uint64_t offset) {
-    require(::lseek(descriptor.get(), static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset),
-            "file_write", "Cannot position allocated file");
+    require(::lseek(descriptor.get(), static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset), "file_write",
+            "Cannot position allocated file");
   }
 
   void truncate(std::uint64_t length) {
@@ -133,7 +133,7 @@ struct AllocatedFile::Impl {
     reservation.path = std::filesystem::absolute(path);
     reservation.length = length;
     // A held parent is an open directory already; only a path needs the look.
-    struct stat directory {};
+    struct stat directory{};
     require(parent || (::lstat(reservation.path.parent_path().c_str(), &directory) == 0 && S_ISDIR(directory.st_mode)),
             "unsafe_path", "Allocation requires an ordinary parent directory");
     descriptor.reset(::openat(base(), entry(), access | open_flags | (create ? O_CREAT | O_EXCL : 0), 0600));
@@ -156,9 +156,8 @@ struct AllocatedFile::Impl {
   void reopen(const FileReservation& recorded, const std::uint64_t* resume_at) {
     const std::uint64_t current = inspect();
     const bool same = reservation.device == recorded.device && reservation.inode == recorded.inode;
-    const bool sized = resume_at != nullptr
-                           ? *resume_at <= current && current <= reservation.length
-                           : current == (recorded.preallocated ? reservation.length : 0);
+    const bool sized = resume_at != nullptr ? *resume_at <= current && current <= reservation.length
+                                            : current == (recorded.preallocated ? reservation.length : 0);
     if (!same || !sized) changed("Prepared file was replaced or changed; reserved content was preserved");
     reservation.preallocated = recorded.preallocated;
     if (!path_proof()) changed("Prepared allocation path changed");
@@ -185,8 +184,7 @@ AllocatedFile::AllocatedFile(const DirectoryHandle& parent, const std::string& n
   impl_->create_new(observer);
 }
 
-AllocatedFile::AllocatedFile(const DirectoryHandle& parent, const std::string& name,
-                             const FileReservation& reservation)
+AllocatedFile::AllocatedFile(const DirectoryHandle& parent, const std::string& name, const FileReservation& reservation)
     : impl_(std::make_unique<Impl>()) {
   impl_->parent = parent;
   impl_->name = name;
@@ -236,7 +234,7 @@ std::uint64_t AllocatedFile::size() const { return impl_->reservation.length; }
 
 std::uint64_t AllocatedFile::allocated_bytes() const {
   impl_->inspect();
-  struct stat status {};
+  struct stat status{};
   require(::fstat(impl_->descriptor.get(), &status) == 0 && status.st_blocks >= 0, "volume_query",
           "Cannot inspect existing file allocation");
   return multiply(static_cast<std::uint64_t>(status.st_blocks), 512);

@@ -29,7 +29,7 @@ using ReservationObserver = std::function<void(const FileReservation&)>;
 // showing the recorded identity is left alone: only a file this object can
 // prove to be its own is ever removed.
 class AllocatedFile {
-public:
+ public:
   // A new file; `observer` (may be empty) sees the reservation once, after
   // creation and before any space is claimed, so that a crash from then on
   // leaves a file a later run can prove to be its own.
@@ -72,7 +72,7 @@ public:
 
   struct Impl;
 
-private:
+ private:
   std::unique_ptr<Impl> impl_;
 };
 

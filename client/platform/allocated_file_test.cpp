@@ -17,14 +17,12 @@
 namespace zorvi {
 namespace {
 
-using testing::TempDir;
 using testing::caught;
 using testing::expect_error;
-
-
+using testing::TempDir;
 
 struct stat status_of(const std::filesystem::path& path) {
-  struct stat status {};
+  struct stat status{};
   EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
   return status;
 }
@@ -78,7 +76,9 @@ TEST(AllocatedFile, ZeroLengthIsPreallocatedAtOnce) {
 
 TEST(AllocatedFile, OnlyAnAbandonedOwnedFileIsRemoved) {
   TempDir dir;
-  { AllocatedFile abandoned(dir / "abandoned", 4, ReservationObserver()); }
+  {
+    AllocatedFile abandoned(dir / "abandoned", 4, ReservationObserver());
+  }
   EXPECT_FALSE(std::filesystem::exists(dir / "abandoned"));
   {
     AllocatedFile kept(dir / "kept", 4, ReservationObserver());
@@ -174,12 +174,13 @@ TEST(AllocatedFile, ReservationReopensOnlyTheSameFileInTheSameShape) {
     EXPECT_EQ(resumed.written(), 3u);
     std::string prefix;
     std::vector<std::uint64_t> reports;
-    resumed.read_prefix(3, [&](std::string_view bytes) { prefix += bytes; },
-                        [&](std::uint64_t done, std::uint64_t total) {
-                          reports.push_back(done);
-                          EXPECT_EQ(total, 3u);
-                          return true;
-                        });
+    resumed.read_prefix(
+        3, [&](std::string_view bytes) { prefix += bytes; },
+        [&](std::uint64_t done, std::uint64_t total) {
+          reports.push_back(done);
+          EXPECT_EQ(total, 3u);
+          return true;
+        });
     EXPECT_EQ(prefix, "abc");
     EXPECT_EQ(reports, std::vector<std::uint64_t>{3});
     expect_error([&] { resumed.read_prefix(4, [](std::string_view) {}, Progress()); }, "allocation_changed",
@@ -257,7 +258,8 @@ TEST(AllocatedFile, IdentityOfRecordedAndCacheFiles) {
                "Cannot inspect owned partial file identity");
 
   std::filesystem::create_symlink(dir / "elsewhere", dir / "linked");
-  expect_error([&] { AllocatedFile::inspect_file(dir / "linked"); }, "unsafe_path", "Cannot inspect cache file identity");
+  expect_error([&] { AllocatedFile::inspect_file(dir / "linked"); }, "unsafe_path",
+               "Cannot inspect cache file identity");
   testing::write_text(dir / "public", "x");
   ::chmod((dir / "public").c_str(), 0644);
   expect_error([&] { AllocatedFile::inspect_file(dir / "public"); }, "permissions",
@@ -266,12 +268,12 @@ TEST(AllocatedFile, IdentityOfRecordedAndCacheFiles) {
 
 TEST(AllocatedFile, ReservationRefusedForAnotherReasonKeepsItsNumber) {
   TempDir dir;
-  struct statfs volume {};
+  struct statfs volume{};
   ASSERT_EQ(::statfs(dir.path().c_str(), &volume), 0);
   if (volume.f_type != EXT4_SUPER_MAGIC) GTEST_SKIP() << "needs ext4, whose files stop below 16 TiB";
   // ext4 refuses to reserve past its largest file with EFBIG: not a lack of space.
-  expect_error([&] { AllocatedFile(dir / "huge", std::uint64_t{1} << 45, ReservationObserver()); },
-               "space_reservation", "Native file allocation failed (27)");
+  expect_error([&] { AllocatedFile(dir / "huge", std::uint64_t{1} << 45, ReservationObserver()); }, "space_reservation",
+               "Native file allocation failed (27)");
   EXPECT_FALSE(std::filesystem::exists(dir / "huge"));
 }
 

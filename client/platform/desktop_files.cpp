@@ -48,7 +48,7 @@ std::optional<std::filesystem::path> absolute_variable(const char* name) {
 // otherwise left as the user keeps it, as long as it is a directory.
 void desktop_folder(const std::filesystem::path& folder) {
   if (!entry_present(folder)) private_directory(folder);
-  struct stat status {};
+  struct stat status{};
   require(::lstat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode), "shortcut_api", registration_failed);
 }
 
@@ -56,7 +56,7 @@ void desktop_folder(const std::filesystem::path& folder) {
 // different file of that name is an older registration of the same
 // installation and is replaced in one rename.
 void install_file(const std::filesystem::path& file, std::string_view text) {
-  struct stat status {};
+  struct stat status{};
   if (::lstat(file.c_str(), &status) == 0) {
     require(S_ISREG(status.st_mode), "shortcut_api", registration_failed);
     if (read_file(file, max_registration_file) == text) return;
@@ -80,7 +80,7 @@ std::optional<std::filesystem::path> find_program(std::string_view name) {
     start = end + 1;
     if (folder.empty() || folder.front() != '/') continue;
     const std::filesystem::path candidate = std::filesystem::path(folder) / name;
-    struct stat status {};
+    struct stat status{};
     if (::stat(candidate.c_str(), &status) == 0 && S_ISREG(status.st_mode) && ::access(candidate.c_str(), X_OK) == 0)
       return std::filesystem::weakly_canonical(candidate);
   }
@@ -160,10 +160,10 @@ void register_launch_document_handler(const std::filesystem::path& helper, std::
 
   // The document's path travels in the environment: the helper takes no
   // command-line arguments at all.
-  const std::string entry = "[Desktop Entry]\nType=Application\nName=Zorvi launch document\nExec=" +
-                            exec_line({"/usr/bin/env"}) + " ZORVI_LAUNCH_DOCUMENT=%f " +
-                            exec_line({path_utf8(helper)}) + "\nMimeType=" + std::string(launch_document_type) +
-                            ";\nNoDisplay=true\nTerminal=false\n";
+  const std::string entry =
+      "[Desktop Entry]\nType=Application\nName=Zorvi launch document\nExec=" + exec_line({"/usr/bin/env"}) +
+      " ZORVI_LAUNCH_DOCUMENT=%f " + exec_line({path_utf8(helper)}) +
+      "\nMimeType=" + std::string(launch_document_type) + ";\nNoDisplay=true\nTerminal=false\n";
   install_file(packages / "zorvi-launch.xml", mime_package);
   install_file(applications / ("zorvi-shortcut-" + digest(bin_key, "sha256") + ".desktop"), entry);
   run_when_present("update-mime-database", home / "mime");

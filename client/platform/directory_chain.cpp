@@ -47,7 +47,7 @@ void DirectoryChain::join(std::string_view text, bool portable) {
   while (kept < held_.size() && kept < directories() && held_names_[kept] == parts_[kept]) {
     // A held directory must still be what its name shows; one replaced by
     // another directory is let go and looked up again below.
-    struct stat status {};
+    struct stat status{};
     const bool named = held_parent(kept).entry_status(parts_[kept], status);
     if (named && S_ISLNK(status.st_mode)) linked();
     if (!named || !held_[kept].is(status)) break;
@@ -59,7 +59,7 @@ void DirectoryChain::join(std::string_view text, bool portable) {
   for (std::size_t index = kept; index < parts_.size(); ++index) {
     if (!prefix.empty()) prefix += '/';
     prefix += parts_[index];
-    struct stat status {};
+    struct stat status{};
     if (held_parent(kept).entry_status(prefix, status) && S_ISLNK(status.st_mode)) linked();
   }
 }
@@ -69,7 +69,7 @@ void DirectoryChain::reprove_root() {
   const posix_files::DirectoryWalk walk = posix_files::open_ordinary_directory(resolved_root_);
   require(walk.failure == posix_files::WalkFailure::none, "unsafe_path",
           "macOS directory ancestry is missing or linked");
-  struct stat status {};
+  struct stat status{};
   require(::fstat(walk.directory.get(), &status) == 0 && root_.is(status), "unsafe_path",
           "macOS private directory path changed");
 }
@@ -82,7 +82,7 @@ void DirectoryChain::make_private_parent() {
     // The root itself is the parent: the full proof by its path, as for any
     // other parent, and it must still be the held root.
     const DirectoryHandle again = DirectoryHandle::private_directory(root_path_);
-    struct stat status {};
+    struct stat status{};
     require(::fstat(again.get(), &status) == 0 && root_.is(status), "unsafe_path",
             "macOS private directory path changed");
   } else if (held_.size() == depth) {

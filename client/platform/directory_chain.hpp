@@ -15,7 +15,7 @@ namespace zorvi {
 // each directory up once and proves each again only by one lookup of its own
 // name in its held parent, never by a walk from the root.
 class DirectoryChain {
-public:
+ public:
   DirectoryChain(DirectoryHandle root, std::filesystem::path root_path);
 
   // The rules of `safe_join(root, text, portable)`, from the held
@@ -38,7 +38,7 @@ public:
   // `root_path` joined with the path, for messages and records.
   std::filesystem::path path() const;
 
-private:
+ private:
   const DirectoryHandle& held_parent(std::size_t depth) const { return depth == 0 ? root_ : held_[depth - 1]; }
   std::size_t directories() const { return parts_.size() - 1; }
   void let_go(std::size_t depth);
@@ -50,7 +50,7 @@ private:
   std::vector<std::string> parts_;
   std::vector<DirectoryHandle> held_;  // held_[i]: the directory of held_names_[0..i]
   std::vector<std::string> held_names_;
-  std::size_t proved_depth_;           // depth of the parent proved private last, or none
+  std::size_t proved_depth_;  // depth of the parent proved private last, or none
 };
 
 }  // namespace zorvi

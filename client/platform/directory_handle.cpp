@@ -13,7 +13,7 @@ constexpr int directory_open = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 }  // namespace
 
 DirectoryHandle::DirectoryHandle(UniqueFd descriptor) {
-  struct stat status {};
+  struct stat status{};
   if (!descriptor || ::fstat(descriptor.get(), &status) != 0 || !S_ISDIR(status.st_mode)) return;
   device_ = status.st_dev;
   inode_ = status.st_ino;

@@ -15,7 +15,7 @@ namespace zorvi {
 // through the names above it, and a link put in their place later is not
 // crossed. Copies share the one descriptor.
 class DirectoryHandle {
-public:
+ public:
   DirectoryHandle() = default;
 
   // `private_directory(path)`, keeping the proved directory open.
@@ -41,7 +41,7 @@ public:
   int get() const { return descriptor_ ? descriptor_->get() : -1; }
   explicit operator bool() const { return descriptor_ != nullptr; }
 
-private:
+ private:
   explicit DirectoryHandle(UniqueFd descriptor);
 
   std::shared_ptr<const UniqueFd> descriptor_;

@@ -9,8 +9,8 @@
 
 #include "client/domain/crypto.hpp"
 #include "client/domain/error.hpp"
-#include "client/platform/durable_steps.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/durable_steps.hpp"
 #include "client/platform/eintr.hpp"
 #include "client/platform/file_identity.hpp"
 #include "client/platform/full_io.hpp"
@@ -30,14 +30,13 @@ void require_no_nul(const std::filesystem::path& path) {
   require(path.native().find('\0') == std::string::npos, "unsafe_path", "Native path contains a NUL byte");
 }
 
-std::string read_bounded(const std::filesystem::path& path, std::uint64_t limit, bool tail,
-                         std::uint64_t* size_out) {
+std::string read_bounded(const std::filesystem::path& path, std::uint64_t limit, bool tail, std::uint64_t* size_out) {
   require_no_nul(path);
   UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
   if (!file) {
     throw Error(errno == ELOOP ? "unsafe_path" : "file_read", "Cannot open file: " + path_utf8(path));
   }
-  struct stat status {};
+  struct stat status{};
   require(::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= 0, "unsafe_path",
           "Expected an ordinary file: " + path_utf8(path));
   const auto size = static_cast<std::uint64_t>(status.st_size);
@@ -45,8 +44,8 @@ std::string read_bounded(const std::filesystem::path& path, std::uint64_t limit,
   std::uint64_t offset = 0;
   if (tail && size > limit) {
     offset = size - limit;
-    require(::lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset),
-            "file_read", "Cannot read file");
+    require(::lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset), "file_read",
+            "Cannot read file");
   }
   const std::uint64_t count = size - offset;
   require(count <= limit, "size_limit", "File exceeds read limit");
@@ -78,7 +77,7 @@ bool entry_present(const std::filesystem::path& path) {
 }
 
 bool directory_present(const std::filesystem::path& path) {
-  struct stat status {};
+  struct stat status{};
   return ::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
@@ -123,7 +122,7 @@ std::filesystem::path parent_of(const std::filesystem::path& path) {
 
 // The transaction file of one write; removed unless the commit consumed it.
 class TransactionFile {
-public:
+ public:
   explicit TransactionFile(std::filesystem::path path) : path_(std::move(path)) {}
   ~TransactionFile() {
     if (!committed_) ::unlink(path_.c_str());
@@ -132,7 +131,7 @@ public:
   TransactionFile& operator=(const TransactionFile&) = delete;
   void committed() { committed_ = true; }
 
-private:
+ private:
   std::filesystem::path path_;
   bool committed_ = false;
 };
@@ -142,7 +141,7 @@ void require_writable_parent(const std::filesystem::path& parent, bool is_privat
     private_directory(parent);
     return;
   }
-  struct stat status {};
+  struct stat status{};
   require(::lstat(parent.c_str(), &status) == 0 && S_ISDIR(status.st_mode), "unsafe_path",
           "Export parent must be an existing plain directory");
 }
@@ -177,7 +176,7 @@ void atomic_file(const std::filesystem::path& path, std::string_view bytes, bool
   require_no_nul(path);
   const std::filesystem::path parent = parent_of(path);
   require_writable_parent(parent, is_private);
-  struct stat existing {};
+  struct stat existing{};
   require(!(::lstat(path.c_str(), &existing) == 0 && S_ISLNK(existing.st_mode)), "unsafe_path",
           "Refusing to replace a symbolic link");
 
@@ -202,14 +201,14 @@ void atomic_file(const std::filesystem::path& path, std::string_view bytes, bool
 void sync_file(const std::filesystem::path& path) {
   require(bounded_path(path), "file_sync", "File synchronization requires a bounded path without NUL bytes");
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  struct stat opened {};
+  struct stat opened{};
   require(file && ::fstat(file.get(), &opened) == 0 && S_ISREG(opened.st_mode) && opened.st_nlink == 1, "file_sync",
           "Synchronization requires an ordinary single-link file");
   require(posix_files::sync(file.get()) == 0, "file_sync", "Could not durably synchronize file");
-  struct stat named {};
-  require(::lstat(path.c_str(), &named) == 0 && S_ISREG(named.st_mode) && named.st_nlink == 1 &&
-              same_entry(opened, named),
-          "file_sync", "Synchronized file path changed");
+  struct stat named{};
+  require(
+      ::lstat(path.c_str(), &named) == 0 && S_ISREG(named.st_mode) && named.st_nlink == 1 && same_entry(opened, named),
+      "file_sync", "Synchronized file path changed");
 }
 
 void sync_directory(const std::filesystem::path& path) {
@@ -258,14 +257,14 @@ void commit_private_path_new(const std::filesystem::path& source_path, const std
             "Directory commit requires ordinary existing ancestry");
 
   const UniqueFd entry(::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  struct stat opened {};
+  struct stat opened{};
   require(entry && ::fstat(entry.get(), &opened) == 0 &&
               (owned_private_directory(opened) || owned_private_file_0600(opened)),
           "native_install_commit", "Commit source must be private and owned by this user");
   posix_files::require_private_acl(entry.get());
   if (verify) verify();
   posix_files::require_private_acl(entry.get());
-  struct stat named {};
+  struct stat named{};
   require(::lstat(source.c_str(), &named) == 0 && same_commit_source(opened, named), "native_install_commit",
           "Source identity changed during verification");
 
@@ -280,7 +279,7 @@ namespace {
 struct ExchangeHandle {
   std::filesystem::path path;
   UniqueFd directory;
-  struct stat status {};
+  struct stat status{};
 };
 
 ExchangeHandle open_exchange_handle(const std::filesystem::path& path) {
@@ -295,7 +294,7 @@ ExchangeHandle open_exchange_handle(const std::filesystem::path& path) {
 
 // The path now shows `expected`'s recorded entry, still a private directory of this user.
 bool shows(const std::filesystem::path& path, const struct stat& expected) {
-  struct stat named {};
+  struct stat named{};
   return ::lstat(path.c_str(), &named) == 0 && owned_private_directory(named) && same_entry(named, expected) &&
          named.st_uid == expected.st_uid;
 }
@@ -304,7 +303,8 @@ bool shows(const std::filesystem::path& path, const struct stat& expected) {
 
 void exchange_private_directories(const std::filesystem::path& first_path, const std::filesystem::path& second_path,
                                   const VerifyCallback& verify) {
-  require(!first_path.empty() && !second_path.empty(), "unsafe_path", "Directory exchange needs distinct bounded paths");
+  require(!first_path.empty() && !second_path.empty(), "unsafe_path",
+          "Directory exchange needs distinct bounded paths");
   const std::filesystem::path first_target = normal_absolute(first_path);
   const std::filesystem::path second_target = normal_absolute(second_path);
   require(!is_root(first_target) && !is_root(second_target) && first_target != second_target &&

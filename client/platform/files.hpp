@@ -12,8 +12,7 @@ namespace zorvi {
 // Bounded reads: the whole file, refused before a byte is read when it is
 // larger than `limit`; or its last `limit` bytes, with the whole size reported.
 std::string read_file(const std::filesystem::path& path, std::uint64_t limit);
-std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit,
-                           std::uint64_t* size = nullptr);
+std::string read_file_tail(const std::filesystem::path& path, std::uint64_t limit, std::uint64_t* size = nullptr);
 
 // Whether anything, a symbolic link included, stands at `path`; a failure to
 // look raises instead of reading as absence.

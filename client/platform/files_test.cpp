@@ -154,14 +154,16 @@ TEST(AtomicWrite, FullVolumeIsInsufficientSpaceAndOtherVolumesRefuseMoves) {
     done
     $probe replace_private_file "$1/doc.json" "$big"
     ls && cat doc.json)";
-  const testing::CommandResult result =
-      testing::run_command({"unshare", "--mount", "--propagation", "private", "sh", "-c", script, "sh",
-                            (dir / "mount").string(), (testing::binary_dir() / "files_probe").string(),
-                            (dir / "root" / "tree").string()});
+  const testing::CommandResult result = testing::run_command(
+      {"unshare", "--mount", "--propagation", "private", "sh", "-c", script, "sh", (dir / "mount").string(),
+       (testing::binary_dir() / "files_probe").string(), (dir / "root" / "tree").string()});
   const std::string space = "insufficient_space|Local storage cannot save data; free space and try again\n";
-  EXPECT_EQ(result.out, "ok\nnative_install_commit|Directory exchange requires distinct roots on one volume\n"
-                        "native_install_commit|Cannot atomically install without replacing an existing destination\n"
-                        "ok\n" + space + space + space + space + space + "doc.json\ntree\nold") << result.err;
+  EXPECT_EQ(result.out,
+            "ok\nnative_install_commit|Directory exchange requires distinct roots on one volume\n"
+            "native_install_commit|Cannot atomically install without replacing an existing destination\n"
+            "ok\n" +
+                space + space + space + space + space + "doc.json\ntree\nold")
+      << result.err;
   EXPECT_EQ(testing::tree_state(dir / "root"), before);
 }
 
@@ -187,8 +189,8 @@ TEST(AtomicWrite, DurableReplaceFlushesExactlyTwice) {
     if (line.find("sync") != std::string::npos || line.find(dir.path().string()) != std::string::npos)
       steps += line + "\n";
   const std::string temporary = target.string() + ".ID.tmp";
-  EXPECT_EQ(steps, "write(<" + temporary + ">, \"new\", 3) = 3\nfsync(<" + temporary + ">) = 0\nrename(\"" +
-                       temporary + "\", \"" + target.string() + "\") = 0\nfsync(<" + dir.path().string() + ">) = 0\n");
+  EXPECT_EQ(steps, "write(<" + temporary + ">, \"new\", 3) = 3\nfsync(<" + temporary + ">) = 0\nrename(\"" + temporary +
+                       "\", \"" + target.string() + "\") = 0\nfsync(<" + dir.path().string() + ">) = 0\n");
   EXPECT_EQ(testing::read_text(target), "new");
 }
 
@@ -234,9 +236,9 @@ TEST(AtomicCreate, KilledAfterEachStepLeavesNothingOrOneWholeDocument) {
   for (int kill_at = 1;; ++kill_at) {
     const fs::path target = dir / "state" / ("doc" + std::to_string(kill_at) + ".json");
     const testing::CommandResult run = testing::run_command(
-        {"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
-         (testing::binary_dir() / "files_probe").string(), "atomic_private_create", target.string(), "whole"});
-    struct stat status {};
+        {"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at), (testing::binary_dir() / "files_probe").string(),
+         "atomic_private_create", target.string(), "whole"});
+    struct stat status{};
     if (::lstat(target.c_str(), &status) == 0) {
       EXPECT_EQ(status.st_nlink, 1u) << "kill at " << kill_at;
       posix_files::require_private_path(target, false);
@@ -329,14 +331,14 @@ TEST(Exchange, SwapsBackAndForthOrRefusesBeforeAnythingMoves) {
   };
   const std::string distinct = "unsafe_path|Directory exchange needs distinct bounded paths";
   const std::string not_private = "native_install_commit|Directory exchange requires private owned roots and parents";
-  expect_rows({{exchange(first, dir / "root" / "x" / ".." / "installed"), distinct},
-               {exchange(first, dir / "root" / "missing"), not_private},
-               {exchange(first, dir / "root" / "open"), not_private},
-               {exchange(dir / "loose" / "tree", second), not_private},
-               {exchange(dir / "probed", second), "unsafe_path|Managed path contains a symbolic link"},
-               {exchange(first, first / "nested"),
-                "native_install_commit|Cannot atomically exchange native directories"}},
-              dir.path());
+  expect_rows(
+      {{exchange(first, dir / "root" / "x" / ".." / "installed"), distinct},
+       {exchange(first, dir / "root" / "missing"), not_private},
+       {exchange(first, dir / "root" / "open"), not_private},
+       {exchange(dir / "loose" / "tree", second), not_private},
+       {exchange(dir / "probed", second), "unsafe_path|Managed path contains a symbolic link"},
+       {exchange(first, first / "nested"), "native_install_commit|Cannot atomically exchange native directories"}},
+      dir.path());
   EXPECT_EQ(error_of(exchange(first, second, replace_second)),
             "native_install_commit|Directory exchange identities changed during verification");
   EXPECT_EQ(read_file(first / "marker", 20), "installed");

@@ -39,9 +39,9 @@ TEST(FullIo, ReadToEndTakesExactlyTheLimit) {
 // A signal handled without SA_RESTART interrupts a blocked read; the read
 // goes on and still fills the buffer.
 TEST(FullIo, InterruptedReadsAreRetried) {
-  struct sigaction action {};
+  struct sigaction action{};
   action.sa_handler = [](int) {};
-  struct sigaction saved {};
+  struct sigaction saved{};
   ASSERT_EQ(::sigaction(SIGUSR1, &action, &saved), 0);
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);

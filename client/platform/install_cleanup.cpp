@@ -48,7 +48,8 @@ std::set<std::string> implied_directories(const SnapshotManifest& manifest) {
     const std::string& path = entry.first;
     for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
       directories.insert(path.substr(0, slash));
-      require(directories.size() <= max_cleanup_entries, "size_limit", "Prepared directory inventory exceeds its bound");
+      require(directories.size() <= max_cleanup_entries, "size_limit",
+              "Prepared directory inventory exceeds its bound");
     }
   }
   return directories;
@@ -58,7 +59,7 @@ std::set<std::string> implied_directories(const SnapshotManifest& manifest) {
 // unmanaged as a foreign file: the tree stays.
 void require_known_entry(const SnapshotManifest& manifest, const std::set<std::string>& directories,
                          const fs::path& root, const std::string& relative) {
-  struct stat status {};
+  struct stat status{};
   const fs::path path = safe_join(root, relative, true);
   if (::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
     require(directories.contains(relative), "unexpected_file", "Prepared cleanup preserves unmanaged directories");
@@ -155,7 +156,7 @@ bool cleanup_install_preparation(const fs::path& first, const fs::path& second) 
     }
   }
   for (const fs::path& path : {first, second}) {
-    struct stat status {};
+    struct stat status{};
     if (!path.empty() && (::lstat(path.c_str(), &status) == 0 || errno != ENOENT)) remains = true;
   }
   return remains;

@@ -43,15 +43,14 @@ int parse_reader_descriptor(const std::string& value) {
   const auto [end, status] = std::from_chars(number.data(), number.data() + number.size(), descriptor);
   // Printing the number back must give the same text: no sign, no leading
   // zero, no blank.
-  require(status == std::errc() && end == number.data() + number.size() &&
-              std::to_string(descriptor) == number,
+  require(status == std::errc() && end == number.data() + number.size() && std::to_string(descriptor) == number,
           "launcher_control", "Launcher interrupt channel handle is invalid");
   require(descriptor >= 3 && descriptor <= INT_MAX, "launcher_control", "Launcher interrupt descriptor is invalid");
   return static_cast<int>(descriptor);
 }
 
 bool is_read_pipe(int descriptor) {
-  struct stat status {};
+  struct stat status{};
   if (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode)) return false;
   const int flags = ::fcntl(descriptor, F_GETFL);
   return flags >= 0 && (flags & O_ACCMODE) == O_RDONLY;
@@ -74,7 +73,7 @@ UniqueFd attach_reader() {
 struct ConsoleInterrupt::State {
   bool installed = false;
   UniqueFd reader;
-  struct sigaction saved {};
+  struct sigaction saved{};
 };
 
 ConsoleInterrupt::ConsoleInterrupt(bool attach_parent) : state_(std::make_unique<State>()) {
@@ -87,12 +86,11 @@ ConsoleInterrupt::ConsoleInterrupt(bool attach_parent) : state_(std::make_unique
       if (state_->reader) reader_attached.store(true);
     }
     interrupted.store(false);
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = store_interrupt;
     action.sa_flags = 0;
     sigemptyset(&action.sa_mask);
-    require(::sigaction(SIGINT, &action, &state_->saved) == 0, "signal",
-            "Cannot enable safe cancellation from Ctrl+C");
+    require(::sigaction(SIGINT, &action, &state_->saved) == 0, "signal", "Cannot enable safe cancellation from Ctrl+C");
     state_->installed = true;
   } catch (...) {
     if (state_->reader) reader_attached.store(false);

@@ -15,7 +15,7 @@ inline constexpr std::string_view launcher_interrupt_reader_environment = "ZORVI
 // Turns Ctrl+C, or a parent's request over the inherited pipe, into a flag
 // that long work polls between steps. One may exist at a time per process.
 class ConsoleInterrupt {
-public:
+ public:
   explicit ConsoleInterrupt(bool attach_parent);
   ~ConsoleInterrupt();
   ConsoleInterrupt(const ConsoleInterrupt&) = delete;
@@ -27,7 +27,7 @@ public:
   // True while a parent's reader is attached and the parent has not gone.
   static bool parent_reader_attached();
 
-private:
+ private:
   struct State;
   std::unique_ptr<State> state_;
 };
@@ -36,7 +36,7 @@ private:
 // process group, so that the terminal's SIGINT does not reach the child and
 // the parent decides when to ask it to stop.
 class InterruptPipe {
-public:
+ public:
   InterruptPipe();
   InterruptPipe(const InterruptPipe&) = delete;
   InterruptPipe& operator=(const InterruptPipe&) = delete;
@@ -59,7 +59,7 @@ public:
   // has gone gives false and leaves no SIGPIPE behind.
   bool request();
 
-private:
+ private:
   UniqueFd reader_;
   UniqueFd writer_;
   bool requested_ = false;

@@ -38,7 +38,7 @@ struct InheritedPipe {
 };
 
 TEST(ConsoleInterrupt, RealSigintSetsTheFlagAndTheOldActionReturns) {
-  struct sigaction before {};
+  struct sigaction before{};
   ::sigaction(SIGINT, nullptr, &before);
   {
     ConsoleInterrupt console(false);
@@ -52,7 +52,7 @@ TEST(ConsoleInterrupt, RealSigintSetsTheFlagAndTheOldActionReturns) {
     EXPECT_TRUE(testing::eventually([&] { return console.requested(); }));
     EXPECT_TRUE(console.requested());
   }
-  struct sigaction after {};
+  struct sigaction after{};
   ::sigaction(SIGINT, nullptr, &after);
   EXPECT_EQ(after.sa_handler, before.sa_handler);
   ConsoleInterrupt again(false);

@@ -17,9 +17,9 @@ constexpr std::string_view launch_extension = ".zorvi-launch";
 // then be of the asked kind, and a link never is.
 void ordinary(const std::filesystem::path& path, bool directory) {
   (void)(directory ? macos_paths::directory_key(path) : macos_paths::path_key(path));
-  struct stat status {};
-  const bool kind = ::lstat(path.c_str(), &status) == 0 &&
-                    (directory ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode));
+  struct stat status{};
+  const bool kind =
+      ::lstat(path.c_str(), &status) == 0 && (directory ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode));
   require(kind, "shortcut_path", "Shortcut inputs need existing ordinary files and directories");
 }
 
@@ -60,8 +60,8 @@ json create_shortcut_file(const DesktopShortcut& shortcut, const std::filesystem
   ordinary(shortcut.bootstrap, false);
   ordinary(shortcut.data_root, true);
   ordinary(destination.parent_path(), true);
-  require(!inside(macos_paths::path_key(destination), macos_paths::directory_key(shortcut.data_root)),
-          "shortcut_path", "Launch documents must be outside application data");
+  require(!inside(macos_paths::path_key(destination), macos_paths::directory_key(shortcut.data_root)), "shortcut_path",
+          "Launch documents must be outside application data");
   outside_launcher_payloads(destination);
   require(!entry_present(destination), "already_exists",
           "Launch-document destination already exists; it was preserved");

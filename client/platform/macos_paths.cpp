@@ -27,7 +27,7 @@ struct Walk {
   UniqueFd descriptor;
   std::filesystem::path found;
   std::filesystem::path missing;
-  struct stat status {};
+  struct stat status{};
 };
 
 std::vector<std::string> components(const std::filesystem::path& path) {
@@ -46,8 +46,8 @@ bool step(Walk& walk, const std::string& name, bool file_allowed) {
     if (errno == ENOENT) return false;
     refuse("macOS setup ancestry is linked, unavailable or changed");
   }
-  struct stat opened {};
-  struct stat named {};
+  struct stat opened{};
+  struct stat named{};
   const bool valid = ::fstat(next.get(), &opened) == 0 &&
                      ::fstatat(walk.descriptor.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
                      same_entry_and_type(opened, named) &&
@@ -188,12 +188,12 @@ std::string key(const std::filesystem::path& path, bool allow_file) {
 
   // Nothing may have moved between the first look and the key.
   const Inspection again = inspect(normal, allow_file);
-  if (!same_walk(first.target, again.target) || !same_walk(first.mount, again.mount) ||
-      first.volume != again.volume || first.attributes != again.attributes) {
+  if (!same_walk(first.target, again.target) || !same_walk(first.mount, again.mount) || first.volume != again.volume ||
+      first.attributes != again.attributes) {
     refuse("macOS setup ancestry or volume changed during inspection");
   }
-  std::string result = std::string(key_scheme()) + first.attributes.identity +
-                       (first.attributes.case_sensitive ? "/s" : "/i");
+  std::string result =
+      std::string(key_scheme()) + first.attributes.identity + (first.attributes.case_sensitive ? "/s" : "/i");
   if (!folded->empty()) result += "/" + *folded;
   return result;
 }

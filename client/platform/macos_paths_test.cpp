@@ -24,7 +24,7 @@ using testing::outcome;
 using testing::TempDir;
 
 std::string file_system_identity(const fs::path& path) {
-  struct stat status {};
+  struct stat status{};
   if (::stat(path.c_str(), &status) != 0) return "unknown";
   return std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev));
 }
@@ -51,7 +51,7 @@ TEST(MacosPaths, GivesOneTextPerPlaceBeforeAndAfterItExists) {
   EXPECT_NE(directory_key(dir / "caf\xc3\xa9"), directory_key(dir / "cafe\xcc\x81"));
 
   // Merged /usr: /lib is a link the system placed, and it is followed.
-  struct stat status {};
+  struct stat status{};
   if (::lstat("/lib", &status) == 0 && S_ISLNK(status.st_mode)) {
     EXPECT_EQ(directory_key("/lib/zorvi-missing"), directory_key("/usr/lib/zorvi-missing"));
   }
@@ -94,7 +94,8 @@ TEST(MacosPaths, RefusesWhatItCannotVouchFor) {
       {[] { directory_key("/sys/kernel"); }, local},
       {[] { directory_key("/dev/zorvi-missing"); }, local},
   };
-  for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(outcome(cases[i].first), cases[i].second) << "case " << i;
+  for (std::size_t i = 0; i < std::size(cases); ++i)
+    EXPECT_EQ(outcome(cases[i].first), cases[i].second) << "case " << i;
 }
 
 // In a mount namespace of its own: a bind mount of a folder shares the

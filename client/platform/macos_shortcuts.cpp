@@ -40,8 +40,8 @@ void absolute_path(const std::filesystem::path& path) {
   const std::string text = path_utf8(path);
   bounded_text(text, max_shortcut_path);
   // Compared as text: path equality would let "/a//b" pass as "/a/b".
-  require(path.has_root_directory() && text == path.lexically_normal().native() && text.back() != '/',
-          "shortcut_path", "Shortcut paths must be absolute and normalized below a filesystem root");
+  require(path.has_root_directory() && text == path.lexically_normal().native() && text.back() != '/', "shortcut_path",
+          "Shortcut paths must be absolute and normalized below a filesystem root");
 }
 
 std::string macos_launch_document(const DesktopShortcut& shortcut) {

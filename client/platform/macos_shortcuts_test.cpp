@@ -27,15 +27,13 @@ const std::string not_strings = "shortcut_document: Launch document choices must
 const std::string schema = "unsupported_schema: Unknown launch document schema was preserved";
 const std::string bounded = "shortcut_text: Shortcut text must be bounded and contain no control characters";
 const std::string utf8 = "shortcut_text: Shortcut text must be valid UTF-8";
-const std::string path_rule =
-    "shortcut_path: Shortcut paths must be absolute and normalized below a filesystem root";
+const std::string path_rule = "shortcut_path: Shortcut paths must be absolute and normalized below a filesystem root";
 
 TEST(LaunchDocument, WritesCompactSortedDocumentThatReadsBack) {
   const std::string text = macos_launch_document(sample);
-  EXPECT_EQ(text,
-            R"({"bootstrap":"/home/p/.local/share/zorvi/native/bootstrap/bin/zorvi-bootstrap",)"
-            R"("data_root":"/home/p/.local/share/zorvi","game_id":"star-harbor",)"
-            R"("kind":"zorvi-launch-document","name":"Star Harbor","schema_version":1})");
+  EXPECT_EQ(text, R"({"bootstrap":"/home/p/.local/share/zorvi/native/bootstrap/bin/zorvi-bootstrap",)"
+                  R"("data_root":"/home/p/.local/share/zorvi","game_id":"star-harbor",)"
+                  R"("kind":"zorvi-launch-document","name":"Star Harbor","schema_version":1})");
   const DesktopShortcut back = parse_macos_launch_document(text);
   EXPECT_EQ(back.bootstrap, sample.bootstrap);
   EXPECT_EQ(back.data_root, sample.data_root);

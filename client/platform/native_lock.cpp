@@ -66,7 +66,7 @@ FileLock::FileLock(const std::filesystem::path& path, bool wait, LockMode mode) 
   private_directory(path.empty() ? path : std::filesystem::absolute(path).parent_path());
   UniqueFd file = open_lock_file(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC);
   require(static_cast<bool>(file), "lock_failed", "Cannot open operation lock");
-  struct stat status {};
+  struct stat status{};
   require(::fstat(file.get(), &status) == 0 && owned_private_file_0600(status), "lock_failed",
           "Operation lock must be an ordinary private owned file");
   posix_files::require_private_acl(file.get());
@@ -90,8 +90,8 @@ bool FileLock::matches_path(const std::filesystem::path& path) const {
   } catch (const std::exception&) {
     return false;
   }
-  struct stat opened {};
-  struct stat named {};
+  struct stat opened{};
+  struct stat named{};
   return ::fstat(descriptor_, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && S_ISREG(named.st_mode) &&
          opened.st_nlink == 1 && named.st_nlink == 1 && same_entry(opened, named);
 }
@@ -103,7 +103,7 @@ NativeFileLock::NativeFileLock(const std::filesystem::path& path, bool create, N
   require(ordinary_parent(path), "lock_failed", "Native ownership requires ordinary existing parents");
   constexpr int flags = O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
   UniqueFd file = create ? open_lock_file(path, flags) : UniqueFd(::open(path.c_str(), flags));
-  struct stat status {};
+  struct stat status{};
   require(file && ::fstat(file.get(), &status) == 0 && private_lock_file(status), "lock_failed",
           "Native ownership requires an ordinary empty private file");
   posix_files::require_private_acl(file.get());
@@ -130,8 +130,8 @@ bool NativeFileLock::matches_path(const std::filesystem::path& path) const {
   } catch (const std::exception&) {
     return false;
   }
-  struct stat opened {};
-  struct stat named {};
+  struct stat opened{};
+  struct stat named{};
   return ::fstat(descriptor_, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && private_lock_file(opened) &&
          private_lock_file(named) && same_entry(opened, named);
 }

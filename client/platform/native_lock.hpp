@@ -9,7 +9,7 @@ enum class LockMode : std::uint8_t { exclusive = 0, shared = 1 };
 
 // Advisory lock on a private file in a private directory, for operations on state.
 class FileLock {
-public:
+ public:
   FileLock(const std::filesystem::path& path, bool wait, LockMode mode);
   ~FileLock();
   FileLock(const FileLock&) = delete;
@@ -19,7 +19,7 @@ public:
   // Keeps the lock until the process ends, even after this object is gone.
   void retain_until_process_exit();
 
-private:
+ private:
   int descriptor_ = -1;
 };
 
@@ -28,7 +28,7 @@ enum class NativeLockSharing : std::uint8_t { exclusive_install = 0, shared_inst
 
 // Ownership of a native installation: a private, empty lock file in an ordinary folder.
 class NativeFileLock {
-public:
+ public:
   NativeFileLock(const std::filesystem::path& path, bool create, NativeLockSharing sharing, LockMode mode);
   ~NativeFileLock();
   NativeFileLock(const NativeFileLock&) = delete;
@@ -36,7 +36,7 @@ public:
 
   bool matches_path(const std::filesystem::path& path) const;
 
-private:
+ private:
   int descriptor_ = -1;
 };
 

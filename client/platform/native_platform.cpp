@@ -24,7 +24,7 @@ bool absolute_env(const char* name, std::filesystem::path& out) {
 
 bool is_system_link(const std::filesystem::path& parent, const struct stat& entry) {
   if (!S_ISLNK(entry.st_mode) || entry.st_uid != 0) return false;
-  struct stat directory {};
+  struct stat directory{};
   return ::stat(parent.c_str(), &directory) == 0 && directory.st_uid == 0 && (directory.st_mode & 022) == 0;
 }
 
@@ -44,7 +44,7 @@ bool walk_to_system_link(std::filesystem::path& current, int& expansions) {
   for (auto part = relative.begin(); part != relative.end(); ++part) {
     if (part->empty()) continue;
     const std::filesystem::path candidate = result / *part;
-    struct stat entry {};
+    struct stat entry{};
     if (::lstat(candidate.c_str(), &entry) != 0) {
       for (auto rest = part; rest != relative.end(); ++rest) result /= *rest;
       current = result;
@@ -94,7 +94,7 @@ std::filesystem::path safe_join(const std::filesystem::path& base, std::string_v
   while (start <= text.size()) {
     const std::size_t slash = std::min(text.find('/', start), text.size());
     result /= std::string(text.substr(start, slash - start));
-    struct stat entry {};
+    struct stat entry{};
     require(!(::lstat(result.c_str(), &entry) == 0 && S_ISLNK(entry.st_mode)), "unsafe_path",
             "Managed path contains a symbolic link");
     start = slash + 1;

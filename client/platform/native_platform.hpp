@@ -20,8 +20,7 @@ std::filesystem::path resolve_system_links(const std::filesystem::path& path);
 
 // Lets a platform with a short path limit refuse a deep tree early; Linux has
 // no such limit to enforce.
-void require_path_room(const std::filesystem::path& base, const std::filesystem::path& relative,
-                       std::size_t extra);
+void require_path_room(const std::filesystem::path& base, const std::filesystem::path& relative, std::size_t extra);
 
 // `base` joined with a validated relative path, refusing a symbolic link at
 // any component below `base`.

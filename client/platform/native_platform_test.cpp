@@ -20,14 +20,14 @@ namespace fs = std::filesystem;
 void make_link(const fs::path& target, const fs::path& link) { fs::create_symlink(target, link); }
 
 class ScopedEnv {
-public:
+ public:
   ScopedEnv(const char* name, const char* value) : name_(name) {
     if (const char* old = std::getenv(name)) old_ = old;
     value ? ::setenv(name, value, 1) : ::unsetenv(name);
   }
   ~ScopedEnv() { old_ ? ::setenv(name_, old_->c_str(), 1) : ::unsetenv(name_); }
 
-private:
+ private:
   const char* name_;
   std::optional<std::string> old_;
 };

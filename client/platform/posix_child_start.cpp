@@ -35,7 +35,7 @@ constexpr int highest_signal = 64;
 // would touch the parent's state as well. So the child issues its calls
 // directly and reads failures from the returned value, never from errno.
 [[ZORVI_CHILD_CODE]] inline long raw_call(long number, long first = 0, long second = 0, long third = 0,
-                                            long fourth = 0) {
+                                          long fourth = 0) {
   long result = 0;
   register long fourth_register asm("r10") = fourth;
   asm volatile("syscall"
@@ -148,8 +148,8 @@ struct KernelAction {
       "hlt\n"
       "1:"
       : "=a"(result)
-      : "a"(SYS_clone), "D"(flags), "S"(stack_top), "d"(0), "r"(child_tid), "r"(thread_area),
-        [entry] "r"(entry_register), [argument] "r"(argument), [leave] "i"(SYS_exit_group)
+      : "a"(SYS_clone), "D"(flags), "S"(stack_top), "d"(0), "r"(child_tid),
+        "r"(thread_area), [entry] "r"(entry_register), [argument] "r"(argument), [leave] "i"(SYS_exit_group)
       : "rcx", "r11", "memory");
   return result;
 }

@@ -34,7 +34,7 @@ struct Plan {
 // parent's memory: until the start channel has shown the exec, or the child
 // has been reaped.
 class ChildStack {
-public:
+ public:
   ChildStack();
   ~ChildStack();
   ChildStack(const ChildStack&) = delete;
@@ -43,7 +43,7 @@ public:
   explicit operator bool() const { return base_ != nullptr; }
   void* top() const;
 
-private:
+ private:
   void* base_ = nullptr;
   std::size_t size_ = 0;
 };

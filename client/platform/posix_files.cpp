@@ -74,8 +74,8 @@ UniqueFd enter_private_directory(int anchor, const std::string& name, bool last)
     next.reset(::openat(anchor, name.c_str(), directory_open));
   }
   require(static_cast<bool>(next), "unsafe_path", "macOS directory ancestry is missing or linked");
-  struct stat opened {};
-  struct stat named {};
+  struct stat opened{};
+  struct stat named{};
   require(::fstat(next.get(), &opened) == 0 && ::fstatat(anchor, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
               S_ISDIR(opened.st_mode) && S_ISDIR(named.st_mode) && same_entry(opened, named),
           "unsafe_path", "macOS directory ancestry changed");
@@ -96,7 +96,7 @@ int sync(int descriptor) { return native_files::flush(descriptor); }
 int reserve(int descriptor, std::uint64_t size) {
   if (size > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return EFBIG;
   if (size == 0) return 0;
-  struct stat status {};
+  struct stat status{};
   if (::fstat(descriptor, &status) != 0) return errno;
   if (!S_ISREG(status.st_mode) || status.st_size < 0 || status.st_blocks < 0) return EINVAL;
   const auto blocks = static_cast<std::uint64_t>(status.st_blocks);
@@ -109,10 +109,10 @@ int reserve(int descriptor, std::uint64_t size) {
 }
 
 void secure_new_private(int descriptor, bool directory) {
-  struct stat status {};
-  const bool fresh = ::fstat(descriptor, &status) == 0 && status.st_uid == ::geteuid() &&
-                     (directory ? S_ISDIR(status.st_mode)
-                                : S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_size == 0);
+  struct stat status{};
+  const bool fresh =
+      ::fstat(descriptor, &status) == 0 && status.st_uid == ::geteuid() &&
+      (directory ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode) && status.st_nlink == 1 && status.st_size == 0);
   require(fresh, "permissions", "New macOS private storage ownership changed");
   require(native_files::clear_acl(descriptor, directory) == 0 && ::fchmod(descriptor, directory ? 0700 : 0600) == 0,
           "permissions", "Cannot make new macOS storage private");
@@ -122,9 +122,8 @@ void secure_new_private(int descriptor, bool directory) {
 void require_private_acl(int descriptor) { native_files::require_owner_only_acl(descriptor); }
 
 void require_private_node(int descriptor, bool directory) {
-  struct stat status {};
-  if (::fstat(descriptor, &status) != 0 ||
-      !(directory ? owned_private_directory(status) : owned_private_file(status)))
+  struct stat status{};
+  if (::fstat(descriptor, &status) != 0 || !(directory ? owned_private_directory(status) : owned_private_file(status)))
     not_private();
   require_private_acl(descriptor);
 }
@@ -135,11 +134,11 @@ void require_private_path(const std::filesystem::path& path, bool directory) {
   UniqueFd entry(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | (directory ? O_DIRECTORY : 0)));
   require(static_cast<bool>(entry), "permissions", "Cannot open ordinary macOS private storage");
   require_private_node(entry.get(), directory);
-  struct stat opened {};
-  struct stat named {};
-  require(::fstat(entry.get(), &opened) == 0 && ::lstat(path.c_str(), &named) == 0 &&
-              same_entry_and_type(opened, named),
-          "permissions", "macOS private storage path changed during inspection");
+  struct stat opened{};
+  struct stat named{};
+  require(
+      ::fstat(entry.get(), &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && same_entry_and_type(opened, named),
+      "permissions", "macOS private storage path changed during inspection");
 }
 
 DirectoryWalk open_ordinary_directory(const std::filesystem::path& absolute) {
@@ -175,8 +174,8 @@ UniqueFd private_directory_anchor(const std::filesystem::path& path) {
   require(target.parts.size() <= max_ancestry, "size_limit", "macOS directory ancestry exceeds its bound");
   for (std::size_t index = 0; index < target.parts.size(); ++index)
     anchor = enter_private_directory(anchor.get(), target.parts[index], index + 1 == target.parts.size());
-  struct stat opened {};
-  struct stat named {};
+  struct stat opened{};
+  struct stat named{};
   require(::fstat(anchor.get(), &opened) == 0 && ::lstat(target.full.c_str(), &named) == 0 && same_entry(opened, named),
           "unsafe_path", "macOS private directory path changed");
   return anchor;
@@ -225,15 +224,15 @@ void private_directory_new(const std::filesystem::path& path) {
   const UniqueFd created(::openat(parent.get(), name.c_str(), directory_open));
   require(static_cast<bool>(created), "permissions", "Cannot anchor new macOS staging directory");
   posix_files::secure_new_private(created.get(), true);
-  struct stat status {};
+  struct stat status{};
   require(::fstat(created.get(), &status) == 0 && owned_private_directory(status), "permissions",
           "New private staging directory permissions changed");
 
   // The same ancestry, walked again, must still lead to what was created.
   posix_files::DirectoryWalk again = posix_files::open_ordinary_directory(parent_path);
-  struct stat first_parent {};
-  struct stat second_parent {};
-  struct stat named {};
+  struct stat first_parent{};
+  struct stat second_parent{};
+  struct stat named{};
   if (again.failure != posix_files::WalkFailure::none || ::fstat(parent.get(), &first_parent) != 0 ||
       ::fstat(again.directory.get(), &second_parent) != 0 || !same_entry(first_parent, second_parent) ||
       ::fstatat(again.directory.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||

@@ -51,7 +51,7 @@ TEST(PrivateDirectory, CreatesAMissingChainPrivateAndNarrowsTheLastComponent) {
     fs::permissions(dir / name, static_cast<fs::perms>(0755));
   }
   shell("setfacl -m u:0:rwx " + (dir / "owner-rule").string());  // grants nobody else anything
-  fs::create_directory_symlink(dir / "open", dir / "system");     // root's link in root's folder
+  fs::create_directory_symlink(dir / "open", dir / "system");    // root's link in root's folder
   private_directory(dir / "open" / "a" / "b");
   private_directory(dir / "system" / "a" / "b" / "c");
   EXPECT_EQ(testing::modes(dir.path()),
@@ -222,7 +222,7 @@ TEST(Reserve, AllocatesWhatIsMissingAndSetsTheLength) {
   const UniqueFd holding(::open((dir / "holding").c_str(), O_RDWR | O_CLOEXEC));
   const UniqueFd empty(::open((dir / "empty").c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_EQ(posix_files::reserve(empty.get(), 1 << 20), 0);
-  struct stat status {};
+  struct stat status{};
   ASSERT_EQ(::fstat(empty.get(), &status), 0);
   EXPECT_EQ(status.st_size, 1 << 20);
   EXPECT_GE(status.st_blocks * 512, 1 << 20);

@@ -24,7 +24,7 @@ constexpr int max_acl_entries = 128;
 bool no_acl_support(int error) { return error == ENOTSUP || error == ENOSYS; }
 
 class AclHandle {
-public:
+ public:
   explicit AclHandle(acl_t acl) : acl_(acl) {}
   ~AclHandle() {
     if (acl_ != nullptr) acl_free(acl_);
@@ -33,13 +33,11 @@ public:
   AclHandle& operator=(const AclHandle&) = delete;
   acl_t get() const { return acl_; }
 
-private:
+ private:
   acl_t acl_;
 };
 
-[[noreturn]] void walk_failed() {
-  throw Error("permissions", "macOS storage ACL exceeds its bound or is invalid");
-}
+[[noreturn]] void walk_failed() { throw Error("permissions", "macOS storage ACL exceeds its bound or is invalid"); }
 
 [[noreturn]] void grants_another() {
   throw Error("permissions", "Existing macOS storage grants another identity access; preserve it");

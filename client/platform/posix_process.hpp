@@ -39,7 +39,7 @@ inline constexpr const char* directory_opener = "xdg-open";
 
 // A counter descriptor that wakes a thread blocked in poll.
 class WakeEvent {
-public:
+ public:
   // Throws `process_watch` errors when it cannot be created or protected.
   WakeEvent();
   int descriptor() const { return event_.get(); }
@@ -47,7 +47,7 @@ public:
   // Empties the counter; false when it cannot be read.
   bool drain() noexcept;
 
-private:
+ private:
   UniqueFd event_;
 };
 

@@ -52,8 +52,8 @@ struct OverrideMessages {
 constexpr OverrideMessages launch_override_messages{
     "Process environment entry is invalid",
     "Launcher interrupt authority cannot be supplied as an environment override"};
-constexpr OverrideMessages replacement_override_messages{
-    "Invalid maintenance environment", "Maintenance cannot inherit launcher interrupt authority"};
+constexpr OverrideMessages replacement_override_messages{"Invalid maintenance environment",
+                                                         "Maintenance cannot inherit launcher interrupt authority"};
 
 bool is_plain_file(const std::filesystem::path& path) {
   std::error_code error;
@@ -92,7 +92,7 @@ bool is_loader_variable(std::string_view name) { return name.starts_with("LD_") 
 // Texts and the NULL-terminated pointer vector over them, made before a fork
 // so that the child only reads memory that already exists.
 class NativeVector {
-public:
+ public:
   void add(std::string text) { texts_.push_back(std::move(text)); }
   char* const* seal() {
     pointers_.clear();
@@ -101,7 +101,7 @@ public:
     return pointers_.data();
   }
 
-private:
+ private:
   std::vector<std::string> texts_;
   std::vector<char*> pointers_;
 };
@@ -173,8 +173,8 @@ StartChannels open_start_channels() {
   channels.activation_parent.reset(ends[0]);
   channels.activation_child.reset(ends[1]);
   // Linux has no SO_NOSIGPIPE; the activation send uses MSG_NOSIGNAL instead.
-  require(is_close_on_exec(channels.activation_parent) && is_close_on_exec(channels.activation_child),
-          "process_start", "Cannot protect process activation channel");
+  require(is_close_on_exec(channels.activation_parent) && is_close_on_exec(channels.activation_child), "process_start",
+          "Cannot protect process activation channel");
   return channels;
 }
 
@@ -182,7 +182,7 @@ StartChannels open_start_channels() {
 // pidfd so that it wakes as soon as the child ends; where the kernel has no
 // pidfd, or the descriptor cannot be had, it sleeps the interval out.
 class IntervalWait {
-public:
+ public:
   explicit IntervalWait(pid_t pid) {
     int error = 0;
     watch_ = posix_process::open_exit_watch(static_cast<std::uint32_t>(pid), error);
@@ -198,7 +198,7 @@ public:
     std::this_thread::sleep_for(poll_interval);
   }
 
-private:
+ private:
   UniqueFd watch_;
 };
 
@@ -254,9 +254,9 @@ std::vector<std::string> process_arguments(int argc, const char* const* argv) {
 }
 
 std::optional<std::string> process_environment(const std::string& name, std::size_t limit) {
-  const bool name_valid = !name.empty() && name.size() <= max_environment_name &&
-                          name.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_") ==
-                              std::string::npos;
+  const bool name_valid =
+      !name.empty() && name.size() <= max_environment_name &&
+      name.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_") == std::string::npos;
   require(name_valid, "environment_key", "Native environment key is invalid");
   require(limit >= 1 && limit <= max_environment_value, "environment_limit", "Native environment bound is invalid");
   const char* value = std::getenv(name.c_str());

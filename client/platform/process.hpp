@@ -64,14 +64,13 @@ void open_directory(const std::filesystem::path& path);
 // is known to run: the child waits for an activation byte after `on_spawn`
 // has seen its pid, and an exec failure comes back over a close-on-exec pipe.
 class ChildProcess {
-public:
+ public:
   using SpawnCallback = std::function<void(std::uint64_t)>;
 
   ChildProcess(const std::filesystem::path& path, const std::vector<std::string>& arguments,
-               const std::filesystem::path& directory, const EnvironmentOverrides& overrides,
-               ChildStreams streams, ChildEnvironment environment, const SpawnCallback& on_spawn = {},
-               ChildGroup group = ChildGroup::Shared, ChildControl control = ChildControl::NoControl,
-               const std::vector<NativeHandle>& handles = {});
+               const std::filesystem::path& directory, const EnvironmentOverrides& overrides, ChildStreams streams,
+               ChildEnvironment environment, const SpawnCallback& on_spawn = {}, ChildGroup group = ChildGroup::Shared,
+               ChildControl control = ChildControl::NoControl, const std::vector<NativeHandle>& handles = {});
   ~ChildProcess();
   ChildProcess(ChildProcess&& other) noexcept;
   ChildProcess& operator=(ChildProcess&& other) noexcept;
@@ -98,7 +97,7 @@ public:
   // Empty on POSIX: the exit watch works by process id there.
   std::optional<NativeHandle> notification_handle() const { return std::nullopt; }
 
-private:
+ private:
   void release() noexcept;
 
   int pid_ = 0;

@@ -78,13 +78,12 @@ json native_process_identity(std::uint64_t pid) {
   const auto birth = posix_process::process_birth(static_cast<std::uint32_t>(pid));
   require(birth.status != posix_process::BirthStatus::malformed, "process_identity",
           "Native creation time is malformed");
-  require(birth.status == posix_process::BirthStatus::alive, "process_identity",
-          "Cannot read native process identity");
+  require(birth.status == posix_process::BirthStatus::alive, "process_identity", "Cannot read native process identity");
   const auto boot_again = posix_process::boot_identity();
   require(boot_again.has_value(), "process_identity", "Native boot identity is unavailable");
   require(*boot_again == *boot, "process_identity", "System boot identity changed during capture");
-  return json{{"schema_version", 1}, {"platform", platform_name}, {"pid", pid}, {"birth", birth.birth},
-              {"boot", *boot}};
+  return json{
+      {"schema_version", 1}, {"platform", platform_name}, {"pid", pid}, {"birth", birth.birth}, {"boot", *boot}};
 }
 
 json current_process_identity() { return native_process_identity(static_cast<std::uint64_t>(::getpid())); }

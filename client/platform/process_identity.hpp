@@ -27,7 +27,7 @@ NativeProcessState native_process_state(const json& identity);
 // Watches one identity for its end. The watch is registered before the
 // creation time is compared, so an end in between is not missed.
 class NativeProcessObserver {
-public:
+ public:
   explicit NativeProcessObserver(const json& identity);
   ~NativeProcessObserver();
   NativeProcessObserver(const NativeProcessObserver&) = delete;
@@ -43,7 +43,7 @@ public:
   // Readable when the process ends; present only while still waiting.
   std::optional<NativeHandle> notification_handle() const;
 
-private:
+ private:
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

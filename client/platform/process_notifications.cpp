@@ -38,7 +38,7 @@ struct ProcessNotifications::Impl {
   bool started = false;  // the owner's thread only
 
   std::mutex mutex;
-  IdentityMap wanted;  // guarded by mutex
+  IdentityMap wanted;    // guarded by mutex
   bool changed = false;  // guarded by mutex
 
   std::map<std::string, Watcher> watched;  // the watching thread only

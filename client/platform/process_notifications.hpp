@@ -17,7 +17,7 @@ inline constexpr std::size_t max_watched_identity_text = 1024;
 // thing that goes wrong (with a message). The callback runs on the watching
 // thread and must stay short.
 class ProcessNotifications {
-public:
+ public:
   using Callback = std::function<void(const std::string&)>;
 
   ProcessNotifications();
@@ -33,7 +33,7 @@ public:
   // Ends the thread and drops the watches; later calls do nothing.
   void stop();
 
-private:
+ private:
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -40,7 +40,7 @@ void end(Watched& watched) {
 }
 
 class Recorder {
-public:
+ public:
   ProcessNotifications::Callback callback() {
     return [this](const std::string& text) {
       const std::lock_guard lock(mutex_);
@@ -55,7 +55,7 @@ public:
     return testing::eventually([&] { return events().size() >= count; });
   }
 
-private:
+ private:
   std::mutex mutex_;
   std::vector<std::string> events_;
 };

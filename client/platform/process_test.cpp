@@ -5,9 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
 #include <algorithm>
 #include <thread>
-#include <gtest/gtest.h>
 
 #include "client/domain/error.hpp"
 #include "client/domain/json.hpp"
@@ -39,8 +39,7 @@ struct Launch {
   std::vector<NativeHandle> handles{};
 
   ChildProcess start() const {
-    return ChildProcess(path, arguments, directory, overrides, streams, environment, on_spawn, group, control,
-                        handles);
+    return ChildProcess(path, arguments, directory, overrides, streams, environment, on_spawn, group, control, handles);
   }
 };
 
@@ -68,8 +67,10 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
   // A directory opener that records what it was asked to show and where its
   // output went.
   fs::create_directory(dir / "bin");
-  testing::write_text(dir / "bin/xdg-open", "#!/bin/sh\n[ -z \"$ZORVI_OPENER_STATUS\" ] || exit $ZORVI_OPENER_STATUS\n"
-                                            "echo \"$@\" \"$(readlink /proc/$$/fd/1)\" > " + (dir / "shown").string());
+  testing::write_text(dir / "bin/xdg-open",
+                      "#!/bin/sh\n[ -z \"$ZORVI_OPENER_STATUS\" ] || exit $ZORVI_OPENER_STATUS\n"
+                      "echo \"$@\" \"$(readlink /proc/$$/fd/1)\" > " +
+                          (dir / "shown").string());
   fs::permissions(dir / "bin/xdg-open", fs::perms(0755));
   const std::string opener_path = (dir / "bin").string() + ":/bin";
   ::setenv("ZORVI_PROBE_VALUE", "abcdef", 1);
@@ -84,8 +85,8 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
     change(launch);
     launch.start().terminate(0);
   };
-  const auto replace = [](const fs::path& path, const std::vector<std::string>& arguments,
-                          const fs::path& directory, const EnvironmentOverrides& overrides = {}) {
+  const auto replace = [](const fs::path& path, const std::vector<std::string>& arguments, const fs::path& directory,
+                          const EnvironmentOverrides& overrides = {}) {
     replace_process(path, arguments, directory, overrides);
   };
   struct Row {
@@ -131,7 +132,10 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
       {"interrupt in a shared group", [&] { start([](Launch& l) { l.control = ChildControl::Interrupt; }); },
        "process_control: Only an isolated console launcher child receives interrupt control"},
       {"unenterable directory",
-       [&] { testing::drop_to_nobody(); start([&](Launch& l) { l.directory = dir / "locked"; }); },
+       [&] {
+         testing::drop_to_nobody();
+         start([&](Launch& l) { l.directory = dir / "locked"; });
+       },
        "process_start: Cannot execute the installed game"},
       {"grace beyond two seconds", [] { Launch().start().terminate(2001); },
        "process_wait: Child termination grace must be bounded to two seconds"},
@@ -157,7 +161,10 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
       {"reserved replacement variable", [&] { replace("/bin/true", {}, "/", {{reserved, "1:3"}}); },
        "process_control: Maintenance cannot inherit launcher interrupt authority"},
       {"unenterable replacement directory",
-       [&] { testing::drop_to_nobody(); replace("/bin/true", {}, dir / "locked"); },
+       [&] {
+         testing::drop_to_nobody();
+         replace("/bin/true", {}, dir / "locked");
+       },
        "process_start: Cannot enter the external maintenance runtime"},
       // A failed exec must also leave this process where it was.
       {"refused replacement image",
@@ -173,7 +180,11 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
        "process_start: Cannot replace this process (native error 13)"},
       {"linked folder", [&] { open_directory(dir / "directory-link"); },
        "location_unavailable: Local directory is unavailable"},
-      {"no opener on PATH", [&] { ::setenv("PATH", (dir / "locked").c_str(), 1); open_directory(dir.path()); },
+      {"no opener on PATH",
+       [&] {
+         ::setenv("PATH", (dir / "locked").c_str(), 1);
+         open_directory(dir.path());
+       },
        "desktop_unavailable: No native directory opener is available"},
       {"opener fails",
        [&] {
@@ -332,7 +343,7 @@ TEST(ChildProcess, NothingLeaksIntoAChild) {
 TEST(ChildProcess, ASignalBeforeTheExecNeverRunsTheParentsHandler) {
   const std::string result = in_subprocess([] {
     static volatile sig_atomic_t handled = 0;
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = [](int) { handled = 1; };
     ::sigaction(SIGUSR1, &action, nullptr);
     Launch launch;
@@ -355,7 +366,8 @@ TEST(ChildProcess, ConcurrentStartsKeepTheirOwnOutcomes) {
     for (int round = 0; round < 20; ++round) {
       const int code = id * 20 + round;
       Launch launch = round % 2 == 0 ? shell("exit " + std::to_string(code)) : Launch{.path = dir / "no-execute"};
-      expected[id].push_back(round % 2 == 0 ? std::to_string(code) : "process_start: Cannot execute the installed game");
+      expected[id].push_back(round % 2 == 0 ? std::to_string(code)
+                                            : "process_start: Cannot execute the installed game");
       std::string exit_code;
       const std::string ended = outcome([&] { exit_code = std::to_string(launch.start().wait()); });
       seen[id].push_back(ended == "ok" ? exit_code : ended);
@@ -390,8 +402,11 @@ TEST(ChildProcess, ExitCodesStickAndTerminationEscalates) {
 }
 
 TEST(ChildProcess, InterruptPipeReachesAnIsolatedChild) {
-  const Launch interruptible{.path = probe_path(), .arguments = {"interruptible"}, .streams = ChildStreams::Console,
-                             .group = ChildGroup::Isolated, .control = ChildControl::Interrupt};
+  const Launch interruptible{.path = probe_path(),
+                             .arguments = {"interruptible"},
+                             .streams = ChildStreams::Console,
+                             .group = ChildGroup::Isolated,
+                             .control = ChildControl::Interrupt};
   ChildProcess asked = interruptible.start();
   int calls = 0;
   EXPECT_EQ(asked.wait([&] { return ++calls >= 3; }), 0);

@@ -15,14 +15,13 @@ namespace zorvi {
 namespace {
 
 bool fresh_root(const std::filesystem::path& root) {
-  struct stat parent {};
-  struct stat existing {};
+  struct stat parent{};
+  struct stat existing{};
   return ::lstat(root.parent_path().c_str(), &parent) == 0 && S_ISDIR(parent.st_mode) &&
          ::lstat(root.c_str(), &existing) != 0 && errno == ENOENT;
 }
 
-void require_root_unchanged(const std::filesystem::path& root, const DirectoryIdentity& identity,
-                            const char* message) {
+void require_root_unchanged(const std::filesystem::path& root, const DirectoryIdentity& identity, const char* message) {
   require(inspect_storage_directory(root) == identity, "allocation_changed", message);
 }
 

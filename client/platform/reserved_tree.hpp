@@ -22,7 +22,7 @@ using RootObserver = std::function<void(const DirectoryIdentity&)>;
 // snapshot, made before any download starts so that filling it later cannot
 // run out of space.
 class ReservedTree {
-public:
+ public:
   // `root_observer` (may be empty) sees the root's identity once, after the
   // root is durable and before any file exists.
   ReservedTree(const SnapshotManifest& manifest, const std::filesystem::path& root, const Progress& progress,
@@ -37,7 +37,7 @@ public:
   const std::filesystem::path& root() const { return root_; }
   const DirectoryIdentity& identity() const { return identity_; }
 
-private:
+ private:
   void reserve_files(const SnapshotManifest& manifest, const Progress& progress);
 
   std::filesystem::path root_;

@@ -13,9 +13,8 @@
 namespace zorvi {
 namespace {
 
-using testing::TempDir;
 using testing::expect_error;
-
+using testing::TempDir;
 
 const SnapshotManifest sample =
     testing::manifest_of_lengths({{"bin/game", 100}, {"data/a", 0}, {"data/deep/b", 70000}});
@@ -28,7 +27,7 @@ TEST(ReservedTree, ReservesEveryFileBeforeAnyData) {
     observed = identity;
     EXPECT_TRUE(std::filesystem::is_empty(root));
   });
-  struct stat status {};
+  struct stat status{};
   ASSERT_EQ(::stat(root.c_str(), &status), 0);
   EXPECT_EQ(observed, DirectoryIdentity(status.st_dev, status.st_ino));
   EXPECT_EQ(tree.identity(), *observed);
@@ -115,8 +114,8 @@ TEST(ReservedTree, RootReplacedDuringReservationIsReported) {
 
 TEST(ReservedTreeSpace, TreeThatCannotFitFailsAtReservation) {
   TempDir dir;
-  testing::write_text(dir / "manifest.json", testing::manifest_of_lengths({{"big", 3000000}, {"small", 10}})
-                                                 .document.dump());
+  testing::write_text(dir / "manifest.json",
+                      testing::manifest_of_lengths({{"big", 3000000}, {"small", 10}}).document.dump());
   const std::string mount = (dir / "mnt").string();
   std::filesystem::create_directory(mount);
   const auto result = testing::run_in_private_mounts(

@@ -102,10 +102,14 @@ json checked_record(const json& record, const ExpectedSdkSession& expected, std:
   refuse_unless(state == "starting" || state == "ready" || state == "clean_exit", "Unknown SDK session state");
   refuse_unless(state != "ready" || ready_seen.get<bool>(), "Ready state lacks readiness evidence");
 
-  json result = {{"schema_version", record.at("schema_version")}, {"session_id", expected.session_id},
-                 {"nonce", expected.nonce},      {"game_id", expected.game_id},
-                 {"build_id", expected.build_id}, {"pid", expected.pid},
-                 {"sequence", sequence},          {"ready_seen", ready_seen},
+  json result = {{"schema_version", record.at("schema_version")},
+                 {"session_id", expected.session_id},
+                 {"nonce", expected.nonce},
+                 {"game_id", expected.game_id},
+                 {"build_id", expected.build_id},
+                 {"pid", expected.pid},
+                 {"sequence", sequence},
+                 {"ready_seen", ready_seen},
                  {"state", state}};
   result["breadcrumbs"] = breadcrumbs(record);
   result["attachments"] = attachments(record);

@@ -24,7 +24,11 @@ TEST(SdkRecord, RealGamesAndFailureTable) {
   const testing::TempDir dir;
   const auto [record, expected] = run_game(dir);
   EXPECT_EQ(validate_sdk_record(record, expected, 3), record);
-  const json as_json = {{"session_id", "s-1"}, {"nonce", "nonce"}, {"game_id", "sample-game"}, {"build_id", "1.0.0"}, {"pid", expected.pid}};
+  const json as_json = {{"session_id", "s-1"},
+                        {"nonce", "nonce"},
+                        {"game_id", "sample-game"},
+                        {"build_id", "1.0.0"},
+                        {"pid", expected.pid}};
   EXPECT_EQ(validate_sdk_record(record, as_json, 3), record);
   const std::string mismatch = "invalid_session: Readiness record does not match the expected game/process/session";
   const json crumb = {{"category", "c"}, {"message", "m"}}, log = {{"kind", "log"}, {"path", "a"}};
@@ -40,8 +44,10 @@ TEST(SdkRecord, RealGamesAndFailureTable) {
       {{{"attachments", std::vector<json>(5, log)}}, "invalid_session: SDK record has too many attachments"},
       {{{"attachments", {{{"kind", "core"}, {"path", "a"}}}}}, "invalid_session: SDK attachment is invalid"},
       {{{"attachments", {{{"kind", "log"}, {"path", "../a"}}}}}, "unsafe_path: Path contains an unsafe component"},
-      {{{"native_capture_id", "0123456789abcdef0123456789ABCDEF"}}, "invalid_session: Native capture identity is invalid"},
-      {{{"native_capture_problem", std::string(129, 'p')}}, "invalid_session: Native capture problem exceeds its bound"},
+      {{{"native_capture_id", "0123456789abcdef0123456789ABCDEF"}},
+       "invalid_session: Native capture identity is invalid"},
+      {{{"native_capture_problem", std::string(129, 'p')}},
+       "invalid_session: Native capture problem exceeds its bound"},
       {{{"exit_code", nullptr}}, "invalid_session: Clean exit lacks an exit status"},
       {{{"ready_seen", "yes"}}, "invalid_session: SDK record fields are missing or malformed"},
   };

@@ -26,12 +26,14 @@ FileLock ledger_lock(const std::filesystem::path& data_root) {
   return FileLock(native_folder(data_root) / "shortcuts.lock", true, LockMode::exclusive);
 }
 
-bool native_folder_exists(const std::filesystem::path& data_root) { return directory_present(native_folder(data_root)); }
+bool native_folder_exists(const std::filesystem::path& data_root) {
+  return directory_present(native_folder(data_root));
+}
 
 // Only bytes that still hash to what was written are the client's; a file
 // larger than anything it writes cannot be.
 bool unchanged(const OwnedShortcut& entry) {
-  struct stat status {};
+  struct stat status{};
   if (::lstat(entry.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
   if (static_cast<std::uint64_t>(status.st_size) > max_shortcut_file) return false;
   return digest(read_file(entry.path, max_shortcut_file), "sha256") == entry.sha256;
@@ -77,7 +79,8 @@ void write_ledger(const std::filesystem::path& data_root, const std::vector<Owne
   }
   json items = json::array();
   for (const OwnedShortcut& entry : entries) {
-    items.push_back({{"path", path_utf8(entry.path)}, {"game", entry.game}, {"name", entry.name}, {"sha256", entry.sha256}});
+    items.push_back(
+        {{"path", path_utf8(entry.path)}, {"game", entry.game}, {"name", entry.name}, {"sha256", entry.sha256}});
   }
   const json document = {{"schema_version", 1}, {"kind", "zorvi-shortcuts"}, {"entries", items}};
   atomic_write(file, document.dump());
@@ -85,8 +88,7 @@ void write_ledger(const std::filesystem::path& data_root, const std::vector<Owne
 
 OwnedShortcut create_recorded(const DesktopShortcut& shortcut, const std::filesystem::path& destination) {
   (void)create_native_shortcut(shortcut, destination);
-  return {destination, shortcut.game_id, shortcut.name,
-          digest(read_file(destination, max_shortcut_file), "sha256")};
+  return {destination, shortcut.game_id, shortcut.name, digest(read_file(destination, max_shortcut_file), "sha256")};
 }
 
 // Takes away a file the ledger proved its own; the removal is made durable

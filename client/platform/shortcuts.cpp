@@ -19,7 +19,7 @@ namespace {
 enum class Component : std::uint8_t { directory, link, other };
 
 Component component(const std::filesystem::path& path) {
-  struct stat status {};
+  struct stat status{};
   if (::lstat(path.c_str(), &status) != 0) return Component::other;
   if (S_ISLNK(status.st_mode)) return Component::link;
   return S_ISDIR(status.st_mode) ? Component::directory : Component::other;
@@ -87,9 +87,9 @@ std::filesystem::path linux_menu_entry(const std::filesystem::path& data_root, c
   // The key, not the spelling, names the data folder, so every spelling of
   // one folder finds the same entries.
   const std::string suffix = game_id.empty() ? "-launcher" : "-game-" + game_id;
-  const std::filesystem::path entry = linux_menu_directory() / ("zorvi-" +
-                                                                digest(macos_paths::directory_key(data_root), "sha256") +
-                                                                suffix + native_shortcut_extension());
+  const std::filesystem::path entry =
+      linux_menu_directory() /
+      ("zorvi-" + digest(macos_paths::directory_key(data_root), "sha256") + suffix + native_shortcut_extension());
   normal_shortcut_path(entry);
   return entry;
 }

@@ -53,7 +53,7 @@ std::string ran_by(const fs::path& program) {
 void write_ledger(const fs::path& root, const json& entries, int version = 1) {
   fs::create_directories(root / "native");
   testing::write_text(root / "native/shortcuts.json",
-             json{{"schema_version", version}, {"kind", "zorvi-shortcuts"}, {"entries", entries}}.dump());
+                      json{{"schema_version", version}, {"kind", "zorvi-shortcuts"}, {"entries", entries}}.dump());
 }
 
 TEST(LaunchDocumentCreation, EachRefusalLeavesEverythingAsItWas) {
@@ -72,20 +72,28 @@ TEST(LaunchDocumentCreation, EachRefusalLeavesEverythingAsItWas) {
   };
   const std::string inputs = "shortcut_path|Shortcut inputs need existing ordinary files and directories";
   const std::string exists = "already_exists|Launch-document destination already exists; it was preserved";
-  testing::expect_rows({
-      {create(desk / "star.txt"), "shortcut_path|macOS launch documents must end in .zorvi-launch"},
-      {create("Desktop/x.zorvi-launch"), "shortcut_path|Shortcut paths must be absolute and normalized below a filesystem root"},
-      {create(desk / "missing/x.zorvi-launch"), inputs},
-      {create(home.root() / "x.zorvi-launch"), "shortcut_path|Launch documents must be outside application data"},
-      {create(home.path() / "launcher/versions/1.0/x.zorvi-launch"), "shortcut_path|Launch documents must be outside managed launcher payloads"},
-      {create(desk / "taken.zorvi-launch"), exists},
-      {create(home.path() / "versions/taken.zorvi-launch"), exists},
-      {create(desk / "dangling.zorvi-launch"), "unsafe_path|macOS setup ancestry is linked, unavailable or changed"},
-      {create(desk / "x.zorvi-launch", home.bootstrap().parent_path() / "other"), "shortcut_bootstrap|macOS shortcuts require the stable native bootstrap"},
-      {create(desk / "x.zorvi-launch", home.path() / "bare/bin/zorvi-bootstrap"), inputs},
-  }, home.path());
+  testing::expect_rows(
+      {
+          {create(desk / "star.txt"), "shortcut_path|macOS launch documents must end in .zorvi-launch"},
+          {create("Desktop/x.zorvi-launch"),
+           "shortcut_path|Shortcut paths must be absolute and normalized below a filesystem root"},
+          {create(desk / "missing/x.zorvi-launch"), inputs},
+          {create(home.root() / "x.zorvi-launch"), "shortcut_path|Launch documents must be outside application data"},
+          {create(home.path() / "launcher/versions/1.0/x.zorvi-launch"),
+           "shortcut_path|Launch documents must be outside managed launcher payloads"},
+          {create(desk / "taken.zorvi-launch"), exists},
+          {create(home.path() / "versions/taken.zorvi-launch"), exists},
+          {create(desk / "dangling.zorvi-launch"),
+           "unsafe_path|macOS setup ancestry is linked, unavailable or changed"},
+          {create(desk / "x.zorvi-launch", home.bootstrap().parent_path() / "other"),
+           "shortcut_bootstrap|macOS shortcuts require the stable native bootstrap"},
+          {create(desk / "x.zorvi-launch", home.path() / "bare/bin/zorvi-bootstrap"), inputs},
+      },
+      home.path());
   testing::write_text(home.path() / "share/applications", "not a folder");
-  testing::expect_rows({{create(desk / "x.zorvi-launch"), "shortcut_api|Cannot register the installed Zorvi launch-document handler"}}, home.path());
+  testing::expect_rows(
+      {{create(desk / "x.zorvi-launch"), "shortcut_api|Cannot register the installed Zorvi launch-document handler"}},
+      home.path());
 }
 
 TEST(LaunchDocumentCreation, TheDesktopOpensTheDocumentWithTheRegisteredHelper) {
@@ -101,10 +109,12 @@ TEST(LaunchDocumentCreation, TheDesktopOpensTheDocumentWithTheRegisteredHelper) 
   const std::string handler = testing::run_command({"gio", "mime", "application/x-zorvi-launch"}).out;
   const std::size_t start = handler.find("zorvi-shortcut-");
   ASSERT_NE(start, std::string::npos) << handler;
-  const fs::path entry = home.path() / "share/applications" / handler.substr(start, handler.find(".desktop", start) + 8 - start);
+  const fs::path entry =
+      home.path() / "share/applications" / handler.substr(start, handler.find(".desktop", start) + 8 - start);
   EXPECT_EQ(testing::run_command({"desktop-file-validate", entry.native()}).status, 0);
   // The freedesktop tools a desktop without GLib asks give the same answers.
-  EXPECT_EQ(testing::run_command({"xdg-mime", "query", "filetype", document.native()}).out, "application/x-zorvi-launch\n");
+  EXPECT_EQ(testing::run_command({"xdg-mime", "query", "filetype", document.native()}).out,
+            "application/x-zorvi-launch\n");
   EXPECT_EQ(testing::run_command({"xdg-mime", "query", "default", "application/x-zorvi-launch"}).out,
             entry.filename().native() + "\n");
   ASSERT_EQ(testing::run_command({"gio", "launch", entry.native(), document.native()}).status, 0);
@@ -116,21 +126,31 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   fs::create_directories(home.path() / "Desktop");
   testing::user_symlink(home.path() / "Desktop", home.path() / "link");
   write_ledger(home.path() / "old", json::array(), 2);
-  write_ledger(home.path() / "bad", json::array({{{"path", "relative.desktop"}, {"game", ""}, {"name", "Z"}, {"sha256", ""}}}));
+  write_ledger(home.path() / "bad",
+               json::array({{{"path", "relative.desktop"}, {"game", ""}, {"name", "Z"}, {"sha256", ""}}}));
   const DesktopShortcut sc = home.shortcut("");
-  const auto native = [&home, sc](const char* place) { return [&home, sc, place] { create_native_shortcut(sc, home.path() / place); }; };
+  const auto native = [&home, sc](const char* place) {
+    return [&home, sc, place] { create_native_shortcut(sc, home.path() / place); };
+  };
   const std::string normalized = "shortcut_path|Shortcut paths must be absolute and normalized";
-  testing::expect_rows({
-      {[] { native_menu_entry("/a/../b", "", ""); }, normalized},
-      {[] { linux_menu_entry("", "", ""); }, "shortcut_path|Application menu entry needs its selected profile"},
-      {[&] { create_owned_native_shortcut(sc, home.root() / "x.desktop"); }, "shortcut_path|Shortcuts must be outside the data folder"},
-      {native("missing/x.desktop"), "shortcut_path|Custom shortcut destinations require an existing parent directory"},
-      {native("missing/deeper/x.desktop"), "shortcut_path|Shortcut paths need existing plain files and directories"},
-      {native("link/x.desktop"), "unsafe_path|Shortcut path contains a symbolic link"},
-      {native("Desktop/x.txt"), "shortcut_path|Linux desktop entries must end in .desktop"},
-      {[&] { owned_native_shortcuts(home.path() / "old"); }, "shortcut_ledger|Unsupported shortcut list " + (home.path() / "old/native/shortcuts.json").native()},
-      {[&] { owned_native_shortcuts(home.path() / "bad"); }, "shortcut_ledger|Shortcut list is malformed: " + (home.path() / "bad/native/shortcuts.json").native()},
-  }, home.path());
+  testing::expect_rows(
+      {
+          {[] { native_menu_entry("/a/../b", "", ""); }, normalized},
+          {[] { linux_menu_entry("", "", ""); }, "shortcut_path|Application menu entry needs its selected profile"},
+          {[&] { create_owned_native_shortcut(sc, home.root() / "x.desktop"); },
+           "shortcut_path|Shortcuts must be outside the data folder"},
+          {native("missing/x.desktop"),
+           "shortcut_path|Custom shortcut destinations require an existing parent directory"},
+          {native("missing/deeper/x.desktop"),
+           "shortcut_path|Shortcut paths need existing plain files and directories"},
+          {native("link/x.desktop"), "unsafe_path|Shortcut path contains a symbolic link"},
+          {native("Desktop/x.txt"), "shortcut_path|Linux desktop entries must end in .desktop"},
+          {[&] { owned_native_shortcuts(home.path() / "old"); },
+           "shortcut_ledger|Unsupported shortcut list " + (home.path() / "old/native/shortcuts.json").native()},
+          {[&] { owned_native_shortcuts(home.path() / "bad"); },
+           "shortcut_ledger|Shortcut list is malformed: " + (home.path() / "bad/native/shortcuts.json").native()},
+      },
+      home.path());
   ::unsetenv("XDG_DATA_HOME");
   ::unsetenv("HOME");
   testing::expect_error([] { native_menu_directory(); }, "user_path", "Cannot locate the user's Desktop");
@@ -170,7 +190,10 @@ TEST(Shortcuts, ConcurrentWritersShareTheBoundedLedger) {
   DesktopHome home;
   json fake = json::array();
   for (int i = 0; i < 126; ++i)
-    fake.push_back({{"path", (home.path() / ("f" + std::to_string(i) + ".desktop")).native()}, {"game", ""}, {"name", "Z"}, {"sha256", ""}});
+    fake.push_back({{"path", (home.path() / ("f" + std::to_string(i) + ".desktop")).native()},
+                    {"game", ""},
+                    {"name", "Z"},
+                    {"sha256", ""}});
   write_ledger(home.root(), fake);
   // The menu folder exists, as on any desktop: a key of a path whose missing
   // folders another process creates meanwhile is refused, by design.
@@ -178,7 +201,12 @@ TEST(Shortcuts, ConcurrentWritersShareTheBoundedLedger) {
   std::vector<pid_t> children;
   for (const char* game : {"one", "two"}) {
     const pid_t pid = ::fork();
-    if (pid == 0) { const std::string result = testing::outcome([&] { create_owned_native_shortcut(home.shortcut(game), native_menu_entry(home.root(), game, "")); }); if (result != "ok") std::fprintf(stderr, "child: %s\n", result.c_str()); _exit(result == "ok" ? 0 : 1); }
+    if (pid == 0) {
+      const std::string result = testing::outcome(
+          [&] { create_owned_native_shortcut(home.shortcut(game), native_menu_entry(home.root(), game, "")); });
+      if (result != "ok") std::fprintf(stderr, "child: %s\n", result.c_str());
+      _exit(result == "ok" ? 0 : 1);
+    }
     children.push_back(pid);
   }
   for (pid_t pid : children) {
@@ -187,7 +215,8 @@ TEST(Shortcuts, ConcurrentWritersShareTheBoundedLedger) {
     EXPECT_EQ(status, 0);
   }
   EXPECT_EQ(owned_native_shortcuts(home.root()).size(), 128u);
-  testing::expect_error([&] { create_owned_native_shortcut(home.shortcut(""), home.path() / "new.desktop"); }, "size_limit", "Too many recorded shortcuts");
+  testing::expect_error([&] { create_owned_native_shortcut(home.shortcut(""), home.path() / "new.desktop"); },
+                        "size_limit", "Too many recorded shortcuts");
   EXPECT_TRUE(create_owned_native_shortcut(home.shortcut(""), home.path() / "f7.desktop")["created"]);
 }
 

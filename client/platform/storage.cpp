@@ -92,12 +92,12 @@ std::uint64_t multiply(std::uint64_t first, std::uint64_t second) {
 }
 
 StorageVolume inspect_storage_volume(const std::filesystem::path& path) {
-  struct stat link {};
+  struct stat link{};
   require(path.has_root_directory() && ::lstat(path.c_str(), &link) == 0 && S_ISDIR(link.st_mode), "unsafe_path",
           "Storage needs an ordinary absolute directory");
   const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  struct stat status {};
-  struct statvfs geometry {};
+  struct stat status{};
+  struct statvfs geometry{};
   require(directory && ::fstatvfs(directory.get(), &geometry) == 0 && ::fstat(directory.get(), &status) == 0,
           "volume_query", "Cannot inspect storage volume allocation geometry");
 
@@ -122,12 +122,12 @@ StorageVolume inspect_storage_volume(const std::filesystem::path& path) {
 
 std::pair<std::uint64_t, std::uint64_t> inspect_storage_directory(const std::filesystem::path& path) {
   const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  struct stat opened {};
+  struct stat opened{};
   require(directory && ::fstat(directory.get(), &opened) == 0 && S_ISDIR(opened.st_mode), "unsafe_path",
           "Cannot inspect prepared directory identity");
-  struct stat named {};
-  require(::lstat(path.c_str(), &named) == 0 && S_ISDIR(named.st_mode) && same_entry(named, opened),
-          "unsafe_path", "Prepared directory is linked, replaced or unavailable");
+  struct stat named{};
+  require(::lstat(path.c_str(), &named) == 0 && S_ISDIR(named.st_mode) && same_entry(named, opened), "unsafe_path",
+          "Prepared directory is linked, replaced or unavailable");
   return {static_cast<std::uint64_t>(opened.st_dev), static_cast<std::uint64_t>(opened.st_ino)};
 }
 
@@ -198,7 +198,8 @@ json plan_install_storage(const SnapshotManifest& manifest, const StorageVolume&
   if (!verified_archive_cached) {
     budget["download_file_entries"] = existing_partial ? 0u : 1u;
     const std::uint64_t needed = round_up(manifest.archive_length, unit);
-    const std::uint64_t missing = needed > existing_archive_allocation_bytes ? needed - existing_archive_allocation_bytes : 0;
+    const std::uint64_t missing =
+        needed > existing_archive_allocation_bytes ? needed - existing_archive_allocation_bytes : 0;
     budget["download_bytes"] = existing_partial ? missing : add(missing, unit);
   }
   budget["staging_bytes"] = tree_allocation(manifest, unit);
@@ -227,9 +228,10 @@ void require_install_storage(const json& plan, const std::string& locations) {
                                 : (amount == 1 ? " more file entry" : " more file entries");
   const auto path = volume.find("path");
   const std::string where = path != volume.end() && path->is_string() ? path->get<std::string>() : std::string();
-  throw Error("insufficient_space",
-              "Storage at " + where + " needs " + std::to_string(amount) + unit + " before installation; free space first",
-              {locations.empty() ? std::string("zorvi-install --status --data-dir PATH") : "locations " + locations});
+  throw Error(
+      "insufficient_space",
+      "Storage at " + where + " needs " + std::to_string(amount) + unit + " before installation; free space first",
+      {locations.empty() ? std::string("zorvi-install --status --data-dir PATH") : "locations " + locations});
 }
 
 }  // namespace zorvi

@@ -14,8 +14,8 @@
 namespace zorvi {
 namespace {
 
-using testing::TempDir;
 using testing::caught;
+using testing::TempDir;
 
 constexpr std::uint64_t unit = 4096;
 constexpr std::uint64_t mib16 = 16777216;
@@ -29,7 +29,6 @@ StorageVolume volume_of(std::uint64_t capacity, std::uint64_t available, std::op
                         std::optional<std::uint64_t> free_inodes = {}) {
   return StorageVolume{"/srv/games", "device:42", unit, capacity, available, inodes, free_inodes};
 }
-
 
 // Worked by hand with a 4 KiB unit:
 //   files      a (0) -> 0, b/c (1) -> 4096, b/d (4096) -> 4096, b/e/f (5000) -> 8192: 16384 data bytes
@@ -141,8 +140,8 @@ TEST(StoragePlan, DownloadShareFollowsCacheAndPartial) {
 }
 
 TEST(StoragePlan, PayloadPlanCountsBothTreesAndItsOwnMargin) {
-  const SnapshotManifest first = manifest_of({{"a", 1}});         // 2 entries: 3 units
-  const SnapshotManifest second = manifest_of({{"x/y", 4097}});   // 3 entries: 5 units
+  const SnapshotManifest first = manifest_of({{"a", 1}});        // 2 entries: 3 units
+  const SnapshotManifest second = manifest_of({{"x/y", 4097}});  // 3 entries: 5 units
   const json plan = plan_native_payload_storage(first, second, volume_of(1u << 30, 1u << 30, 100, 100), 4);
   EXPECT_EQ(plan, (json{{"schema_version", 1}, {"reserved", false}, {"volume", plan["volume"]}}));
   const json& volume = plan["volume"];
@@ -213,9 +212,9 @@ TEST(StorageVolumeRules, InspectsARealDirectoryLikeStatvfs) {
       "v=os.statvfs(sys.argv[1]); u=v.f_frsize or v.f_bsize\n"
       "print('device:%d %d %d' % (os.stat(sys.argv[1]).st_dev, u, v.f_blocks*u))",
       {dir.path().string()});
-  EXPECT_EQ(volume.id + " " + std::to_string(volume.allocation_unit) + " " + std::to_string(volume.capacity_bytes) +
-                "\n",
-            expected);
+  EXPECT_EQ(
+      volume.id + " " + std::to_string(volume.allocation_unit) + " " + std::to_string(volume.capacity_bytes) + "\n",
+      expected);
   EXPECT_EQ(volume.path, dir.path());
   EXPECT_LE(volume.available_bytes, volume.capacity_bytes);
   EXPECT_EQ(volume.inode_capacity.has_value(), volume.available_inodes.has_value());
@@ -226,7 +225,8 @@ TEST(StorageVolumeRules, RefusesLinksFilesAndRelativePaths) {
   std::filesystem::create_directory(dir / "real");
   std::filesystem::create_directory_symlink(dir / "real", dir / "link");
   testing::write_text(dir / "file", "x");
-  for (const std::filesystem::path& path : {dir / "link", dir / "file", dir / "absent", std::filesystem::path("real")}) {
+  for (const std::filesystem::path& path :
+       {dir / "link", dir / "file", dir / "absent", std::filesystem::path("real")}) {
     const Error error = caught([&] { inspect_storage_volume(path); });
     EXPECT_EQ(error.code, "unsafe_path") << path;
     EXPECT_STREQ(error.what(), "Storage needs an ordinary absolute directory");
@@ -237,7 +237,7 @@ TEST(StorageVolumeRules, DirectoryIdentityIsDeviceAndInode) {
   TempDir dir;
   std::filesystem::create_directory(dir / "real");
   std::filesystem::create_directory_symlink(dir / "real", dir / "link");
-  struct stat status {};
+  struct stat status{};
   ASSERT_EQ(::stat((dir / "real").c_str(), &status), 0);
   EXPECT_EQ(inspect_storage_directory(dir / "real"),
             std::pair(static_cast<std::uint64_t>(status.st_dev), static_cast<std::uint64_t>(status.st_ino)));

@@ -26,7 +26,7 @@ constexpr std::uint64_t max_cleanup_entries = 250000;
 enum class Kind : std::uint8_t { absent, directory, regular, other };
 
 Kind kind_of(const std::filesystem::path& path) {
-  struct stat status {};
+  struct stat status{};
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT || errno == ENOTDIR ? Kind::absent : Kind::other;
   if (S_ISDIR(status.st_mode)) return Kind::directory;
   return S_ISREG(status.st_mode) ? Kind::regular : Kind::other;

@@ -12,9 +12,8 @@
 namespace zorvi {
 namespace {
 
-using testing::TempDir;
 using testing::expect_error;
-
+using testing::TempDir;
 
 std::vector<std::string> listing(const std::filesystem::path& root) {
   std::vector<std::string> entries;
@@ -66,8 +65,7 @@ TEST(ManagedTree, RemovePlainTreeRemovesNothingOfATreeWithALink) {
   expect_error([&] { remove_plain_tree(dir / "file"); }, "unsafe_path", "Tree cleanup requires an ordinary directory");
 }
 
-const SnapshotManifest retired =
-    testing::manifest_of_lengths({{"bin/game", 5}, {"data/a/b", 3}, {"data/empty", 0}});
+const SnapshotManifest retired = testing::manifest_of_lengths({{"bin/game", 5}, {"data/a/b", 3}, {"data/empty", 0}});
 
 TEST(ManagedTree, RetirementKeepsWhatTheUserAdded) {
   TempDir dir;

@@ -15,14 +15,22 @@ constexpr int directory_open = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 mode_t type_of(unsigned char entry_type) {
   switch (entry_type) {
-    case DT_DIR: return S_IFDIR;
-    case DT_REG: return S_IFREG;
-    case DT_LNK: return S_IFLNK;
-    case DT_FIFO: return S_IFIFO;
-    case DT_SOCK: return S_IFSOCK;
-    case DT_CHR: return S_IFCHR;
-    case DT_BLK: return S_IFBLK;
-    default: return 0;
+    case DT_DIR:
+      return S_IFDIR;
+    case DT_REG:
+      return S_IFREG;
+    case DT_LNK:
+      return S_IFLNK;
+    case DT_FIFO:
+      return S_IFIFO;
+    case DT_SOCK:
+      return S_IFSOCK;
+    case DT_CHR:
+      return S_IFCHR;
+    case DT_BLK:
+      return S_IFBLK;
+    default:
+      return 0;
   }
 }
 

@@ -22,7 +22,7 @@ struct TreeWalkWording {
 // entries of a directory come right after the directory itself. Directories
 // are entered relative to their open parent, never by path.
 class BoundedTreeWalk {
-public:
+ public:
   BoundedTreeWalk(const DirectoryHandle& root, std::uint64_t max_entries, TreeWalkWording wording);
   ~BoundedTreeWalk();
   BoundedTreeWalk(const BoundedTreeWalk&) = delete;
@@ -38,7 +38,7 @@ public:
   // The entry's attributes, a link not followed; read on first use.
   const struct stat& status();
 
-private:
+ private:
   struct Level;
   void enter(const std::string& relative);
 
@@ -50,7 +50,7 @@ private:
   std::string name_;
   mode_t type_ = 0;
   bool stated_ = false;
-  struct stat status_ {};
+  struct stat status_{};
 };
 
 }  // namespace zorvi

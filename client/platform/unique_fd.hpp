@@ -8,7 +8,7 @@ namespace zorvi {
 
 // Owns one file descriptor and closes it when it goes.
 class UniqueFd {
-public:
+ public:
   UniqueFd() = default;
   explicit UniqueFd(int descriptor) : descriptor_(descriptor) {}
   ~UniqueFd() { reset(); }
@@ -30,7 +30,7 @@ public:
   // Closes now and reports close's own result, for writers that must know.
   int close() { return ::close(std::exchange(descriptor_, -1)); }
 
-private:
+ private:
   int descriptor_ = -1;
 };
 

@@ -25,7 +25,7 @@ constexpr std::size_t physical_buffer = 4097;
 // them. Network, FUSE, overlay and kernel pseudo file systems are absent on
 // purpose: their names and identities are not this machine's to vouch for.
 bool local_type(std::string_view type) {
-  static const std::set<std::string_view> types = {"ext2", "ext3",     "ext4", "xfs",    "btrfs", "f2fs",
+  static const std::set<std::string_view> types = {"ext2", "ext3",     "ext4", "xfs",    "btrfs",    "f2fs",
                                                    "jfs",  "reiserfs", "zfs",  "nilfs2", "bcachefs", "tmpfs"};
   return types.contains(type);
 }
@@ -84,7 +84,7 @@ std::optional<VolumeFacts> parse_mount(std::string_view line, std::uint64_t want
 }
 
 std::optional<std::uint64_t> mount_id(int descriptor) {
-  struct statx status {};
+  struct statx status{};
   if (::statx(descriptor, "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, STATX_MNT_ID, &status) != 0) return std::nullopt;
   if ((status.stx_mask & STATX_MNT_ID) == 0) return std::nullopt;
   return status.stx_mnt_id;
@@ -111,7 +111,7 @@ std::optional<VolumeFacts> find_mount(std::string_view table, std::uint64_t id) 
 }
 
 std::optional<VolumeAttributes> volume_attributes(int descriptor) {
-  struct stat status {};
+  struct stat status{};
   if (::fstat(descriptor, &status) != 0) return std::nullopt;
   // The file system's own device number names it; its names compare byte
   // for byte.

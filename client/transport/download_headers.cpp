@@ -119,16 +119,11 @@ void DownloadResponseHeaders::field(std::string_view content) {
   if (!framing) return;
   // Trailers come after admission and must not change how the body is framed.
   if (admitted_ || !framing_fields_.insert(name).second) bad_headers("Duplicate or late download framing field");
-  if (name == "content-length")
-    content_length_ = decimal(value);
-  else if (name == "content-range")
-    content_range_ = std::string(value);
-  else if (name == "content-encoding")
-    content_encoding_ = lowered(value);
-  else if (name == "transfer-encoding")
-    transfer_encoding_ = lowered(value);
-  else
-    content_type_ = lowered(value);
+  if (name == "content-length") content_length_ = decimal(value);
+  else if (name == "content-range") content_range_ = std::string(value);
+  else if (name == "content-encoding") content_encoding_ = lowered(value);
+  else if (name == "transfer-encoding") transfer_encoding_ = lowered(value);
+  else content_type_ = lowered(value);
 }
 
 void DownloadResponseHeaders::admit() {

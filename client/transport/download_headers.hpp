@@ -12,7 +12,7 @@ namespace zorvi {
 // written into a file whose length signed metadata has fixed. It keeps no body
 // bytes and does no I/O: the transport feeds it and obeys.
 class DownloadResponseHeaders {
-public:
+ public:
   // `total` is the authenticated length (an upper bound unless `exact`);
   // `offset` the resume position asked for, 0 for a whole download.
   DownloadResponseHeaders(std::uint64_t total, std::uint64_t offset, bool exact);
@@ -34,7 +34,7 @@ public:
   static constexpr unsigned max_responses = 8;
   static constexpr unsigned max_fields = 128;
 
-private:
+ private:
   void field(std::string_view content);
   void status_line(std::string_view content);
 

@@ -146,12 +146,9 @@ int advance(void* context, curl_off_t download_total, curl_off_t download_now, c
     }
     if (!transfer.progress) return 0;
     bool go_on;
-    if (transfer.upload_mode)
-      go_on = transfer.progress(counted(upload_now), counted(upload_total));
-    else if (transfer.file != nullptr)
-      go_on = transfer.progress(transfer.offset + transfer.received, transfer.total);
-    else
-      go_on = transfer.progress(counted(download_now), counted(download_total));
+    if (transfer.upload_mode) go_on = transfer.progress(counted(upload_now), counted(upload_total));
+    else if (transfer.file != nullptr) go_on = transfer.progress(transfer.offset + transfer.received, transfer.total);
+    else go_on = transfer.progress(counted(download_now), counted(download_total));
     transfer.cancelled = !go_on;
     return go_on ? 0 : 1;
   } catch (...) {
@@ -199,9 +196,8 @@ bool has_part(CURLU* url, CURLUPart part) {
 void limit_to_budget(CURL* handle, HttpsBudget& budget) {
   require(budget.used <= budget.limit, "discovery_budget", "Optional update check exhausted its response budget");
   require(!budget.cancel || !budget.cancel(0, 0, 0, 0), "cancelled", "Optional update check cancelled");
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(budget.deadline -
-                                                                          std::chrono::steady_clock::now())
-                        .count();
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(budget.deadline - std::chrono::steady_clock::now()).count();
   require(left >= 1 && left <= max_budget_ms, "discovery_timeout", "Optional update check exhausted its time budget");
   set(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(left));
   set(handle, CURLOPT_CONNECTTIMEOUT_MS, std::min(static_cast<long>(left), max_connect_ms));
@@ -272,8 +268,7 @@ HeaderList attach_upload(CURL* handle, Upload& upload) {
   return list;
 }
 
-void configure(CURL* handle, const std::string& url, Transfer& transfer, std::uint64_t download_limit,
-               bool stream) {
+void configure(CURL* handle, const std::string& url, Transfer& transfer, std::uint64_t download_limit, bool stream) {
   // An empty proxy also overrides the proxy variables of the environment.
   require(curl_easy_setopt(handle, CURLOPT_PROXY, "") == CURLE_OK, "transport",
           "Cannot enforce the service connection boundary");
@@ -472,7 +467,7 @@ long HttpsTransport::upload_report(std::string_view path, const std::filesystem:
                                    std::string_view token, const Progress& progress) {
   require(size >= 1 && size <= max_report, "size_limit", "Report upload exceeds 100 MiB");
   require(token.size() == 64 && is_lower_hex(token), "crash_ticket", "Upload capability is invalid");
-  struct stat named {};
+  struct stat named{};
   require(::lstat(snapshot.c_str(), &named) == 0 && S_ISREG(named.st_mode) &&
               static_cast<std::uint64_t>(named.st_size) == size,
           "crash_changed", "Frozen upload snapshot is invalid");
@@ -480,7 +475,7 @@ long HttpsTransport::upload_report(std::string_view path, const std::filesystem:
   upload.stream.reset(::open(snapshot.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   require(static_cast<bool>(upload.stream), "file_read", with_errno("Cannot open reviewed upload snapshot", errno));
   // The name may have been replaced between the look and the open.
-  struct stat opened {};
+  struct stat opened{};
   require(::fstat(upload.stream.get(), &opened) == 0 && same_entry(opened, named) && opened.st_size == named.st_size,
           "crash_changed", "Frozen upload snapshot is invalid");
   upload.remaining = size;

@@ -28,7 +28,7 @@ using RestartHook = std::function<void()>;
 // How the TUF client reaches a repository. Everything fetched through it is
 // judged later against signed metadata.
 class Transport {
-public:
+ public:
   virtual ~Transport();
 
   // An in-memory response of at most `limit` body bytes.
@@ -41,8 +41,8 @@ public:
   virtual bool supports_resumption() const;
   // Continues `file` from `offset` (its written count) to its whole size. The
   // caller finishes the file.
-  virtual void download_into(std::string_view path, AllocatedFile& file, std::uint64_t offset,
-                             const Progress& progress, const ByteSink& on_bytes, const RestartHook& on_restart);
+  virtual void download_into(std::string_view path, AllocatedFile& file, std::uint64_t offset, const Progress& progress,
+                             const ByteSink& on_bytes, const RestartHook& on_restart);
 };
 
 // The shared limit of one optional update check, owned by its caller.
@@ -60,7 +60,7 @@ std::string quote_url(std::string_view text, bool keep_slash);
 // The production transport: HTTPS only, no redirects, no proxy, no content
 // decoding, and a byte bound on everything.
 class HttpsTransport : public Transport {
-public:
+ public:
   // An empty `ca_bundle` trusts the operating system; otherwise only the bundle.
   // `download_limit` is bytes per second, 0 for none.
   HttpsTransport(std::string base_url, std::filesystem::path ca_bundle, std::uint64_t download_limit,
@@ -91,7 +91,7 @@ public:
   static constexpr std::uint64_t max_memory_response = 16ULL * 1024 * 1024;
   static constexpr std::uint64_t max_download_limit = 1024ULL * 1024 * 1024;
 
-private:
+ private:
   std::string base_url_;
   std::string origin_;
   std::filesystem::path ca_bundle_;

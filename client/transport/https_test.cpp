@@ -57,19 +57,29 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
       {[&] { local.get("a", 16777217); }, "size_limit: In-memory response limit exceeds 16 MiB"},
       {[&] { local.get("../a", 1); }, "unsafe_path: Path contains an unsafe component"},
       {[&] { local.get_component("a", 16777217); }, "size_limit: In-memory response limit exceeds 16 MiB"},
-      {[&] { local.get_component(std::string(8193, 'a'), 1); }, "size_limit: Metadata filename exceeds its component bound"},
+      {[&] { local.get_component(std::string(8193, 'a'), 1); },
+       "size_limit: Metadata filename exceeds its component bound"},
       {[&] { local.post_json("t", {{"a", std::string(4089, 'x')}}, {}); }, "size_limit: Ticket request exceeds 4 KiB"},
-      {[&] { local.upload_report("r", dir / "report", 104857601, token, {}); }, "size_limit: Report upload exceeds 100 MiB"},
-      {[&] { local.upload_report("r", dir / "report", 3, std::string(64, 'A'), {}); }, "crash_ticket: Upload capability is invalid"},
-      {[&] { local.upload_report("r", dir / "link", 3, token, {}); }, "crash_changed: Frozen upload snapshot is invalid"},
-      {[&] { local.upload_report("r", dir / "report", 4, token, {}); }, "crash_changed: Frozen upload snapshot is invalid"},
-      {[&] { local.download_into("a", whole, 4, {}, {}, {}); }, "download_range: Download cursor differs from the recorded prefix"},
-      {[&] { Stub().download_into("a", empty, 0, {}, {}, {}); }, "download_resume_unsupported: This transport cannot resume target downloads"},
-      {with_budget(11, false, std::chrono::seconds(9)), "discovery_budget: Optional update check exhausted its response budget"},
+      {[&] { local.upload_report("r", dir / "report", 104857601, token, {}); },
+       "size_limit: Report upload exceeds 100 MiB"},
+      {[&] { local.upload_report("r", dir / "report", 3, std::string(64, 'A'), {}); },
+       "crash_ticket: Upload capability is invalid"},
+      {[&] { local.upload_report("r", dir / "link", 3, token, {}); },
+       "crash_changed: Frozen upload snapshot is invalid"},
+      {[&] { local.upload_report("r", dir / "report", 4, token, {}); },
+       "crash_changed: Frozen upload snapshot is invalid"},
+      {[&] { local.download_into("a", whole, 4, {}, {}, {}); },
+       "download_range: Download cursor differs from the recorded prefix"},
+      {[&] { Stub().download_into("a", empty, 0, {}, {}, {}); },
+       "download_resume_unsupported: This transport cannot resume target downloads"},
+      {with_budget(11, false, std::chrono::seconds(9)),
+       "discovery_budget: Optional update check exhausted its response budget"},
       {with_budget(0, true, std::chrono::seconds(9)), "cancelled: Optional update check cancelled"},
-      {with_budget(0, false, std::chrono::seconds(31)), "discovery_timeout: Optional update check exhausted its time budget"},
+      {with_budget(0, false, std::chrono::seconds(31)),
+       "discovery_timeout: Optional update check exhausted its time budget"},
   };
-  for (std::size_t index = 0; index < rows.size(); ++index) EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
+  for (std::size_t index = 0; index < rows.size(); ++index)
+    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
   EXPECT_EQ(HttpsTransport("https://h:8", {}, 0, nullptr).base_url(), "https://h:8/");
   EXPECT_EQ(HttpsTransport("https://h/a/b", {}, 0, nullptr).origin(), "https://h");
   EXPECT_EQ(quote_url("a b/c", true), "a%20b/c");
@@ -80,17 +90,21 @@ TEST(HttpsTransport, FetchesDownloadsAndResumesFromNginx) {
   TempDir root, dir;
   write_text(root / "file.bin", bytes);
   write_text(root / "empty", "");
-  HttpsServer server(root.path(), R"(if ($request_uri = "/a%2Fb") { return 200 "encoded"; } location = /moved { return 302 /file.bin; })");
+  HttpsServer server(
+      root.path(),
+      R"(if ($request_uri = "/a%2Fb") { return 200 "encoded"; } location = /moved { return 302 /file.bin; })");
   HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, nullptr);
   EXPECT_EQ(transport.get("file.bin", 16777216).body, bytes);
   EXPECT_EQ(transport.get("missing", 1000).status, 404);
   EXPECT_EQ(transport.get_component("a/b", 100).body, "encoded");
-  EXPECT_EQ(outcome([&] { transport.get("file.bin", bytes.size() - 1); }), "size_limit: Server sent more than the authenticated size limit");
+  EXPECT_EQ(outcome([&] { transport.get("file.bin", bytes.size() - 1); }),
+            "size_limit: Server sent more than the authenticated size limit");
 
   std::vector<std::uint64_t> reported;
   transport.reservation_observer = [&](std::uint64_t limit, std::uint64_t size) { reported = {limit, size}; };
   std::uint64_t done = 0;
-  transport.download("file.bin", dir / "d/file", bytes.size() + 5, [&](std::uint64_t now, std::uint64_t) { return (done = now), true; });
+  transport.download("file.bin", dir / "d/file", bytes.size() + 5,
+                     [&](std::uint64_t now, std::uint64_t) { return (done = now), true; });
   EXPECT_EQ(read_text(dir / "d/file"), bytes);
   EXPECT_EQ(done, bytes.size());
   EXPECT_EQ(reported, (std::vector<std::uint64_t>{bytes.size() + 5, bytes.size() + 5}));
@@ -103,13 +117,15 @@ TEST(HttpsTransport, FetchesDownloadsAndResumesFromNginx) {
     EXPECT_FALSE(std::filesystem::exists(dir / "d/refused")) << path;  // nothing partial at a final name
   }
   EXPECT_EQ(outcome([&] { transport.get("moved", 1000); }), "redirect_rejected: Server redirects are not permitted");
-  EXPECT_EQ(outcome([&] { transport.download("file.bin", dir / "d/cancel", bytes.size(), [](auto...) { return false; }); }),
-            "cancelled: Transfer cancelled at a safe boundary");
+  EXPECT_EQ(
+      outcome([&] { transport.download("file.bin", dir / "d/cancel", bytes.size(), [](auto...) { return false; }); }),
+      "cancelled: Transfer cancelled at a safe boundary");
 
   AllocatedFile file = partial(dir / "part", 1000);
   std::string seen;
   bool restarted = false;
-  transport.download_into("file.bin", file, 1000, {}, [&](std::string_view data) { seen += data; }, [&] { restarted = true; });
+  transport.download_into(
+      "file.bin", file, 1000, {}, [&](std::string_view data) { seen += data; }, [&] { restarted = true; });
   file.finish(true);
   EXPECT_EQ(seen, bytes.substr(1000));
   EXPECT_FALSE(restarted);
@@ -117,7 +133,8 @@ TEST(HttpsTransport, FetchesDownloadsAndResumesFromNginx) {
   AllocatedFile nothing(dir / "nothing", 0, {});
   EXPECT_EQ(outcome([&] { transport.download_into("empty", nothing, 0, {}, {}, {}); }), "ok");
   AllocatedFile moved = partial(dir / "moved", 10);
-  EXPECT_EQ(outcome([&] { transport.download_into("moved", moved, 10, {}, {}, {}); }), "redirect_rejected: Server redirects are not permitted");
+  EXPECT_EQ(outcome([&] { transport.download_into("moved", moved, 10, {}, {}, {}); }),
+            "redirect_rejected: Server redirects are not permitted");
 }
 
 TEST(HttpsTransport, TrustsOnlyTheConfiguredAuthority) {
@@ -141,12 +158,14 @@ TEST(HttpsTransport, BudgetAllowsExactlyItsLimit) {
   TempDir root;
   write_text(root / "file.bin", bytes);
   HttpsServer server(root.path());
-  auto budget = std::make_shared<HttpsBudget>(HttpsBudget{steady_clock::now() + std::chrono::seconds(20), bytes.size(), 0, {}});
+  auto budget =
+      std::make_shared<HttpsBudget>(HttpsBudget{steady_clock::now() + std::chrono::seconds(20), bytes.size(), 0, {}});
   HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, budget);
   EXPECT_EQ(transport.get("file.bin", bytes.size()).body, bytes);
   EXPECT_EQ(budget->used, budget->limit);
   EXPECT_EQ(outcome([&] { transport.get("file.bin", bytes.size()); }),
-            "discovery_budget: Optional update check exhausted its response budget; use Check for updates for a complete check");
+            "discovery_budget: Optional update check exhausted its response budget; use Check for updates for a "
+            "complete check");
 }
 
 TEST(HttpsTransport, RefusesHostileServers) {
@@ -176,7 +195,9 @@ TEST(HttpsTransport, RefusesHostileServers) {
       continue;
     }
     AllocatedFile file = partial(dir / "f", row.offset);
-    EXPECT_EQ(outcome([&] { transport.download_into("f", file, row.offset, {}, {}, [&] { restarted = true; }); }), row.expected) << row.mode;
+    EXPECT_EQ(outcome([&] { transport.download_into("f", file, row.offset, {}, {}, [&] { restarted = true; }); }),
+              row.expected)
+        << row.mode;
     EXPECT_EQ(restarted, row.mode == "full");
     if (row.expected == "ok") {
       file.finish(true);
@@ -187,7 +208,8 @@ TEST(HttpsTransport, RefusesHostileServers) {
 
 TEST(HttpsTransport, StallEndsAtTheBudgetDeadline) {
   HostileServer server("stall", bytes);
-  auto budget = std::make_shared<HttpsBudget>(HttpsBudget{steady_clock::now() + std::chrono::milliseconds(1500), 1 << 20, 0, {}});
+  auto budget =
+      std::make_shared<HttpsBudget>(HttpsBudget{steady_clock::now() + std::chrono::milliseconds(1500), 1 << 20, 0, {}});
   HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, budget);
   EXPECT_EQ(outcome([&] { transport.get("f", bytes.size()); }),
             "discovery_timeout: Optional update check exhausted its time budget; use Check for updates when ready");
@@ -199,12 +221,18 @@ TEST(HttpsTransport, PostsJsonAndUploadsReports) {
   HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, nullptr);
   const HttpResponse posted = transport.post_json("ticket", {{"game", "x"}}, {});
   EXPECT_EQ(posted.status, 201);
-  EXPECT_EQ(parse_json(posted.body, 1000), parse_json(R"({"Authorization":null,"Content-Type":"application/json","Expect":null,"User-Agent":"Zorvi/0.1","sha256":")" +
-                                                digest(R"({"game":"x"})", "sha256") + "\"}", 1000));
+  EXPECT_EQ(
+      parse_json(posted.body, 1000),
+      parse_json(
+          R"({"Authorization":null,"Content-Type":"application/json","Expect":null,"User-Agent":"Zorvi/0.1","sha256":")" +
+              digest(R"({"game":"x"})", "sha256") + "\"}",
+          1000));
   write_text(dir / "report", bytes);
   const std::string token(64, 'c');
   std::uint64_t sent = 0;
-  EXPECT_EQ(transport.upload_report("report", dir / "report", bytes.size(), token, [&](std::uint64_t now, std::uint64_t) { return (sent = now), true; }), 201);
+  EXPECT_EQ(transport.upload_report("report", dir / "report", bytes.size(), token,
+                                    [&](std::uint64_t now, std::uint64_t) { return (sent = now), true; }),
+            201);
   EXPECT_EQ(sent, bytes.size());
 }
 

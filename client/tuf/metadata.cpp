@@ -78,8 +78,8 @@ void signatures_shape(const json& signatures) {
 
 void spec_version_shape(const json& value) {
   const std::string& version = text(value);
-  require(version.size() <= max_spec_version && std::regex_match(version, spec_version_pattern()),
-          "unsupported_spec", "A stable TUF 1.x[.y] specification version is required");
+  require(version.size() <= max_spec_version && std::regex_match(version, spec_version_pattern()), "unsupported_spec",
+          "A stable TUF 1.x[.y] specification version is required");
 }
 
 void root_shape(const json& body) {
@@ -96,8 +96,8 @@ void root_shape(const json& body) {
 void meta_shape(const json& body, std::string_view role) {
   const json& meta = body.at("meta");
   invalid(meta.is_object(), "Metadata references must be an object");
-  const bool described = role == "timestamp" ? meta.size() == 1 && meta.contains("snapshot.json")
-                                             : meta.contains("targets.json");
+  const bool described =
+      role == "timestamp" ? meta.size() == 1 && meta.contains("snapshot.json") : meta.contains("targets.json");
   invalid(described, "Timestamp must describe only snapshot.json; snapshot must describe targets.json");
   for (const json& description : meta) {
     invalid(description.is_object() && description.contains("version"), "Metadata reference must contain a version");
@@ -133,10 +133,10 @@ void selector_shape(const json& role) {
   for (const json& element : selector) {
     invalid(element.is_string(), "Delegation selector must contain strings");
     const std::string& value = text(element);
-    if (by_paths)
-      require(value.size() <= max_path_pattern, "size_limit", "Delegation pattern exceeds path limit");
+    if (by_paths) require(value.size() <= max_path_pattern, "size_limit", "Delegation pattern exceeds path limit");
     else
-      invalid(!value.empty() && value.size() <= max_hash_prefix && is_lower_hex(value), "Invalid delegation hash prefix");
+      invalid(!value.empty() && value.size() <= max_hash_prefix && is_lower_hex(value),
+              "Invalid delegation hash prefix");
   }
 }
 
@@ -162,8 +162,8 @@ void targets_shape(const json& body) {
 }
 
 void key_shape(const json& key) {
-  const bool shaped = is_string_member(key, "keytype") && is_string_member(key, "scheme") &&
-                      key.contains("keyval") && is_string_member(key["keyval"], "public");
+  const bool shaped = is_string_member(key, "keytype") && is_string_member(key, "scheme") && key.contains("keyval") &&
+                      is_string_member(key["keyval"], "public");
   invalid(shaped, "Invalid signing key shape");
 }
 
@@ -240,7 +240,8 @@ bool pattern_class(std::string_view pattern, std::size_t open, PatternClass& res
     const bool range = k + 2 < body.size() && body[k + 1] == '-';
     const auto low = static_cast<signed char>(body[k]);
     const auto high = static_cast<signed char>(range ? body[k + 2] : body[k]);
-    // NOLINTNEXTLINE(bugprone-signed-char-misuse): signed on purpose, so a range never spans from ASCII into bytes of 0x80 and above
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): signed on purpose, so a range never spans from ASCII into bytes of
+    // 0x80 and above
     for (int c = low; c <= high; ++c) result.members[static_cast<unsigned char>(c)] = true;
     k += range ? 3 : 1;
   }
@@ -341,8 +342,8 @@ void verify_threshold(const json& document, const json& keys, const json& role) 
 std::uint64_t length(const json& file) {
   invalid(file.is_object() && file.contains("length"), "File description must contain a length");
   const json& value = file["length"];
-  require(value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() >= 0),
-          "invalid_length", "Length must be a nonnegative integer");
+  require(value.is_number_unsigned() || (value.is_number_integer() && value.get<std::int64_t>() >= 0), "invalid_length",
+          "Length must be a nonnegative integer");
   return value.get<std::uint64_t>();
 }
 
@@ -354,9 +355,9 @@ std::int64_t parse_tuf_time(std::string_view value) {
   const unsigned hour = time_field(value, 11, 2);
   const unsigned minute = time_field(value, 14, 2);
   const unsigned second = time_field(value, 17, 2);
-  require(month >= 1 && month <= 12 && day >= 1 && day <= last_day(year, month) && hour < 24 && minute < 60 &&
-              second < 60,
-          "invalid_expiry", "Invalid UTC calendar time");
+  require(
+      month >= 1 && month <= 12 && day >= 1 && day <= last_day(year, month) && hour < 24 && minute < 60 && second < 60,
+      "invalid_expiry", "Invalid UTC calendar time");
   const std::int64_t seconds = (static_cast<std::int64_t>(hour) * 60 + minute) * 60 + second;
   return days_from_civil(year, month, day) * microseconds_per_day + seconds * microseconds_per_second +
          fraction_microseconds(value);

@@ -39,7 +39,8 @@ void check_resume_state(const json& state, std::string_view temporary) {
                      state.at("schema_version").is_number_integer() && state.at("schema_version") == 1 &&
                      state.contains("kind") && state.at("kind") == "zorvi-target-resume" && text("target") &&
                      text("temporary") && state.at("temporary") == temporary && text("scope_sha256") &&
-                     is_lower_hex(state.at("scope_sha256").get_ref<const std::string&>(), 64) && text("prefix_sha256") &&
+                     is_lower_hex(state.at("scope_sha256").get_ref<const std::string&>(), 64) &&
+                     text("prefix_sha256") &&
                      is_lower_hex(state.at("prefix_sha256").get_ref<const std::string&>(), 64) &&
                      state.contains("received") && unsigned_at(state.at("received")) && state.contains("identity") &&
                      state.at("identity").is_array() && state.at("identity").size() == 2 &&
@@ -71,7 +72,7 @@ struct Marker {
 // One resumable transfer of a target into a staging file beside its final
 // name, with a marker that records how many bytes are durable and their hash.
 class ResumableTarget {
-public:
+ public:
   ResumableTarget(const std::filesystem::path& destination, std::string target, const json& file,
                   const std::filesystem::path& final_path, const TufDownloadOptions& options, const Progress& progress,
                   const TargetObserver& observer)
@@ -87,10 +88,8 @@ public:
         digest_(std::make_unique<DigestState>("sha256")) {}
 
   void run(Transport& transport, const std::string& remote, const std::string& staging) {
-    if (std::optional<Marker> marker = scan())
-      resume(*marker);
-    else
-      start(staging);
+    if (std::optional<Marker> marker = scan()) resume(*marker);
+    else start(staging);
     try {
       transfer(transport, remote);
     } catch (const Error& error) {
@@ -100,7 +99,7 @@ public:
     notify("complete", "");
   }
 
-private:
+ private:
   std::filesystem::path join(const std::string& name) const { return safe_join(destination_, name, false); }
 
   void notify(std::string_view event, std::string_view name) const {

@@ -1,6 +1,6 @@
 #include <csignal>
-#include <fstream>
 #include <cstdlib>
+#include <fstream>
 #include <random>
 #include <thread>
 
@@ -45,7 +45,9 @@ TEST(ResumableDownload, AnAttemptGoesOnFromTheLastProvenCheckpoint) {
   EXPECT_GE(kept, 9u << 20);
   // Kept bytes changed on disk are refused, and nothing is removed.
   const std::filesystem::path partial = marker_in(repository.out / "a").replace_extension().replace_extension();
-  const auto poke = [&](char byte) { std::fstream(partial, std::ios::in | std::ios::out | std::ios::binary).seekp(1000).put(byte); };
+  const auto poke = [&](char byte) {
+    std::fstream(partial, std::ios::in | std::ios::out | std::ios::binary).seekp(1000).put(byte);
+  };
   const char original = read_text(partial)[1000];
   poke(static_cast<char>(~original));
   const std::string before = tree_state(repository.out);
@@ -66,7 +68,9 @@ TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
   repository.run("target empty.bin 0");
   TufClient client = repository.client();
   std::string events;
-  const TargetObserver observer = [&](std::string_view event, const json&, std::string_view) { events += std::string(event) + " "; };
+  const TargetObserver observer = [&](std::string_view event, const json&, std::string_view) {
+    events += std::string(event) + " ";
+  };
   client.download("empty.bin", repository.out, {}, observer, {"game", {}});
   write_text(repository.out / "file0.bin", "wrong");
   client.download("file0.bin", repository.out, {}, observer, {});
@@ -83,8 +87,10 @@ TEST(ResumableDownload, Failures) {
   const auto get = [&](const std::string& scope, const Progress& progress = {}) {
     return outcome([&] { client.download("file0.bin", repository.out, progress, {}, {scope, {}}); });
   };
-  const std::filesystem::path served = repository.repo / "targets/file0.bin", foreign = repository.out / "file0.bin.x.partial.resume.json";
-  const std::string original = read_text(served), mismatch = "hash_mismatch: Target hash does not match signed metadata";
+  const std::filesystem::path served = repository.repo / "targets/file0.bin",
+                              foreign = repository.out / "file0.bin.x.partial.resume.json";
+  const std::string original = read_text(served),
+                    mismatch = "hash_mismatch: Target hash does not match signed metadata";
   EXPECT_EQ(get(std::string(4097, 's')), "size_limit: Download resume scope exceeds its bounded contract");
   write_text(served, original + "!");
   EXPECT_EQ(get("s"), "length_mismatch: Server length differs from the authenticated download bound");
@@ -97,9 +103,13 @@ TEST(ResumableDownload, Failures) {
   EXPECT_EQ(get("s"), "download_resume_state: Unknown resume filename was preserved");
   const std::filesystem::path marker = repository.out / ("file0.bin." + std::string(32, 'a') + ".partial.resume.json");
   std::filesystem::rename(foreign, marker);
-  EXPECT_EQ(get("s"), "download_resume_state: Unknown partial-download state was preserved; clear the disposable cache to retry");
-  write_text(marker, R"({"schema_version":1,"kind":"zorvi-target-resume","target":"file0.bin","temporary":"file0.bin.)" + std::string(32, 'a') +
-                         R"(.partial","scope_sha256":")" + std::string(64, '0') + R"(","prefix_sha256":")" + std::string(64, '0') + R"(","received":0,"identity":[0,0],"authorisation":{}})");
+  EXPECT_EQ(get("s"),
+            "download_resume_state: Unknown partial-download state was preserved; clear the disposable cache to retry");
+  write_text(marker,
+             R"({"schema_version":1,"kind":"zorvi-target-resume","target":"file0.bin","temporary":"file0.bin.)" +
+                 std::string(32, 'a') + R"(.partial","scope_sha256":")" + std::string(64, '0') +
+                 R"(","prefix_sha256":")" + std::string(64, '0') +
+                 R"(","received":0,"identity":[0,0],"authorisation":{}})");
   EXPECT_EQ(get("s"), "download_resume_state: Malformed partial-download state was preserved");
   std::filesystem::remove_all(repository.out);
   const auto meddle = [&](std::uint64_t done, std::uint64_t total) {
@@ -109,7 +119,8 @@ TEST(ResumableDownload, Failures) {
   EXPECT_EQ(get("m", meddle), "download_resume_changed: Resume marker changed before checkpoint");
   std::filesystem::remove_all(repository.out);
   // Markers of other scopes are counted; at 32 only a matching one lets a download go on.
-  for (int scope = 0; scope < 32; ++scope) EXPECT_EQ(get(std::to_string(scope), stop_at(0)), "cancelled: Transfer cancelled at a safe boundary");
+  for (int scope = 0; scope < 32; ++scope)
+    EXPECT_EQ(get(std::to_string(scope), stop_at(0)), "cancelled: Transfer cancelled at a safe boundary");
   EXPECT_EQ(get("other"), "download_resume_capacity: Retained partial downloads reached their capacity");
   EXPECT_EQ(get("7"), "ok");
 }
@@ -124,8 +135,9 @@ TEST(ResumableDownload, SurvivesKillsOverHttps) {
   // The last round's server ignores ranges, so the resume starts again from byte 0.
   for (int round = 0; round <= rounds; ++round) {
     if (round == rounds) repository.serve("max_ranges 0;");
-    ProgramChild child("tuf_fetch", {repository.trust.string(), repository.server->base_url(),
-                                     repository.server->ca_bundle().string(), repository.out.string(), "big.bin", "16777216"});
+    ProgramChild child(
+        "tuf_fetch", {repository.trust.string(), repository.server->base_url(), repository.server->ca_bundle().string(),
+                      repository.out.string(), "big.bin", "16777216"});
     if (round < rounds) {
       std::this_thread::sleep_for(std::chrono::milliseconds(200 + random() % 800));
       child.kill(SIGKILL);

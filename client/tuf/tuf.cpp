@@ -233,8 +233,8 @@ void TufClient::load_selected_metadata() {
   const std::optional<json> stored = local("snapshot");
   const json& keys = root_.at("signed").at("keys");
   const json& roles = root_.at("signed").at("roles");
-  json fresh = load_role("snapshot", timestamp_.at("signed").at("meta").at("snapshot.json"), keys,
-                         roles.at("snapshot"), "snapshot");
+  json fresh = load_role("snapshot", timestamp_.at("signed").at("meta").at("snapshot.json"), keys, roles.at("snapshot"),
+                         "snapshot");
   if (stored) require_no_role_rollback(*stored, fresh);
   // Only a snapshot that passed the rollback check is ever stored.
   if (pending_snapshot_) {
@@ -242,8 +242,8 @@ void TufClient::load_selected_metadata() {
     pending_snapshot_.reset();
   }
   snapshot_ = std::move(fresh);
-  targets_ = load_role("targets", snapshot_.at("signed").at("meta").at("targets.json"), keys, roles.at("targets"),
-                       "targets");
+  targets_ =
+      load_role("targets", snapshot_.at("signed").at("meta").at("targets.json"), keys, roles.at("targets"), "targets");
   loaded_ = true;
 }
 
@@ -278,7 +278,7 @@ void TufClient::forget_checked_roles() {
 }
 
 json TufClient::remembered_role(std::string_view role, std::string bytes, const json& description, const json& keys,
-                               const json& authority, std::string_view type) {
+                                const json& authority, std::string_view type) {
   if (const auto known = checked_.find(role); known != checked_.end()) {
     const CheckedRole& last = known->second;
     if (last.bytes == bytes && last.now == now_ && last.type == type && last.description == description &&
@@ -317,10 +317,8 @@ json TufClient::load_role(std::string_view role, const json& description, const 
   HttpResponse response = metadata_transport_.get_component(name, limit);
   require(response.status == 200, "http_status", "Could not download metadata for role " + std::string(role));
   json document = checked_role(response.body, description, keys, authority, type);
-  if (role == "snapshot")
-    pending_snapshot_ = std::move(response.body);
-  else
-    atomic_write(cache, response.body);
+  if (role == "snapshot") pending_snapshot_ = std::move(response.body);
+  else atomic_write(cache, response.body);
   return document;
 }
 

@@ -49,7 +49,7 @@ using TargetObserver = std::function<void(std::string_view event, const json& fi
 // what the repository authorises at a target path. One client per directory
 // across all processes: it holds the directory's lock for its whole life.
 class TufClient {
-public:
+ public:
   // Installs the first trusted root in an uninitialised directory.
   static void initialize(const std::filesystem::path& directory, std::string_view root);
 
@@ -80,7 +80,7 @@ public:
   const json& snapshot() const { return snapshot_; }
   const json& targets() const { return targets_; }
 
-private:
+ private:
   std::int64_t now_micros() const;
   void update_root();
   bool take_timestamp(json fresh, const std::string& bytes);

@@ -40,7 +40,8 @@ TEST(TufClient, DelegationSearchFollowsLevelsAndStopsAtTerminatingRoles) {
   EXPECT_EQ(client.target("y/c.bin").at("length"), 8);
   // "a" is terminating and claims x/*, so "c" is never asked; "a" lists y/stray.bin outside its paths.
   for (const std::string path : {"x/other.bin", "y/stray.bin"})
-    EXPECT_EQ(outcome([&] { client.target(path); }), "target_not_found: Target is not authorized by the repository: " + path);
+    EXPECT_EQ(outcome([&] { client.target(path); }),
+              "target_not_found: Target is not authorized by the repository: " + path);
 }
 
 TEST(TufClient, AttacksAreRefusedWithNothingNewTrusted) {
@@ -71,7 +72,7 @@ TEST(TufClient, RootRotationsKeepOrClearOnlineStateAndResumeAfterACrash) {
   TufRepository repository("targets=1");
   repository.client().refresh();
   const auto inode = [&] {
-    struct stat status {};
+    struct stat status{};
     return ::stat((repository.trust / "timestamp.json").c_str(), &status) == 0 ? status.st_ino : 0;
   };
   const ino_t kept = inode();
@@ -96,10 +97,12 @@ TEST(TufClient, RootRotationsKeepOrClearOnlineStateAndResumeAfterACrash) {
 TEST(TufClient, Failures) {
   TufRepository repository("roles=1 targets=1");
   const auto refresh = [&](const std::string& name, int status, std::uint64_t delegations = 8) {
-    repository.serve(name.empty() ? "" : "location = /metadata/" + name + " { return " + std::to_string(status) + "; }");
+    repository.serve(name.empty() ? ""
+                                  : "location = /metadata/" + name + " { return " + std::to_string(status) + "; }");
     return outcome([&] { repository.client(8, delegations).target("set0/file0.bin"); });
   };
-  EXPECT_EQ(outcome([&] { TufClient::initialize(repository.trust, "{}"); }), "already_initialized: Trusted root is already initialized");
+  EXPECT_EQ(outcome([&] { TufClient::initialize(repository.trust, "{}"); }),
+            "already_initialized: Trusted root is already initialized");
   EXPECT_EQ(refresh("2.root.json", 500), "http_status: Could not download next trusted root");
   EXPECT_EQ(refresh("snapshot.json", 404), "http_status: Could not download metadata for role snapshot");
   EXPECT_EQ(refresh("2.root.json", 403, 1), "delegation_limit: Repository delegation limit reached");
@@ -110,19 +113,26 @@ TEST(TufClient, Failures) {
     const auto visit = [&](const json& role) {
       std::set<std::string> visited;
       bool stop = false;
-      const json document = {{"signed", {{"targets", json::object()}, {"delegations", {{"keys", json::object()}, {"roles", json::array({role})}}}}}};
+      const json document = {
+          {"signed",
+           {{"targets", json::object()}, {"delegations", {{"keys", json::object()}, {"roles", json::array({role})}}}}}};
       return outcome([&] { client.visit("p", "targets", document, visited, stop); });
     };
-    EXPECT_EQ(visit({{"name", "ghost"}, {"paths", {"*"}}, {"terminating", false}}), "missing_role: Delegated role is absent from the authenticated snapshot");
-    EXPECT_EQ(visit({{"name", "ghost"}, {"path_hash_prefixes", {"AB"}}, {"terminating", false}}), "invalid_metadata: Invalid delegation hash prefix");
+    EXPECT_EQ(visit({{"name", "ghost"}, {"paths", {"*"}}, {"terminating", false}}),
+              "missing_role: Delegated role is absent from the authenticated snapshot");
+    EXPECT_EQ(visit({{"name", "ghost"}, {"path_hash_prefixes", {"AB"}}, {"terminating", false}}),
+              "invalid_metadata: Invalid delegation hash prefix");
     write_text(repository.trust / "snapshot.json", "{");
-    EXPECT_EQ(outcome([&] { client.local("snapshot"); }), "invalid_trusted_metadata: Stored snapshot metadata is malformed; preserve and restore trusted state");
+    EXPECT_EQ(outcome([&] { client.local("snapshot"); }),
+              "invalid_trusted_metadata: Stored snapshot metadata is malformed; preserve and restore trusted state");
   }
   write_text(repository.trust / "snapshot.json", R"({"signed":{}})");  // parses, but no meta to compare against
-  EXPECT_EQ(outcome([&] { repository.client().target("set0/file0.bin"); }), "invalid_trusted_metadata: Stored snapshot metadata is malformed; preserve and restore trusted state");
+  EXPECT_EQ(outcome([&] { repository.client().target("set0/file0.bin"); }),
+            "invalid_trusted_metadata: Stored snapshot metadata is malformed; preserve and restore trusted state");
   repository.run("rotate timestamp");
   repository.run("rotate timestamp");
-  std::filesystem::copy_file(repository.repo / "metadata/3.root.json", repository.repo / "metadata/2.root.json", std::filesystem::copy_options::overwrite_existing);
+  std::filesystem::copy_file(repository.repo / "metadata/3.root.json", repository.repo / "metadata/2.root.json",
+                             std::filesystem::copy_options::overwrite_existing);
   EXPECT_EQ(refresh("", 0), "rollback: Root version is not exactly the next version");
 }
 

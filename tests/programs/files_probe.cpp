@@ -46,9 +46,16 @@ int main(int argc, char** argv) {
       {"private_directory", [](auto& path, auto&) { zorvi::private_directory(path); }},
       {"commit", [](auto& first, auto& second) { zorvi::commit_private_path_new(first, second, {}); }},
       {"exchange", [](auto& first, auto& second) { zorvi::exchange_private_directories(first, second, {}); }},
-      {"hold_lock", [](auto& path, auto& mode) { zorvi::FileLock lock(path, false, lock_mode(mode)); hold(); }},
+      {"hold_lock",
+       [](auto& path, auto& mode) {
+         zorvi::FileLock lock(path, false, lock_mode(mode));
+         hold();
+       }},
       {"hold_native_lock",
-       [](auto& path, auto& mode) { zorvi::NativeFileLock lock(path, true, {}, lock_mode(mode)); hold(); }},
+       [](auto& path, auto& mode) {
+         zorvi::NativeFileLock lock(path, true, {}, lock_mode(mode));
+         hold();
+       }},
   };
   if (args.size() == 3 && args[0] == "loop") {
     std::cout << "ready" << std::endl;

@@ -20,11 +20,16 @@ using namespace zorvi;
 
 struct Install {
   SnapshotManifest manifest;
-  fs::path home, versions = home / "versions", staging = home / "staging/1.0.0", destination = versions / "1.0.0", operation = home / "operation";
-  json reference = {{"version", "1.0.0"}, {"build_id", manifest.build_id}, {"manifest_ref", digest(manifest.document.dump(), "sha256")}, {"manifest_target", "game.json"}};
+  fs::path home, versions = home / "versions", staging = home / "staging/1.0.0", destination = versions / "1.0.0",
+                 operation = home / "operation";
+  json reference = {{"version", "1.0.0"},
+                    {"build_id", manifest.build_id},
+                    {"manifest_ref", digest(manifest.document.dump(), "sha256")},
+                    {"manifest_target", "game.json"}};
 
   json load(const char* name, bool ready) const {
-    return entry_present(operation / name) ? parse_install_document(read_file(operation / name, 1 << 17), ready) : json();
+    return entry_present(operation / name) ? parse_install_document(read_file(operation / name, 1 << 17), ready)
+                                           : json();
   }
   // The preparation goes first: a ready document alone still proves the tree.
   void finish() const {
@@ -44,7 +49,8 @@ struct Install {
     json preparation = make_install_preparation(manifest, reference, versions);
     atomic_write(operation / "preparation.json", preparation.dump());
     const ReservedTree tree(manifest, staging, {}, [&](const DirectoryIdentity& identity) {
-      atomic_write(operation / "preparation.json", (preparation = record_install_preparation(preparation, identity)).dump());
+      atomic_write(operation / "preparation.json",
+                   (preparation = record_install_preparation(preparation, identity)).dump());
     });
     extract_snapshot(manifest, archive, staging, {}, &tree);
     if (until == "prepared") return;

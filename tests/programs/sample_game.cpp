@@ -22,8 +22,13 @@ static std::string setting(const char* name, const char* fallback) {
 
 int main() {
   const std::string session = setting("ZORVI_SAMPLE_GAME_SESSION", "session");
-  zorvi::json record = {{"schema_version", 1}, {"session_id", session}, {"nonce", "nonce"}, {"game_id", "sample-game"},
-                        {"build_id", "1.0.0"}, {"pid", ::getpid()}, {"breadcrumbs", {{{"category", "sample"}, {"message", "started"}}}},
+  zorvi::json record = {{"schema_version", 1},
+                        {"session_id", session},
+                        {"nonce", "nonce"},
+                        {"game_id", "sample-game"},
+                        {"build_id", "1.0.0"},
+                        {"pid", ::getpid()},
+                        {"breadcrumbs", {{{"category", "sample"}, {"message", "started"}}}},
                         {"attachments", {{{"kind", "log"}, {"path", "logs/game.log"}}}}};
   int sequence = 0;
   for (const std::string state : {"starting", "ready", "clean_exit"}) {

@@ -40,7 +40,7 @@ void shell(const std::string& command);
 // A program from tests/programs run as a child and read line by line; it is
 // killed when the object goes.
 class ProgramChild {
-public:
+ public:
   ProgramChild(const std::string& program, const std::vector<std::string>& args);
   ~ProgramChild();
   ProgramChild(const ProgramChild&) = delete;
@@ -53,7 +53,7 @@ public:
   // Exit status, or 128 + signal number.
   int wait();
 
-private:
+ private:
   pid_t pid_ = -1;
   int output_ = -1;
   int status_ = -1;

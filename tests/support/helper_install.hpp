@@ -22,7 +22,7 @@ using Environment = std::map<std::string, std::string>;
 //   <dir>/Zorvi Data/native/bootstrap/bin/ZorviShortcut.app/Contents/MacOS/zorvi-shortcut
 //   <dir>/Zorvi Data/launcher/installation.json
 class HelperInstall {
-public:
+ public:
   // `built` names the helper build to install: the shipped one, or its test
   // build that also takes several documents from the environment. The
   // launcher state names one version in the field `launcher` ("active",
@@ -50,14 +50,14 @@ public:
   // here, the sanitizers' settings), with `extra` on top.
   Environment environment(const Environment& extra = {}) const;
 
-private:
+ private:
   TempDir dir_;
 };
 
 // A program run as a child with exactly `environment`, its standard output
 // and error captured together.
 class HelperProcess {
-public:
+ public:
   HelperProcess(const std::filesystem::path& program, const std::vector<std::string>& arguments,
                 const Environment& environment);
   ~HelperProcess();
@@ -71,7 +71,7 @@ public:
   void signal(int number);
   std::string err() const;
 
-private:
+ private:
   TempDir scratch_;
   pid_t pid_ = -1;
   int status_ = -1;

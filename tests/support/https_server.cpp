@@ -61,9 +61,10 @@ pid_t start(const std::vector<std::string>& argv, const std::filesystem::path& l
   for (int attempt = 0; attempt < 400; ++attempt) {
     if (::waitpid(pid, nullptr, WNOHANG) != 0) throw std::runtime_error(argv[0] + " ended: " + read_text(log));
     const std::vector<std::string> probe =
-        ca.empty() ? std::vector<std::string>{"curl", "-s", "-o", "/dev/null", "http://" + peer + "/"}
-                   : std::vector<std::string>{"openssl", "s_client", "-connect", peer, "-CAfile", ca.string(),
-                                              "-verify_return_error", "-brief"};
+        ca.empty()
+            ? std::vector<std::string>{"curl", "-s", "-o", "/dev/null", "http://" + peer + "/"}
+            : std::vector<std::string>{
+                  "openssl", "s_client", "-connect", peer, "-CAfile", ca.string(), "-verify_return_error", "-brief"};
     if (run_command(probe).status == 0) return pid;
     std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
@@ -77,12 +78,18 @@ TestCertificates::TestCertificates(const std::filesystem::path& directory)
     : ca(directory / "ca.pem"), certificate(directory / "server.pem"), key(directory / "server.key") {
   const std::string ca_key = (directory / "ca.key").string();
   const std::vector<std::string> ec{"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days", "2"};
-  std::vector<std::string> authority{"req", "-x509", "-keyout", ca_key, "-out", ca.string(), "-subj", "/CN=Zorvi Test CA"};
+  std::vector<std::string> authority{"req",  "-x509",     "-keyout", ca_key,
+                                     "-out", ca.string(), "-subj",   "/CN=Zorvi Test CA"};
   authority.insert(authority.end(), ec.begin(), ec.end());
   openssl(authority);
-  std::vector<std::string> server{"req", "-x509", "-CA", ca.string(), "-CAkey", ca_key, "-keyout", key.string(),
-                                  "-out", certificate.string(), "-subj", "/CN=127.0.0.1",
-                                  "-addext", "subjectAltName=IP:127.0.0.1", "-addext", "basicConstraints=CA:FALSE"};
+  std::vector<std::string> server{"req",     "-x509",
+                                  "-CA",     ca.string(),
+                                  "-CAkey",  ca_key,
+                                  "-keyout", key.string(),
+                                  "-out",    certificate.string(),
+                                  "-subj",   "/CN=127.0.0.1",
+                                  "-addext", "subjectAltName=IP:127.0.0.1",
+                                  "-addext", "basicConstraints=CA:FALSE"};
   server.insert(server.end(), ec.begin(), ec.end());
   openssl(server);
 }
@@ -96,14 +103,23 @@ pid_t start_nginx(const TempDir& dir, const std::filesystem::path& root, int por
   std::filesystem::create_directory(dir / "temp");
   write_text(dir / "nginx.conf",
              "daemon off; master_process off; user root; worker_processes 1;\n"
-             "pid " + prefix + "/nginx.pid; error_log " + prefix + "/error.log;\n"
-             "events { worker_connections 64; }\n"
-             "http { access_log off; default_type application/octet-stream;\n"
-             "  client_body_temp_path " + prefix + "/temp; proxy_temp_path " + prefix + "/temp;\n"
-             "  fastcgi_temp_path " + prefix + "/temp; uwsgi_temp_path " + prefix + "/temp;\n"
-             "  scgi_temp_path " + prefix + "/temp;\n"
-             "  server { listen 127.0.0.1:" + std::to_string(port) + std::string(listen_options) +
-                 "; root " + root.string() + ";\n    " + std::string(server_config) + "\n  }\n}\n");
+             "pid " +
+                 prefix + "/nginx.pid; error_log " + prefix +
+                 "/error.log;\n"
+                 "events { worker_connections 64; }\n"
+                 "http { access_log off; default_type application/octet-stream;\n"
+                 "  client_body_temp_path " +
+                 prefix + "/temp; proxy_temp_path " + prefix +
+                 "/temp;\n"
+                 "  fastcgi_temp_path " +
+                 prefix + "/temp; uwsgi_temp_path " + prefix +
+                 "/temp;\n"
+                 "  scgi_temp_path " +
+                 prefix +
+                 "/temp;\n"
+                 "  server { listen 127.0.0.1:" +
+                 std::to_string(port) + std::string(listen_options) + "; root " + root.string() + ";\n    " +
+                 std::string(server_config) + "\n  }\n}\n");
   return start({"/usr/sbin/nginx", "-p", prefix, "-c", prefix + "/nginx.conf", "-e", prefix + "/error.log"},
                dir / "nginx.out", port, ca);
 }

@@ -21,7 +21,7 @@ struct TestCertificates {
 // nginx serving `root` over HTTPS on 127.0.0.1 on a free port, with a fresh
 // test CA made by the openssl command; stopped by its pid in the destructor.
 class HttpsServer {
-public:
+ public:
   explicit HttpsServer(const std::filesystem::path& root, std::string_view extra_server_config = {});
   ~HttpsServer();
   HttpsServer(const HttpsServer&) = delete;
@@ -31,7 +31,7 @@ public:
   std::filesystem::path ca_bundle() const;  // PEM of the test CA
   int pid() const;
 
-private:
+ private:
   TempDir dir_;
   TestCertificates certificates_;
   int port_ = 0;
@@ -41,7 +41,7 @@ private:
 // nginx serving `root` over plain HTTP on 127.0.0.1, for clients of outside
 // test suites, which serve no TLS.
 class HttpServer {
-public:
+ public:
   explicit HttpServer(const std::filesystem::path& root);
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
@@ -49,7 +49,7 @@ public:
 
   std::string base_url() const;  // "http://127.0.0.1:PORT/"
 
-private:
+ private:
   TempDir dir_;
   int port_ = 0;
   pid_t pid_ = -1;
@@ -58,7 +58,7 @@ private:
 // tests/hostile_https_server.py answering every GET with `content` in one
 // misbehaviour (its modes are listed in the script) and echoing every POST.
 class HostileServer {
-public:
+ public:
   HostileServer(const std::string& mode, std::string_view content);
   ~HostileServer();
   HostileServer(const HostileServer&) = delete;
@@ -67,7 +67,7 @@ public:
   std::string base_url() const;
   std::filesystem::path ca_bundle() const;
 
-private:
+ private:
   TempDir dir_;
   TestCertificates certificates_;
   int port_ = 0;

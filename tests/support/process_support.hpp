@@ -12,7 +12,6 @@ namespace zorvi::testing {
 // The test child program (tests/programs/process_probe.cpp).
 std::filesystem::path probe_path();
 
-
 // Runs `work` in a forked copy of this process and gives back the text it
 // returned (or "exception: what()"), so that a test can change identity,
 // environment or signals without touching the test process itself.

@@ -5,8 +5,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "client/domain/crypto.hpp"
 #include "client/domain/bootstrap_contract.hpp"
+#include "client/domain/crypto.hpp"
 #include "client/domain/launcher_contract.hpp"
 #include "client/domain/snapshot.hpp"
 #include "client/platform/native_platform.hpp"
@@ -43,15 +43,22 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
   write_text(tree / "build-id", build + "\n");
   if (padding > 0) {
     fs::create_directories(tree / "data");
-    run_python("import os, sys\nfor i in range(int(sys.argv[2])):\n"
-               "    open(os.path.join(sys.argv[1], 'data%04d' % i), 'wb').write(os.urandom(int(sys.argv[3])))",
-               {(tree / "data").string(), std::to_string(padding), std::to_string(padding_bytes / padding)});
+    run_python(
+        "import os, sys\nfor i in range(int(sys.argv[2])):\n"
+        "    open(os.path.join(sys.argv[1], 'data%04d' % i), 'wb').write(os.urandom(int(sys.argv[3])))",
+        {(tree / "data").string(), std::to_string(padding), std::to_string(padding_bytes / padding)});
   }
   pack_tree(tree, archive);
   json document = python_manifest(tree, archive);
-  document.update({{"kind", "zorvi-launcher-release"}, {"build_id", build}, {"bootstrap_abi", 1}, {"health_abi", 1},
-                   {"staging_abi", 1}, {"runtime_lease_abi", 2}, {"console_interrupt_abi", 1},
-                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}}, {"gui_executable", "bin/zorvi-gui"},
+  document.update({{"kind", "zorvi-launcher-release"},
+                   {"build_id", build},
+                   {"bootstrap_abi", 1},
+                   {"health_abi", 1},
+                   {"staging_abi", 1},
+                   {"runtime_lease_abi", 2},
+                   {"console_interrupt_abi", 1},
+                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+                   {"gui_executable", "bin/zorvi-gui"},
                    {"runtime_helpers", helpers}});
   // Flat, so that the archive can also travel in an initial package.
   document["archive"]["target"] = "launcher-" + build + ".tar.zst";
@@ -65,25 +72,32 @@ void SampleRelease::publish(const TufRepository& repository) const {
 
 SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std::string& build_id,
                                                const std::string& image)
-    : build(build_id), tree(folder / ("bootstrap-tree-" + build_id)), archive(folder / ("bootstrap-" + build_id + ".tar.zst")) {
+    : build(build_id),
+      tree(folder / ("bootstrap-tree-" + build_id)),
+      archive(folder / ("bootstrap-" + build_id + ".tar.zst")) {
   const fs::path shortcut = tree / bootstrap_shortcut_executable;
   fs::create_directories(shortcut.parent_path());
   run_command({"strip", "-o", tree / bootstrap_executable_posix, binary_dir() / image});
   write_text(tree / ("build-" + build), build + "\n");
   run_command({"strip", "-o", shortcut, binary_dir() / "zorvi-shortcut"});
-  fs::permissions(shortcut, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+  fs::permissions(shortcut,
+                  fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
   // The bundle's metadata, without which no shortcut to the installation is made.
   write_text(tree / bootstrap_shortcut_info_plist, "<plist version=\"1.0\"><dict/></plist>\n");
   pack_tree(tree, archive);
   json document = python_manifest(tree, archive);
-  document.update({{"kind", bootstrap_release_kind}, {"build_id", build}, {"bootstrap_abi", 1},
-                   {"runtime_lease_abi", 1}, {"application_schema", {{"minimum", 1}, {"maximum", 1}}}});
+  document.update({{"kind", bootstrap_release_kind},
+                   {"build_id", build},
+                   {"bootstrap_abi", 1},
+                   {"runtime_lease_abi", 1},
+                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}}});
   document["archive"]["target"] = "bootstrap-" + build + ".tar.zst";
   manifest = document.dump();
 }
 
 void SampleBootstrapRelease::publish(const TufRepository& repository) const {
-  publish_release(repository, "bootstrap-" + build, archive, "bootstrap-" + native_platform() + ".manifest.json", manifest);
+  publish_release(repository, "bootstrap-" + build, archive, "bootstrap-" + native_platform() + ".manifest.json",
+                  manifest);
 }
 
 BootstrapInstall::BootstrapInstall() {
@@ -91,7 +105,9 @@ BootstrapInstall::BootstrapInstall() {
   fs::copy_file(binary_dir() / "zorvi-bootstrap", bootstrap);
 }
 
-void BootstrapInstall::seed(const SampleRelease& release) const { store.seed_initial(release.manifest, release.archive, {}); }
+void BootstrapInstall::seed(const SampleRelease& release) const {
+  store.seed_initial(release.manifest, release.archive, {});
+}
 
 CommandResult BootstrapInstall::start(const std::vector<std::string>& arguments, const std::string& mode,
                                       const std::map<std::string, std::string>& extra) const {
@@ -102,7 +118,8 @@ CommandResult BootstrapInstall::start(const std::vector<std::string>& arguments,
   return run_command(argv);
 }
 
-CommandResult BootstrapInstall::stage(const TufRepository& repository, const std::vector<std::string>& variables) const {
+CommandResult BootstrapInstall::stage(const TufRepository& repository,
+                                      const std::vector<std::string>& variables) const {
   std::vector<std::string> argv{"env", "ZORVI_SAMPLE_LAUNCHER_LOG=" + log.string()};
   argv.insert(argv.end(), variables.begin(), variables.end());
   argv.insert(argv.end(), {binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),

@@ -85,8 +85,8 @@ void write_tree(const std::filesystem::path& root, const std::vector<TreeFile>& 
   }
 }
 
-void pack_tree(const std::filesystem::path& root, const std::filesystem::path& archive,
-               const std::string& zstd_options, const std::string& tar_options) {
+void pack_tree(const std::filesystem::path& root, const std::filesystem::path& archive, const std::string& zstd_options,
+               const std::string& tar_options) {
   run_shell("cd " + quoted(root) +
             " && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../.files && tar --format=gnu --owner=0 --group=0 "
             "--numeric-owner --no-recursion " +
@@ -94,8 +94,7 @@ void pack_tree(const std::filesystem::path& root, const std::filesystem::path& a
             " && rm ../.files");
 }
 
-void compress(const std::filesystem::path& tar, const std::filesystem::path& archive,
-              const std::string& zstd_options) {
+void compress(const std::filesystem::path& tar, const std::filesystem::path& archive, const std::string& zstd_options) {
   run_shell("zstd -q -c " + zstd_options + " < " + quoted(tar) + " > " + quoted(archive));
 }
 
@@ -112,8 +111,8 @@ SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, st
   json entries = json::array();
   std::uint64_t total = 0;
   for (const auto& [path, length] : files) {
-    entries.push_back({{"path", path}, {"length", length}, {"mode", entries.empty() ? 493 : 420},
-                       {"sha256", std::string(64, '0')}});
+    entries.push_back(
+        {{"path", path}, {"length", length}, {"mode", entries.empty() ? 493 : 420}, {"sha256", std::string(64, '0')}});
     total += length;
   }
   return SnapshotManifest::parse({{"schema_version", 1},
@@ -134,8 +133,8 @@ void craft_tar(const std::filesystem::path& tar, const json& entries) {
 }
 
 CommandResult run_in_private_mounts(const std::string& script) {
-  return run_command({"unshare", "--mount", "--propagation", "private", "env", "TOOL=" + snapshot_tool().string(),
-                      "sh", "-c", script});
+  return run_command({"unshare", "--mount", "--propagation", "private", "env", "TOOL=" + snapshot_tool().string(), "sh",
+                      "-c", script});
 }
 
 std::filesystem::path snapshot_tool() { return binary_dir() / "snapshot_tool"; }

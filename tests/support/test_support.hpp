@@ -13,7 +13,7 @@ namespace zorvi::testing {
 // A fresh directory under the system temporary folder, removed with all its
 // contents (permissions restored first) when the object goes.
 class TempDir {
-public:
+ public:
   TempDir();
   ~TempDir();
   TempDir(const TempDir&) = delete;
@@ -22,7 +22,7 @@ public:
   const std::filesystem::path& path() const { return path_; }
   std::filesystem::path operator/(std::string_view name) const { return path_ / name; }
 
-private:
+ private:
   std::filesystem::path path_;
 };
 

@@ -15,7 +15,7 @@ namespace zorvi::testing {
 struct TufRepository {
   explicit TufRepository(const std::string& build = "");
   void run(const std::string& command) const;  // one more fixture-script command, words split at blanks
-  void serve(const std::string& nginx = "");                 // restarts the server with this configuration
+  void serve(const std::string& nginx = "");   // restarts the server with this configuration
   TufClient client(std::uint64_t rotations = 8, std::uint64_t delegations = 8);
 
   TempDir dir;
