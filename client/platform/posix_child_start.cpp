@@ -18,7 +18,7 @@
 namespace zorvi::posix_child {
 namespace {
 
-constexpr std::size_t stack_size = 64 * 1024;
+constexpr std::size_t stack_size = std::size_t{64} * 1024;
 constexpr std::size_t guard_size = 4096;
 constexpr unsigned char activation_byte = 1;
 // The kernel's signal set is 64 bits on this architecture.
@@ -28,14 +28,15 @@ constexpr int highest_signal = 64;
 // Code that runs in the child: uninstrumented and without a stack canary
 // check that could report into the parent's state; everything it calls is
 // inlined into it.
-#define ZORVI_CHILD_CODE gnu::always_inline, gnu::no_sanitize("address", "thread", "undefined"), gnu::no_stack_protector
+// The GNU spelling, which both compilers take.
+#define ZORVI_UNINSTRUMENTED __attribute__((no_sanitize("address", "thread", "undefined")))
+#define ZORVI_CHILD_CODE ZORVI_UNINSTRUMENTED __attribute__((always_inline, no_stack_protector))
 
 // The child shares the parent's thread storage, where errno lives, with a
 // parent thread that keeps running; sanitizer hooks in library wrappers
 // would touch the parent's state as well. So the child issues its calls
 // directly and reads failures from the returned value, never from errno.
-[[ZORVI_CHILD_CODE]] inline long raw_call(long number, long first = 0, long second = 0, long third = 0,
-                                          long fourth = 0) {
+ZORVI_CHILD_CODE inline long raw_call(long number, long first = 0, long second = 0, long third = 0, long fourth = 0) {
   long result = 0;
   register long fourth_register asm("r10") = fourth;
   asm volatile("syscall"
@@ -53,26 +54,31 @@ struct KernelAction {
   unsigned long mask;
 };
 
-[[ZORVI_CHILD_CODE]] inline long set_mask(const unsigned long* mask, unsigned long* saved) {
+ZORVI_CHILD_CODE inline long set_mask(const unsigned long* mask, unsigned long* saved) {
   return raw_call(SYS_rt_sigprocmask, SIG_SETMASK, reinterpret_cast<long>(mask), reinterpret_cast<long>(saved),
                   kernel_set_size);
 }
 
-[[noreturn, ZORVI_CHILD_CODE]] inline void leave() {
+[[noreturn]] ZORVI_CHILD_CODE inline void leave() {
   for (;;) raw_call(SYS_exit_group, 127);
 }
 
-[[noreturn, ZORVI_CHILD_CODE]] inline void report_and_leave(const Plan& plan, long result) {
+[[noreturn]] ZORVI_CHILD_CODE inline void report_and_leave(const Plan& plan, long result) {
   const int error = static_cast<int>(-result);
   raw_call(SYS_write, plan.start_write, reinterpret_cast<long>(&error), sizeof error);
   leave();
+}
+
+// A failed call ends the start with its error.
+ZORVI_CHILD_CODE inline void must(const Plan& plan, long result) {
+  if (result < 0) report_and_leave(plan, result);
 }
 
 // The new image starts with default dispositions and nothing blocked: the
 // parent's Ctrl+C handling, an ignored SIGPIPE or a signal blocked around
 // the start are not the game's business. A parent handler must never run
 // here either, as it would run on the parent's memory.
-[[ZORVI_CHILD_CODE]] inline void reset_signals() {
+ZORVI_CHILD_CODE inline void reset_signals() {
   const KernelAction standard{SIG_DFL, 0, nullptr, 0};
   for (int signal_number = 1; signal_number <= highest_signal; ++signal_number) {
     if (signal_number != SIGKILL && signal_number != SIGSTOP)
@@ -82,7 +88,7 @@ struct KernelAction {
   set_mask(&none, nullptr);
 }
 
-[[ZORVI_CHILD_CODE]] inline long read_activation(int descriptor, unsigned char& byte) {
+ZORVI_CHILD_CODE inline long read_activation(int descriptor, unsigned char& byte) {
   long count = 0;
   do {
     count = raw_call(SYS_read, descriptor, reinterpret_cast<long>(&byte), 1);
@@ -93,7 +99,7 @@ struct KernelAction {
 // The child's side of the start, in the order the parent relies on: nothing
 // observable happens before the activation byte, and every failure after it
 // reaches the parent as an error number on the start channel.
-[[gnu::no_sanitize("address", "thread", "undefined"), gnu::no_stack_protector]] int run_child(void* argument) {
+ZORVI_UNINSTRUMENTED __attribute__((no_stack_protector)) int run_child(void* argument) {
   const Plan& plan = *static_cast<const Plan*>(argument);
   reset_signals();
   // Kernels before 5.11 refuse the flag; there only our own descriptors,
@@ -101,34 +107,32 @@ struct KernelAction {
   raw_call(SYS_close_range, 3, ~0U, CLOSE_RANGE_CLOEXEC);
   raw_call(SYS_close, plan.start_read);
   raw_call(SYS_close, plan.activation_parent);
-  long result = 0;
   if (plan.interrupt_reader >= 0) {
     raw_call(SYS_close, plan.interrupt_writer);
-    if ((result = raw_call(SYS_fcntl, plan.interrupt_reader, F_SETFD, 0)) < 0) report_and_leave(plan, result);
+    must(plan, raw_call(SYS_fcntl, plan.interrupt_reader, F_SETFD, 0));
   }
-  if (plan.isolated && (result = raw_call(SYS_setpgid, 0, 0)) < 0) report_and_leave(plan, result);
+  if (plan.isolated) must(plan, raw_call(SYS_setpgid, 0, 0));
   unsigned char byte = 0;
   // Without the byte the parent has not recorded this child: leave quietly.
   if (read_activation(plan.activation_child, byte) != 1 || byte != activation_byte) leave();
   raw_call(SYS_close, plan.activation_child);
-  if ((result = raw_call(SYS_chdir, reinterpret_cast<long>(plan.directory))) < 0) report_and_leave(plan, result);
-  if ((result = raw_call(SYS_dup2, plan.null_device, 0)) < 0) report_and_leave(plan, result);
+  must(plan, raw_call(SYS_chdir, reinterpret_cast<long>(plan.directory)));
+  must(plan, raw_call(SYS_dup2, plan.null_device, 0));
   if (plan.null_device == 0) {
-    if ((result = raw_call(SYS_fcntl, 0, F_SETFD, 0)) < 0) report_and_leave(plan, result);
+    must(plan, raw_call(SYS_fcntl, 0, F_SETFD, 0));
   } else {
     raw_call(SYS_close, plan.null_device);
   }
-  if (!plan.console && (result = raw_call(SYS_dup2, 2, 1)) < 0) report_and_leave(plan, result);
-  result = raw_call(SYS_execve, reinterpret_cast<long>(plan.path), reinterpret_cast<long>(plan.argv),
-                    reinterpret_cast<long>(plan.envp));
+  if (!plan.console) must(plan, raw_call(SYS_dup2, 2, 1));
+  const long result = raw_call(SYS_execve, reinterpret_cast<long>(plan.path), reinterpret_cast<long>(plan.argv),
+                               reinterpret_cast<long>(plan.envp));
   report_and_leave(plan, result);
 }
 
 // clone without the library's wrapper, which thread sanitizers intercept
 // and treat as a fork. In the child, on the new stack, it calls `entry` and
 // leaves with its result; the parent gets the pid or the negated error.
-[[gnu::no_sanitize("address", "thread", "undefined")]] long clone_onto(void* stack_top, unsigned long flags,
-                                                                       int (*entry)(void*), void* argument) {
+ZORVI_UNINSTRUMENTED long clone_onto(void* stack_top, unsigned long flags, int (*entry)(void*), void* argument) {
   long result = 0;
   register long child_tid asm("r10") = 0;
   register long thread_area asm("r8") = 0;

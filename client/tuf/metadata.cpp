@@ -240,8 +240,8 @@ bool pattern_class(std::string_view pattern, std::size_t open, PatternClass& res
     const bool range = k + 2 < body.size() && body[k + 1] == '-';
     const auto low = static_cast<signed char>(body[k]);
     const auto high = static_cast<signed char>(range ? body[k + 2] : body[k]);
-    // NOLINTNEXTLINE(bugprone-signed-char-misuse): signed on purpose, so a range never spans from ASCII into bytes of
-    // 0x80 and above
+    // Signed on purpose, so that a range never spans from ASCII into bytes of 0x80 and above.
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse)
     for (int c = low; c <= high; ++c) result.members[static_cast<unsigned char>(c)] = true;
     k += range ? 3 : 1;
   }
