@@ -17,17 +17,8 @@ json seeded(const testing::TempDir& dir, const LauncherStore& store) {
   testing::write_tree(dir / "tree", {{"bin/zorvi", "cli", true}, {"bin/zorvi-gui", "gui", true}});
   testing::pack_tree(dir / "tree", dir / "l.tar.zst");
   json manifest = testing::python_manifest(dir / "tree", dir / "l.tar.zst");
-  manifest.update({{"kind", "zorvi-launcher-release"},
-                   {"build_id", "1.0.0"},
-                   {"platform", "linux-x86_64"},
-                   {"bootstrap_abi", 1},
-                   {"health_abi", 1},
-                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                   {"staging_abi", 1},
-                   {"runtime_lease_abi", 2},
-                   {"console_interrupt_abi", 1},
-                   {"gui_executable", "bin/zorvi-gui"},
-                   {"runtime_helpers", json::array()}});
+  manifest.update(testing::launcher_release_fields("1.0.0"));
+  manifest["platform"] = "linux-x86_64";
   return store.seed_initial(manifest.dump(), dir / "l.tar.zst", {});
 }
 

@@ -28,17 +28,8 @@ struct Bootstrap {
     fs::copy_file(tree / "bin/zorvi", tree / "bin/zorvi-gui");
     testing::pack_tree(tree, archive);
     json document = testing::python_manifest(tree, archive);
-    document.update({{"kind", "zorvi-launcher-release"},
-                     {"build_id", build},
-                     {"platform", "linux-x86_64"},
-                     {"bootstrap_abi", 1},
-                     {"health_abi", 1},
-                     {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                     {"staging_abi", 1},
-                     {"runtime_lease_abi", 2},
-                     {"console_interrupt_abi", 1},
-                     {"gui_executable", "bin/zorvi-gui"},
-                     {"runtime_helpers", json::array()}});
+    document.update(testing::launcher_release_fields(build));
+    document["platform"] = "linux-x86_64";
     const json reference = launcher_reference(digest(document.dump(), "sha256"), build);
     atomic_create(store.launcher_directory() / "manifests" / (reference.value("manifest_sha256", "") + ".json"),
                   document.dump());

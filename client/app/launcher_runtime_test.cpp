@@ -31,18 +31,10 @@ struct Installed {
                         {{"bin/zorvi", probe, true}, {"bin/zorvi-gui", probe, true}, {"bin/zz-crash", probe, true}});
     testing::pack_tree(dir / "t", dir / "l.tar.zst");
     json release = testing::python_manifest(dir / "t", dir / "l.tar.zst");
-    release.update({{"kind", "zorvi-launcher-release"},
-                    {"build_id", "1.0.0"},
-                    {"platform", "linux-x86_64"},
-                    {"bootstrap_abi", 1},
-                    {"health_abi", 1},
-                    {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                    {"staging_abi", 1},
-                    {"runtime_lease_abi", 2},
-                    {"console_interrupt_abi", 1},
-                    {"executable", "bin/zorvi"},
-                    {"gui_executable", "bin/zorvi-gui"},
-                    {"runtime_helpers", {{{"path", "bin/zz-crash"}, {"role", "crash-handler"}, {"lease_abi", 1}}}}});
+    const json crash_handler = {{"path", "bin/zz-crash"}, {"role", "crash-handler"}, {"lease_abi", 1}};
+    release.update(testing::launcher_release_fields("1.0.0", json::array({crash_handler})));
+    release["platform"] = "linux-x86_64";
+    release["executable"] = "bin/zorvi";
     reference = store.seed_initial(release.dump(), dir / "l.tar.zst", {});
     payload = store.payload(reference);
     guard =

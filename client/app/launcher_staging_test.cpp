@@ -25,16 +25,7 @@ struct Releases {
                       {"noise", run_python("import os, sys; sys.stdout.buffer.write(os.urandom(3 << 20))")}});
     pack_tree(tree, archive);
     json document = python_manifest(tree, archive);
-    document.update({{"kind", "zorvi-launcher-release"},
-                     {"build_id", build},
-                     {"bootstrap_abi", 1},
-                     {"health_abi", 1},
-                     {"staging_abi", 1},
-                     {"runtime_lease_abi", 2},
-                     {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                     {"console_interrupt_abi", 1},
-                     {"gui_executable", "bin/zorvi-gui"},
-                     {"runtime_helpers", json::array()}});
+    document.update(testing::launcher_release_fields(build));
     if (change) change(document);
     write_text(repository.dir / "manifest.json", document.dump());
     repository.run("target snapshots/test.tar.zst @" + archive.string());  // each build replaces the last one's archive

@@ -33,17 +33,8 @@ Version make_version(const TempDir& dir, const std::string& build, const std::st
   testing::write_tree(tree, {{"bin/zorvi", "cli " + build, true}, {"bin/zorvi-gui", "gui", true}, {"share/a", "a"}});
   testing::pack_tree(tree, archive);
   json document = testing::python_manifest(tree, archive);
-  document.update({{"kind", "zorvi-launcher-release"},
-                   {"build_id", build},
-                   {"platform", platform},
-                   {"bootstrap_abi", 1},
-                   {"health_abi", 1},
-                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                   {"staging_abi", 1},
-                   {"runtime_lease_abi", 2},
-                   {"console_interrupt_abi", 1},
-                   {"gui_executable", "bin/zorvi-gui"},
-                   {"runtime_helpers", json::array()}});
+  document.update(testing::launcher_release_fields(build));
+  document["platform"] = platform;
   return {document.dump(), archive, launcher_reference(digest(document.dump(), "sha256"), build)};
 }
 

@@ -50,16 +50,7 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
   }
   pack_tree(tree, archive);
   json document = python_manifest(tree, archive);
-  document.update({{"kind", "zorvi-launcher-release"},
-                   {"build_id", build},
-                   {"bootstrap_abi", 1},
-                   {"health_abi", 1},
-                   {"staging_abi", 1},
-                   {"runtime_lease_abi", 2},
-                   {"console_interrupt_abi", 1},
-                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-                   {"gui_executable", "bin/zorvi-gui"},
-                   {"runtime_helpers", helpers}});
+  document.update(launcher_release_fields(build, helpers));
   // Flat, so that the archive can also travel in an initial package.
   document["archive"]["target"] = "launcher-" + build + ".tar.zst";
   manifest = document.dump();

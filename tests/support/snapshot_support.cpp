@@ -139,4 +139,17 @@ CommandResult run_in_private_mounts(const std::string& script) {
 
 std::filesystem::path snapshot_tool() { return binary_dir() / "snapshot_tool"; }
 
+json launcher_release_fields(const std::string& build, const json& helpers) {
+  return {{"kind", "zorvi-launcher-release"},
+          {"build_id", build},
+          {"bootstrap_abi", 1},
+          {"health_abi", 1},
+          {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
+          {"staging_abi", 1},
+          {"runtime_lease_abi", 2},
+          {"console_interrupt_abi", 1},
+          {"gui_executable", "bin/zorvi-gui"},
+          {"runtime_helpers", helpers}};
+}
+
 }  // namespace zorvi::testing

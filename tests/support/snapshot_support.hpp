@@ -32,6 +32,10 @@ void compress(const std::filesystem::path& tar, const std::filesystem::path& arc
 // The manifest of the tree below `root` and of `archive`, computed by Python's
 // hashlib and os.walk, independently of the code under test.
 json python_manifest(const std::filesystem::path& root, const std::filesystem::path& archive);
+
+// The launcher release fields every test release carries, over a snapshot
+// manifest from python_manifest.
+json launcher_release_fields(const std::string& build, const json& helpers = json::array());
 SnapshotManifest parsed_manifest(const std::filesystem::path& root, const std::filesystem::path& archive);
 
 // A manifest of files with the given lengths and placeholder digests; the
