@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -73,6 +74,35 @@ TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
   EXPECT_EQ(std::filesystem::file_size(repository.out / "empty.bin"), 0u);
   EXPECT_EQ(read_text(repository.out / "file0.bin"), read_text(repository.repo / "targets/file0.bin"));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(repository.out), {}), 2);
+}
+
+// Every name made, replaced or removed in the target folder is flushed there
+// before the download says it is complete: a power cut leaves a state the
+// next attempt can read.
+TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
+  TufRepository repository("targets=1");
+  std::filesystem::create_directories(repository.out);
+  const std::filesystem::path log = repository.dir / "strace";
+  const CommandResult traced =
+      run_command({"strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-qq", "-a1", "-y", "-o", log.string(), "-e",
+                   "trace=fsync,fdatasync,rename,renameat,renameat2,unlink,unlinkat",
+                   (binary_dir() / "tuf_fetch").string(), repository.trust.string(), repository.server->base_url(),
+                   repository.server->ca_bundle().string(), repository.out.string(), "file0.bin", "0"});
+  ASSERT_EQ(traced.out, "complete\n") << traced.err;
+  std::vector<std::string> steps;  // calls on paths in the folder, in order
+  std::istringstream lines(read_text(log));
+  for (std::string line; std::getline(lines, line);)
+    if (line.find(repository.out.string()) != std::string::npos) steps.push_back(line.substr(line.find(' ') + 1));
+  const std::string flushed = "<" + repository.out.string() + ">) = 0";
+  int changes = 0;
+  for (std::size_t index = 0; index < steps.size(); ++index) {
+    if (!steps[index].starts_with("rename") && !steps[index].starts_with("unlink")) continue;
+    ++changes;
+    EXPECT_TRUE(index + 1 < steps.size() && steps[index + 1].starts_with("fsync(") &&
+                steps[index + 1].ends_with(flushed))
+        << steps[index];
+  }
+  EXPECT_EQ(changes, 4);  // two checkpoints, the finished file, and the retired marker
 }
 
 // One target through a run of refusals, each row leaving the folder as the next expects.

@@ -1,5 +1,7 @@
 #include <sys/stat.h>
 
+#include <sstream>
+
 #include <gtest/gtest.h>
 
 #include "client/platform/files.hpp"
@@ -92,6 +94,31 @@ TEST(TufClient, RootRotationsKeepOrClearOnlineStateAndResumeAfterACrash) {
   }
 }
 
+// After a root rotation a crash may come at any step: the online roles'
+// documents go, and are flushed away, before the marker that says they must.
+TEST(TufClient, ForgetsRotatedStateInADurableOrder) {
+  TufRepository repository("targets=1");
+  repository.client().refresh();
+  atomic_write(repository.trust / "root-invalidation.json", R"({"version":1})");
+  const std::filesystem::path log = repository.dir / "strace";
+  const CommandResult traced =
+      run_command({"strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-qq", "-a1", "-o", log.string(), "-y", "-e",
+                   "trace=fsync,unlink,unlinkat", (binary_dir() / "tuf_fetch").string(), repository.trust.string(),
+                   repository.server->base_url(), repository.server->ca_bundle().string(), repository.out.string(),
+                   "file0.bin", "0"});
+  ASSERT_EQ(traced.out, "complete\n") << traced.err;
+  std::string steps;  // each call on the trust folder or a name in it: "unlink timestamp.json"
+  std::istringstream lines(read_text(log));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find(repository.trust.string()) == std::string::npos) continue;
+    const std::string name = line.substr(line.rfind('/') + 1);
+    steps += line.substr(0, line.find('(')) + " " + name.substr(0, name.find_first_of("\">")) + "\n";
+  }
+  EXPECT_TRUE(steps.starts_with(
+      "unlink timestamp.json\nunlink snapshot.json\nfsync trust\nunlink root-invalidation.json\nfsync trust\n"))
+      << steps;
+}
+
 // One repository through a run of refusals, each row leaving the trust folder as the next expects.
 TEST(TufClient, Failures) {
   TufRepository repository("roles=1 targets=1");
@@ -126,6 +153,8 @@ TEST(TufClient, Failures) {
       {[&] { TufClient::initialize(repository.trust, "{}"); }, "already_initialized: Trusted root is already initialized"},
       {fetch("2.root.json", 500), "http_status: Could not download next trusted root"},
       {fetch("snapshot.json", 404), "http_status: Could not download metadata for role snapshot"},
+      // A refresh that failed is tried again, never taken as done.
+      {[&] { repository.serve("location = /metadata/timestamp.json { return 500; }"); TufClient client = repository.client(); outcome([&] { client.refresh(); }); client.target("set0/file0.bin"); }, "http_status: Could not download timestamp metadata"},
       {fetch("2.root.json", 403, 1), "delegation_limit: Repository delegation limit reached"},
       {ghost, "missing_role: Delegated role is absent from the authenticated snapshot"},
       {[&] { TufClient held = repository.client(); repository.client(); }, "busy: Another Zorvi operation is using this state"},
