@@ -92,7 +92,8 @@ TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
   std::vector<std::string> steps;  // calls on paths in the folder, in order
   std::istringstream lines(read_text(log));
   for (std::string line; std::getline(lines, line);)
-    if (line.find(repository.out.string()) != std::string::npos) steps.push_back(line.substr(line.find(' ') + 1));
+    if (line.find(repository.out.string()) != std::string::npos)
+      steps.push_back(line.substr(line.find_first_not_of("0123456789 ")));  // without a leading process id
   const std::string flushed = "<" + repository.out.string() + ">) = 0";
   int changes = 0;
   for (std::size_t index = 0; index < steps.size(); ++index) {
