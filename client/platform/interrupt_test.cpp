@@ -46,56 +46,54 @@ TEST(ConsoleInterrupt, RealSigintSetsTheFlagAndTheOldActionReturns) {
 }
 
 TEST(ConsoleInterrupt, AttachesOnlyAnInheritedReadPipeAndAnswersWhatTheParentSends) {
-  const UniqueFd file(::open("/dev/null", O_RDONLY));
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  const UniqueFd file(::open("/dev/null", O_RDONLY)), spare_reader(ends[0]), spare_writer(ends[1]);
   const std::string handle = "test: launcher_control: Launcher interrupt channel handle is invalid";
   const std::string not_a_reader = "test: launcher_control: Launcher interrupt reader must be an inherited read pipe";
-  // Each parent's act on its pipe, then the child's answer; the rows before
-  // it never get as far as a pipe.
   const std::pair<std::string, std::string> refused[] = {
+      {"", "ok"},
       {"2:7", "test: launcher_control: Launcher interrupt channel version is invalid"},
       {"1:07", handle},
       {"1:99999999999999999999", handle},
       {"1:1", "test: launcher_control: Launcher interrupt descriptor is invalid"},
       {"1:" + std::to_string(file.get()), not_a_reader},
+      {"1:" + std::to_string(spare_writer.get()), not_a_reader},
       {"1:" + std::string(31, '1'), "test: environment_limit: Native process text exceeds its byte bound"},
   };
   for (const auto& [value, expected] : refused) EXPECT_EQ(outcome([&] { attached(value); }), expected) << value;
-  EXPECT_EQ(outcome([] { attached(""); }), "ok");
   EXPECT_FALSE(ConsoleInterrupt::parent_reader_attached());
 
-  const std::string acts[] = {"request", "parent gone", "wrong byte", "unreadable", "write end"};
-  const std::string answers[] = {"requested", "not requested",
-                                 "launcher_control: Launcher interrupt channel request is invalid",
-                                 "launcher_control: Cannot read launcher interrupt channel", not_a_reader};
-  for (std::size_t i = 0; i < std::size(acts); ++i) {
-    int ends[2];
+  // Each act of a parent on its pipe, and the child's answer.
+  const std::pair<std::string, std::string> acts[] = {
+      {"request", "requested"},
+      {"parent gone", "not requested"},
+      {"wrong byte", "launcher_control: Launcher interrupt channel request is invalid"},
+      {"unreadable", "launcher_control: Cannot read launcher interrupt channel"},
+  };
+  for (const auto& [act, expected] : acts) {
     ASSERT_EQ(::pipe(ends), 0);
     UniqueFd writer(ends[1]);
     const int reader = ends[0];  // adopted by the console interrupt
-    if (acts[i] == "write end") {
-      EXPECT_EQ(outcome([&] { attached("1:" + std::to_string(writer.get())); }), answers[i]);
-      ::close(reader);
-      continue;
-    }
     const auto console = attached("1:" + std::to_string(reader));
     ASSERT_TRUE(ConsoleInterrupt::parent_reader_attached());
     EXPECT_NE(::fcntl(reader, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_FALSE(console->requested());
-    const auto byte = static_cast<unsigned char>(acts[i] == "request" ? 1 : 2);
-    if (acts[i] == "parent gone") writer.reset();
+    const auto byte = static_cast<unsigned char>(act == "request" ? 1 : 2);
+    if (act == "parent gone") writer.reset();
     // A directory where the reader was: reading it fails outright.
-    else if (acts[i] == "unreadable") ::dup2(UniqueFd(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC)).get(), reader);
+    else if (act == "unreadable") ::dup2(UniqueFd(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC)).get(), reader);
     else ASSERT_EQ(::write(writer.get(), &byte, 1), 1);
     const auto answer = [&] {
       const std::string result = outcome([&] { console->requested(); });
       return result != "ok" ? result : console->requested() ? "requested" : "not requested";
     };
-    EXPECT_EQ(answer(), answers[i]);
-    if (i >= 2) continue;
+    EXPECT_EQ(answer(), expected) << act;
+    if (!expected.ends_with("requested")) continue;
     // The answer stands: an answered or abandoned channel is closed.
-    EXPECT_EQ(answer(), answers[i]);
-    EXPECT_EQ(::fcntl(reader, F_GETFD), -1);
-    EXPECT_EQ(ConsoleInterrupt::parent_reader_attached(), i == 0);
+    EXPECT_EQ(answer(), expected) << act;
+    EXPECT_EQ(::fcntl(reader, F_GETFD), -1) << act;
+    EXPECT_EQ(ConsoleInterrupt::parent_reader_attached(), act == "request") << act;
   }
 }
 

@@ -62,9 +62,11 @@ TEST(Locks, ExclusiveAndSharedBetweenProcessesAndAWaiterGetsTheLockOnRelease) {
 TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOneAndARetainedLockOutlivesItsObject) {
   testing::TempDir dir;
   const fs::path path = dir / ".lock";
+  // The locked file moves aside, still linked once, and an equal one takes its
+  // name: only the file's identity tells them apart.
   const auto replace = [&] {
-    atomic_write(dir / "replacement", "");
-    fs::rename(dir / "replacement", path);
+    fs::rename(path, dir / "moved");
+    atomic_write(path, "");
   };
   {
     FileLock lock(path, false, LockMode::exclusive);

@@ -18,7 +18,7 @@ namespace {
 // Children here are plain system programs, so that this test runs alone in
 // a ThreadSanitizer build without the probe program.
 struct Watched {
-  explicit Watched(const char* program, std::vector<std::string> arguments = {})
+  explicit Watched(const char* program, std::vector<std::string> arguments = {"60"})
       : child(program, arguments, "/", {}, ChildStreams::Separated, ChildEnvironment::Clean,
               [this](std::uint64_t pid) { identity = native_process_identity(pid); }) {}
   void end() {
@@ -29,7 +29,7 @@ struct Watched {
   ChildProcess child;
 };
 
-// Starts notifications that record every report.
+// Notifications that record every report; reaches(n) waits for the n-th.
 struct Recorder {
   Recorder() {
     notifications.start([this](const std::string& text) {
@@ -52,7 +52,7 @@ struct Recorder {
 TEST(ProcessNotifications, SixteenChildrenEndingInRandomOrder) {
   std::vector<std::unique_ptr<Watched>> children;
   json identities = json::array();
-  for (int i = 0; i < 16; ++i) identities.push_back(children.emplace_back(new Watched("/bin/sleep", {"60"}))->identity);
+  for (int i = 0; i < 16; ++i) identities.push_back(children.emplace_back(new Watched("/bin/sleep"))->identity);
   Recorder recorder;
   recorder.notifications.update(identities);
   const auto seed = std::random_device{}();
@@ -71,29 +71,28 @@ TEST(ProcessNotifications, SixteenChildrenEndingInRandomOrder) {
 }
 
 TEST(ProcessNotifications, FollowsTheWantedSet) {
-  Watched a("/bin/sleep", {"60"}), b("/bin/sleep", {"60"}), c("/bin/sleep", {"60"});
+  Watched a("/bin/sleep"), b("/bin/sleep"), c("/bin/sleep");
   // Identities that have ended already: each one's report shows that the
   // thread has taken in the update that named it.
-  Watched gone[] = {Watched("/bin/true"), Watched("/bin/true"), Watched("/bin/true")};
+  Watched gone[] = {Watched("/bin/true", {}), Watched("/bin/true", {}), Watched("/bin/true", {})};
   for (auto& watched : gone) watched.child.wait();
   const json unwatchable{{"schema_version", 1}, {"pid", 1}};
   Recorder recorder;
+  const auto want = [&](const json& identities, std::size_t reports) {
+    recorder.notifications.update(identities);
+    return recorder.reaches(reports);
+  };
   recorder.notifications.update({a.identity, b.identity, c.identity});
-  recorder.notifications.update({a.identity, c.identity, gone[0].identity, unwatchable});
-  ASSERT_TRUE(recorder.reaches(2));
+  ASSERT_TRUE(want({a.identity, c.identity, gone[0].identity, unwatchable}, 2));
   b.end();  // no longer wanted: never reported
   a.end();
   ASSERT_TRUE(recorder.reaches(3));
-  recorder.notifications.update({a.identity, c.identity, gone[0].identity, unwatchable, gone[1].identity});
-  ASSERT_TRUE(recorder.reaches(4));
+  ASSERT_TRUE(want({a.identity, c.identity, gone[0].identity, unwatchable, gone[1].identity}, 4));
   EXPECT_EQ(recorder.seen().size(), 4U);
   // Wanted again, the ended child gets a new watcher and is reported once.
-  recorder.notifications.update({c.identity, a.identity, b.identity, gone[0].identity, gone[1].identity});
-  ASSERT_TRUE(recorder.reaches(5));
-  recorder.notifications.update({c.identity, gone[2].identity});
-  ASSERT_TRUE(recorder.reaches(6));
-  recorder.notifications.update({c.identity, a.identity});
-  ASSERT_TRUE(recorder.reaches(7));
+  ASSERT_TRUE(want({c.identity, a.identity, b.identity, gone[0].identity, gone[1].identity}, 5));
+  ASSERT_TRUE(want({c.identity, gone[2].identity}, 6));
+  ASSERT_TRUE(want({c.identity, a.identity}, 7));
   c.end();
   ASSERT_TRUE(recorder.reaches(8));
   recorder.notifications.stop();

@@ -62,26 +62,25 @@ std::vector<std::string> entries_named(const json& environment, const std::strin
 TEST(Process, EachRefusalHasItsCodeAndMessage) {
   testing::TempDir dir;
   fs::permissions(dir.path(), fs::perms(0755));
-  fs::create_directory(dir / "locked");
+  fs::create_directories(dir / "locked/bin");
   fs::permissions(dir / "locked", fs::perms(0700));
   fs::create_symlink("/bin/true", dir / "image-link");
   fs::create_directory_symlink("/", dir / "directory-link");
   testing::write_text(dir / "no-execute", "#!/bin/sh\n");
-  // A directory opener that records what it was asked to show and where its
-  // output went.
-  fs::create_directory(dir / "bin");
-  testing::write_text(dir / "bin/xdg-open",
-                      "#!/bin/sh\n[ -z \"$ZORVI_OPENER_STATUS\" ] || exit $ZORVI_OPENER_STATUS\n"
-                      "echo \"$@\" \"$(readlink /proc/$$/fd/1)\" > " +
+  // A directory opener that records what it was asked to show and where its output went.
+  testing::write_text(dir / "locked/bin/xdg-open",
+                      "#!/bin/sh\n[ -z \"$ZORVI_OPENER_STATUS\" ] || exit 3\necho \"$@\" "
+                      "\"$(readlink /proc/$$/fd/1)\" > " +
                           (dir / "shown").string());
-  fs::permissions(dir / "bin/xdg-open", fs::perms(0755));
-  const std::string opener_path = (dir / "bin").string() + ":/bin";
+  fs::permissions(dir / "locked/bin/xdg-open", fs::perms(0755));
   ::setenv("ZORVI_PROBE_VALUE", "abcdef", 1);
+  const std::string opener = (dir / "locked/bin").string() + ":/bin";
   const std::string half(65536, 'a'), over(65537, 'b'), reserved(launcher_interrupt_reader_environment);
-  std::vector<const char*> many(258, "x");
-  const char* const fitting[] = {"zorvi", half.c_str(), half.c_str()};
-  const char* const too_long[] = {"zorvi", half.c_str(), over.c_str()};
-  const char* const with_null[] = {"zorvi", "first", nullptr};
+  const std::vector<const char*> many(258, "x"), fitting{"zorvi", half.c_str(), half.c_str()},
+      too_long{"zorvi", half.c_str(), over.c_str()}, with_null{"zorvi", "first", nullptr};
+  const auto own_arguments = [](int count, const std::vector<const char*>& argv) {
+    return [=] { process_arguments(count, argv.data()); };
+  };
   const auto start = [](const std::function<void(Launch&)>& change) {
     return [=] {
       Launch launch;
@@ -99,12 +98,20 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
       call();
     };
   };
+  const auto show = [&](const fs::path& path, const std::string& search, const char* status) {
+    return [=, &dir] {
+      ::setenv("PATH", search.c_str(), 1);
+      ::setenv("ZORVI_OPENER_STATUS", status, 1);
+      ::dup2(UniqueFd(::open((dir / "err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)).get(), 2);
+      open_directory(path);
+    };
+  };
   const std::pair<std::function<void()>, std::string> rows[] = {
-      {[&] { process_arguments(0, fitting); }, "argument_encoding: Native command arguments are missing"},
-      {[&] { process_arguments(257, many.data()); }, "ok"},
-      {[&] { process_arguments(258, many.data()); }, "argument_limit: Too many native command arguments"},
-      {[&] { process_arguments(3, with_null); }, "argument_limit: Native process text is missing"},
-      {[&] { process_arguments(3, too_long); }, "argument_limit: Native process text exceeds its byte bound"},
+      {own_arguments(0, fitting), "argument_encoding: Native command arguments are missing"},
+      {own_arguments(257, many), "ok"},
+      {own_arguments(258, many), "argument_limit: Too many native command arguments"},
+      {own_arguments(3, with_null), "argument_limit: Native process text is missing"},
+      {own_arguments(3, too_long), "argument_limit: Native process text exceeds its byte bound"},
       {[] { process_environment("ZORVI-PROBE", 8); }, "environment_key: Native environment key is invalid"},
       {[] { process_environment("ZORVI_PROBE_VALUE", 0); }, "environment_limit: Native environment bound is invalid"},
       {[] { process_environment("ZORVI_PROBE_VALUE", 5); },
@@ -123,7 +130,7 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
        "argument_limit: Launch arguments exceed the total bound"},
       {start([](Launch& l) { l.overrides = {{"A", std::string("x\0y", 3)}}; }),
        "argument_encoding: Process environment entry is invalid"},
-      {start([](Launch& l) { l.overrides = {{std::string(launcher_interrupt_reader_environment), "1:3"}}; }),
+      {start([&](Launch& l) { l.overrides = {{reserved, "1:3"}}; }),
        "process_control: Launcher interrupt authority cannot be supplied as an environment override"},
       {start([](Launch& l) { l.control = ChildControl::Interrupt; }),
        "process_control: Only an isolated console launcher child receives interrupt control"},
@@ -146,38 +153,23 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
        "process_control: Maintenance cannot inherit launcher interrupt authority"},
       {as_nobody(replace("/bin/true", {}, dir / "locked")),
        "process_start: Cannot enter the external maintenance runtime"},
-      // A failed exec must also leave this process where it was.
+      // A failed exec leaves this process where it was: its folder follows the message.
       {[&] {
          fs::current_path(dir.path());
-         const Error error = testing::caught(replace(dir / "no-execute", {}));
-         if (fs::current_path() == dir.path()) throw error;
+         throw Error(outcome(replace(dir / "no-execute", {})), fs::current_path().string());
        },
-       "process_start: Cannot replace this process (native error 13)"},
-      {[&] { open_directory(dir / "directory-link"); }, "location_unavailable: Local directory is unavailable"},
-      {[&] {
-         ::setenv("PATH", (dir / "locked").c_str(), 1);
-         open_directory(dir.path());
-       },
-       "desktop_unavailable: No native directory opener is available"},
-      {[&] {
-         ::setenv("PATH", opener_path.c_str(), 1);
-         ::setenv("ZORVI_OPENER_STATUS", "3", 1);
-         open_directory(dir.path());
-       },
-       "desktop_unavailable: Native directory opening failed"},
-      {[&] {
-         ::setenv("PATH", opener_path.c_str(), 1);
-         ::dup2(UniqueFd(::open((dir / "err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)).get(), 2);
-         open_directory(dir.path());
-       },
-       "ok"},
+       "process_start: Cannot replace this process (native error 13): " + dir.path().string()},
+      {show(dir / "directory-link", opener, ""), "location_unavailable: Local directory is unavailable"},
+      {show(dir.path(), (dir / "locked").string(), ""), "desktop_unavailable: No native directory opener is available"},
+      {show(dir.path(), opener, "3"), "desktop_unavailable: Native directory opening failed"},
+      {show(dir.path(), opener, ""), "ok"},
   };
   // Each in a copy of this process: a replacement check that wrongly passed
   // would replace it.
   for (const auto& [call, expected] : rows)
     EXPECT_EQ(in_subprocess([&] { return outcome(call); }), expected) << &call - &rows[0].first;
   EXPECT_EQ(testing::read_text(dir / "shown"), dir.path().string() + " " + (dir / "err").string() + "\n");
-  EXPECT_EQ(process_arguments(3, fitting), (std::vector<std::string>{half, half}));
+  EXPECT_EQ(process_arguments(3, fitting.data()), (std::vector<std::string>{half, half}));
   EXPECT_EQ(process_environment("ZORVI_PROBE_VALUE", 6), "abcdef");
   ::unsetenv("ZORVI_PROBE_VALUE");
   EXPECT_EQ(process_environment("ZORVI_PROBE_VALUE", 6), std::nullopt);
@@ -232,7 +224,7 @@ TEST(ChildProcess, NothingRunsBeforeActivationAndAFailedStartLeavesNoChild) {
 TEST(ChildProcess, NothingLeaksIntoAChild) {
   testing::TempDir dir;
   const std::string reader_variable(launcher_interrupt_reader_environment);
-  const Launch rows[] = {
+  std::vector<Launch> rows = {
       {.environment = ChildEnvironment::Inherited},
       {.streams = ChildStreams::Console, .group = ChildGroup::Isolated},
       {.streams = ChildStreams::Console,
@@ -240,56 +232,59 @@ TEST(ChildProcess, NothingLeaksIntoAChild) {
        .group = ChildGroup::Isolated,
        .control = ChildControl::Interrupt},
   };
-  for (std::size_t i = 0; i < std::size(rows); ++i) {
-    const fs::path report_path = dir / ("report-" + std::to_string(i));
-    Launch row = rows[i];
-    row.path = probe_path();
-    row.arguments = {"report", report_path.string()};
-    row.directory = dir.path();
-    row.overrides = {{"PATH", "/override/bin"}};
-    // The parent carries what no child may inherit: loader and interrupt
-    // variables, a descriptor without close-on-exec, a blocked and an
-    // ignored signal. Its own output streams are files here.
-    ASSERT_EQ(
-        in_subprocess([&] {
-          if (::open("/dev/null", O_RDONLY) < 3) return std::string("no stray descriptor");
-          ::dup2(UniqueFd(::open((dir / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)).get(), 1);
-          ::dup2(UniqueFd(::open((dir / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)).get(), 2);
-          ::setenv("LD_ZORVI_PROBE", "1", 1);
-          ::setenv("DYLD_ZORVI_PROBE", "1", 1);
-          ::setenv(reader_variable.c_str(), "1:9", 1);
-          sigset_t set;
-          sigemptyset(&set);
-          sigaddset(&set, SIGUSR1);
-          ::sigprocmask(SIG_BLOCK, &set, nullptr);
-          ::signal(SIGUSR2, SIG_IGN);
-          return ended(row);
-        }),
-        "0");
-    const json report = json::parse(testing::read_text(report_path));
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    rows[i].path = probe_path();
+    rows[i].arguments = {"report", (dir / std::to_string(i)).string()};
+    rows[i].directory = dir.path();
+    rows[i].overrides = {{"PATH", "/override/bin"}};
+  }
+  // The parent carries what no child may inherit: loader and interrupt
+  // variables, a descriptor without close-on-exec, a blocked and an ignored
+  // signal. Its own output streams are files here.
+  ASSERT_EQ(in_subprocess([&] {
+              if (::open("/dev/null", O_RDONLY) < 3) return std::string("no stray descriptor");
+              for (const char* name : {"LD_ZORVI_PROBE", "DYLD_ZORVI_PROBE", reader_variable.c_str()})
+                ::setenv(name, "1:9", 1);
+              sigset_t set;
+              sigemptyset(&set);
+              sigaddset(&set, SIGUSR1);
+              ::sigprocmask(SIG_BLOCK, &set, nullptr);
+              ::signal(SIGUSR2, SIG_IGN);
+              std::string codes;
+              for (std::size_t i = 0; i < rows.size(); ++i) {
+                for (const int stream : {1, 2}) {
+                  const fs::path file = dir / (std::to_string(i) + (stream == 1 ? "-out" : "-err"));
+                  ::dup2(UniqueFd(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)).get(), stream);
+                }
+                codes += ended(rows[i]);
+              }
+              return codes;
+            }),
+            "000");
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    // Separated keeps the child's output off the parent's own stdout.
+    EXPECT_EQ(testing::read_text(dir / (std::to_string(i) + "-out")) + "|" +
+                  testing::read_text(dir / (std::to_string(i) + "-err")),
+              i == 0 ? "|out\nerr\n" : "out\n|err\n");
+    const json report = json::parse(testing::read_text(dir / std::to_string(i)));
     const json& environment = report["environment"];
     std::vector<int> expected_descriptors{0, 1, 2};
     const auto reader = entries_named(environment, reader_variable);
-    ASSERT_EQ(reader.size(), row.control == ChildControl::Interrupt ? 1U : 0U);
-    if (!reader.empty()) {
-      ASSERT_TRUE(reader[0].starts_with(reader_variable + "=1:")) << reader[0];
-      expected_descriptors.push_back(std::stoi(reader[0].substr(reader_variable.size() + 3)));
-    }
+    ASSERT_EQ(reader.size(), i == 2 ? 1U : 0U);
+    if (i == 2) expected_descriptors.push_back(std::stoi(reader[0].substr(reader_variable.size() + 3)));
     auto descriptors = report["descriptors"].get<std::vector<int>>();
     std::sort(descriptors.begin(), descriptors.end());
-    EXPECT_EQ(descriptors, expected_descriptors);
-    const std::size_t loader = row.environment == ChildEnvironment::Inherited ? 1 : 0;
-    EXPECT_EQ(entries_named(environment, "LD_ZORVI_PROBE").size(), loader);
-    EXPECT_EQ(entries_named(environment, "DYLD_ZORVI_PROBE").size(), loader);
+    EXPECT_EQ(descriptors, expected_descriptors) << i;
+    const std::size_t loader = rows[i].environment == ChildEnvironment::Inherited ? 1 : 0;
+    EXPECT_EQ(
+        entries_named(environment, "LD_ZORVI_PROBE").size() + entries_named(environment, "DYLD_ZORVI_PROBE").size(),
+        2 * loader);
     EXPECT_EQ(entries_named(environment, "PATH"), std::vector<std::string>{"PATH=/override/bin"});
-    EXPECT_EQ(report["pgid"], row.group == ChildGroup::Isolated ? report["pid"] : json(::getpgrp()));
+    EXPECT_EQ(report["pgid"], i == 0 ? json(::getpgrp()) : report["pid"]);
     EXPECT_EQ(fs::path(report["cwd"].get<std::string>()), fs::canonical(dir.path()));
-    EXPECT_EQ(report["blocked"].get<std::string>() + report["ignored"].get<std::string>(), std::string(32, '0'));
-    EXPECT_EQ(report["stdin"], "/dev/null");
-    // Separated keeps the child's output off the parent's own stdout.
-    const bool separated = row.streams == ChildStreams::Separated;
-    EXPECT_EQ(testing::read_text(dir / "out"), separated ? "" : "out\n");
-    EXPECT_EQ(testing::read_text(dir / "err"), separated ? "out\nerr\n" : "err\n");
+    EXPECT_EQ(report["blocked"].get<std::string>() + report["ignored"].get<std::string>() +
+                  report["stdin"].get<std::string>(),
+              std::string(32, '0') + "/dev/null");
   }
 }
 
