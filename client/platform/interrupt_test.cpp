@@ -23,7 +23,7 @@ std::unique_ptr<ConsoleInterrupt> attached(const std::string& value) {
   std::unique_ptr<ConsoleInterrupt> console;
   const std::string result = outcome([&] { console = std::make_unique<ConsoleInterrupt>(true); });
   ::unsetenv(reader_variable.c_str());
-  if (result != "ok") throw Error("test", result);
+  if (result != "ok") throw Error("attach", result);
   return console;
 }
 
@@ -49,17 +49,17 @@ TEST(ConsoleInterrupt, AttachesOnlyAnInheritedReadPipeAndAnswersWhatTheParentSen
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   const UniqueFd file(::open("/dev/null", O_RDONLY)), spare_reader(ends[0]), spare_writer(ends[1]);
-  const std::string handle = "test: launcher_control: Launcher interrupt channel handle is invalid";
-  const std::string not_a_reader = "test: launcher_control: Launcher interrupt reader must be an inherited read pipe";
+  const std::string handle = "attach: launcher_control: Launcher interrupt channel handle is invalid";
+  const std::string not_a_reader = "attach: launcher_control: Launcher interrupt reader must be an inherited read pipe";
   const std::pair<std::string, std::string> refused[] = {
       {"", "ok"},
-      {"2:7", "test: launcher_control: Launcher interrupt channel version is invalid"},
+      {"2:7", "attach: launcher_control: Launcher interrupt channel version is invalid"},
       {"1:07", handle},
       {"1:99999999999999999999", handle},
-      {"1:1", "test: launcher_control: Launcher interrupt descriptor is invalid"},
+      {"1:1", "attach: launcher_control: Launcher interrupt descriptor is invalid"},
       {"1:" + std::to_string(file.get()), not_a_reader},
       {"1:" + std::to_string(spare_writer.get()), not_a_reader},
-      {"1:" + std::string(31, '1'), "test: environment_limit: Native process text exceeds its byte bound"},
+      {"1:" + std::string(31, '1'), "attach: environment_limit: Native process text exceeds its byte bound"},
   };
   for (const auto& [value, expected] : refused) EXPECT_EQ(outcome([&] { attached(value); }), expected) << value;
   EXPECT_FALSE(ConsoleInterrupt::parent_reader_attached());

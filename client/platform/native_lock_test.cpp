@@ -93,13 +93,14 @@ TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOneAndARetainedLockOutlivesItsOb
 // An installation's lock lives in an ordinary shared folder but is itself private.
 TEST(Locks, RefuseLockFilesTheyCannotTrustAndLeaveThem) {
   testing::TempDir dir;
-  fs::create_directory(dir / "install");
-  fs::permissions(dir / "install", static_cast<fs::perms>(0777));
-  testing::shell("setfacl -d -m u:65534:rw " + (dir / "install").string());
-  NativeFileLock installed(dir / "install/.lock", true, NativeLockSharing::exclusive_install, LockMode::exclusive);
-  EXPECT_EQ(testing::run_command({"getfacl", "-cpE", (dir / "install/.lock").string()}).out,
+  fs::create_directory(dir / "shared-folder");
+  fs::permissions(dir / "shared-folder", static_cast<fs::perms>(0777));
+  testing::shell("setfacl -d -m u:65534:rw " + (dir / "shared-folder").string());
+  NativeFileLock installed(dir / "shared-folder/.lock", true, NativeLockSharing::exclusive_install,
+                           LockMode::exclusive);
+  EXPECT_EQ(testing::run_command({"getfacl", "-cpE", (dir / "shared-folder/.lock").string()}).out,
             "user::rw-\ngroup::---\nother::---\n\n");
-  EXPECT_EQ(fs::status(dir / "install").permissions(), static_cast<fs::perms>(0777));
+  EXPECT_EQ(fs::status(dir / "shared-folder").permissions(), static_cast<fs::perms>(0777));
 
   const auto lock_file = [&](const std::string& name, int mode, const std::string& content = "") {
     testing::write_text(dir / name, content);
