@@ -54,7 +54,8 @@ void write_ledger(const fs::path& root, const json& entries, int version = 1) {
 TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   DesktopHome home;
   const fs::path desk = home.dir / "Desktop";
-  for (const char* folder : {"launcher/versions/1.0", "versions", "share"}) fs::create_directories(home.dir / folder);
+  for (const char* folder : {"launcher/versions/1.0", "launcher/staging", "versions", "share"})
+    fs::create_directories(home.dir / folder);
   testing::write_text(desk / "taken.zorvi-launch", "mine");
   testing::write_text(home.dir / "versions/taken.zorvi-launch", "mine");
   testing::user_symlink(desk / "gone", desk / "dangling.zorvi-launch");
@@ -79,6 +80,7 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   const std::string inputs = "shortcut_path|Shortcut inputs need existing ordinary files and directories";
   const std::string exists = "already_exists|Launch-document destination already exists; it was preserved";
   const std::string plain = "shortcut_path|Shortcut paths need existing plain files and directories";
+  const std::string payloads = "shortcut_path|Launch documents must be outside managed launcher payloads";
   testing::expect_rows(
       {
           {document(desk / "star.txt"), "shortcut_path|macOS launch documents must end in .zorvi-launch"},
@@ -86,8 +88,8 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
            "shortcut_path|Shortcut paths must be absolute and normalized below a filesystem root"},
           {document(desk / "missing/x.zorvi-launch"), inputs},
           {document(home.root / "x.zorvi-launch"), "shortcut_path|Launch documents must be outside application data"},
-          {document(home.dir / "launcher/versions/1.0/x.zorvi-launch"),
-           "shortcut_path|Launch documents must be outside managed launcher payloads"},
+          {document(home.dir / "launcher/versions/1.0/x.zorvi-launch"), payloads},
+          {document(home.dir / "launcher/staging/x.zorvi-launch"), payloads},
           {document(desk / "taken.zorvi-launch"), exists},
           {document(home.dir / "versions/taken.zorvi-launch"), exists},
           {document(desk / "dangling.zorvi-launch"),
