@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/files_support.hpp"
 #include "tests/support/process_support.hpp"
 #include "tests/support/test_support.hpp"
 
@@ -25,7 +26,7 @@ std::string file_system_identity(const fs::path& path) {
   return std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev));
 }
 
-TEST(MacosPaths, GivesOneTextPerPlaceBeforeAndAfterItExists) {
+TEST(MacosPaths, GivesOneTextPerPlaceBeforeAndAfterItExistsAndRefusesWhatItCannotVouchFor) {
   testing::TempDir dir;
   const std::string key = directory_key(dir.path());
   // Below the root of the file system, which may sit above the process's own root.
@@ -45,15 +46,11 @@ TEST(MacosPaths, GivesOneTextPerPlaceBeforeAndAfterItExists) {
   if (fs::is_symlink("/lib")) {
     EXPECT_EQ(directory_key("/lib/zorvi-missing"), directory_key("/usr/lib/zorvi-missing"));
   }
-}
 
-TEST(MacosPaths, RefusesWhatItCannotVouchFor) {
-  testing::TempDir dir;
-  fs::create_directories(dir / "real");
-  // A link any user could have made (here: owned by nobody).
-  fs::create_directory_symlink(dir / "real", dir / "link");
-  ASSERT_EQ(::lchown((dir / "link").c_str(), 65534, 65534), 0);
-  testing::write_text(dir / "file", "x");
+  // What it cannot vouch for: a link any user could have made, a file or
+  // fifo where a folder belongs, names beyond their bounds or not UTF-8, and
+  // the kernel's own file systems.
+  testing::user_symlink(later, dir / "link");
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
   fs::path deep = dir.path();
   const fs::path relative = deep.relative_path();
@@ -64,9 +61,9 @@ TEST(MacosPaths, RefusesWhatItCannotVouchFor) {
   const std::string local = "unsafe_path: macOS setup control storage requires a local Linux volume";
   const std::pair<std::function<void()>, std::string> rows[] = {
       {[&] { path_key(dir / "link" / "missing"); }, linked},
-      {[&] { path_key(dir / "file"); }, "ok"},
-      {[&] { directory_key(dir / "file"); }, linked},
-      {[&] { path_key(dir / "file" / "below"); }, linked},
+      {[&] { path_key(later / "file"); }, "ok"},
+      {[&] { directory_key(later / "file"); }, linked},
+      {[&] { path_key(later / "file" / "below"); }, linked},
       {[&] { path_key(dir / "fifo"); }, linked},
       {[] { path_key(""); }, ordinary},
       {[] { path_key(std::string("/tmp/a\0b", 8)); }, ordinary},

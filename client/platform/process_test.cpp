@@ -184,37 +184,37 @@ TEST(ChildProcess, NothingRunsBeforeActivationAndAFailedStartLeavesNoChild) {
   testing::write_text(dir / "not-an-image", "these bytes are no program");
   fs::permissions(dir / "not-an-image", fs::perms(0755));
   const fs::path marker = dir / "touched";
-  const std::pair<fs::path, std::function<void(std::uint64_t)>> rows[] = {
+  const std::string cannot_execute = "process_start: Cannot execute the installed game";
+  const std::tuple<fs::path, std::function<void(std::uint64_t)>, std::string> rows[] = {
       {fs::canonical("/bin/sh"),
        [&](std::uint64_t pid) {
          // Still this program's image in this program's directory: no chdir
          // and no exec have happened.
          EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(pid) + "/exe"), fs::read_symlink("/proc/self/exe"));
          EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(pid) + "/cwd"), fs::current_path());
-       }},
-      {dir / "no-execute", {}},
-      {dir / "not-an-image", {}},
-      {fs::canonical("/bin/sh"), [](std::uint64_t) { throw Error("record", "Cannot record the start"); }},
-      {fs::canonical("/bin/sh"),
-       [](std::uint64_t pid) { ASSERT_TRUE(testing::kill_unreaped(static_cast<long>(pid))); }},
+       },
+       "0"},
+      {dir / "no-execute", {}, cannot_execute},
+      {dir / "not-an-image", {}, cannot_execute},
+      {fs::canonical("/bin/sh"), [](std::uint64_t) { throw Error("record", "Cannot record the start"); },
+       "record: Cannot record the start"},
+      {fs::canonical("/bin/sh"), [](std::uint64_t pid) { ASSERT_TRUE(testing::kill_unreaped(static_cast<long>(pid))); },
+       "process_start: Cannot activate the prepared game"},
   };
-  const std::string expected[] = {"0", "process_start: Cannot execute the installed game",
-                                  "process_start: Cannot execute the installed game", "record: Cannot record the start",
-                                  "process_start: Cannot activate the prepared game"};
-  for (std::size_t i = 0; i < std::size(rows); ++i) {
+  for (const auto& [image, on_spawn, expected] : rows) {
     Launch launch = shell("echo touched > " + marker.string());
-    launch.path = rows[i].first;
+    launch.path = image;
     launch.directory = dir.path();
     std::uint64_t seen = 0;
     launch.on_spawn = [&](std::uint64_t pid) {
       seen = pid;
       EXPECT_FALSE(fs::exists(marker));
-      if (rows[i].second) rows[i].second(pid);
+      if (on_spawn) on_spawn(pid);
     };
-    EXPECT_EQ(ended(launch), expected[i]);
-    ASSERT_NE(seen, 0U) << expected[i];
-    EXPECT_FALSE(testing::pid_exists(static_cast<long>(seen))) << expected[i] << ": a child was left behind";
-    EXPECT_EQ(fs::exists(marker), i == 0) << expected[i];
+    EXPECT_EQ(ended(launch), expected);
+    ASSERT_NE(seen, 0U) << expected;
+    EXPECT_FALSE(testing::pid_exists(static_cast<long>(seen))) << expected << ": a child was left behind";
+    EXPECT_EQ(fs::exists(marker), expected == "0") << expected;
     fs::remove(marker);
   }
   EXPECT_EQ(testing::caught([&] { Launch{.path = dir / "no-execute"}.start(); }).details,
