@@ -39,10 +39,9 @@ struct LauncherCrash : ::testing::Test {
   }
   CommandResult stage(long kill_at) const { return install.stage(repository, killing(kill_at)); }
   CommandResult entry(long kill_at) const {
-    std::vector<std::string> argv = killing(kill_at);
-    argv.insert(argv.begin(), {"env", "ZORVI_SAMPLE_LAUNCHER_LOG=" + install.log.string()});
-    argv.insert(argv.end(), {binary_dir() / "bootstrap_entry", install.root, "gui", "5000"});
-    return run_command(argv);
+    const std::vector<std::string> variables = killing(kill_at);
+    return run_command({"env", "ZORVI_SAMPLE_LAUNCHER_LOG=" + install.log.string(), variables[0], variables[1],
+                        binary_dir() / "bootstrap_entry", install.root, "gui", "5000"});
   }
 
   // A candidate orphaned by a kill may hold its attempt a moment longer,

@@ -4,7 +4,6 @@
 //   snapshot_tool allocate PATH LENGTH WRITE
 //   snapshot_tool reserve MANIFEST ROOT
 //   snapshot_tool extract MANIFEST ARCHIVE STAGING [--reserve]
-//   snapshot_tool verify MANIFEST ROOT
 //
 // Prints "ok" and facts on success, or "error CODE: MESSAGE" with status 1.
 #include <optional>
@@ -40,10 +39,8 @@ int main(int argc, char** argv) {
       std::optional<ReservedTree> tree;
       if (args.size() > 3 && args[3] == "--reserve") tree.emplace(parsed, args.at(2), Progress(), RootObserver());
       extract_snapshot(parsed, args.at(1), args.at(2), Progress(), tree ? &*tree : nullptr);
-    } else if (command == "verify") {
-      verify_snapshot_tree(manifest(), args.at(1), Progress());
     } else {
-      std::cerr << "usage: snapshot_tool allocate|reserve|extract|verify ARGS...\n";
+      std::cerr << "usage: snapshot_tool allocate|reserve|extract ARGS...\n";
       return 2;
     }
     std::cout << "ok\n";
