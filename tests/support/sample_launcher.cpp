@@ -80,11 +80,9 @@ SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std
                   fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
   // The bundle's metadata, without which no shortcut to the installation is made.
   write_text(tree / bootstrap_shortcut_info_plist, "<plist version=\"1.0\"><dict/></plist>\n");
-  const json fields = {{"kind", bootstrap_release_kind},
-                       {"build_id", build},
-                       {"bootstrap_abi", 1},
-                       {"runtime_lease_abi", 1},
-                       {"application_schema", {{"minimum", 1}, {"maximum", 1}}}};
+  json fields =
+      R"({"bootstrap_abi": 1, "runtime_lease_abi": 1, "application_schema": {"minimum": 1, "maximum": 1}})"_json;
+  fields.update({{"kind", bootstrap_release_kind}, {"build_id", build}});
   manifest = release_manifest(tree, archive, fields, "bootstrap-" + build + ".tar.zst");
 }
 
