@@ -86,7 +86,7 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
   } rows[] = {
       {with({{"schema_version", 2}}), load, "unsupported_schema: Unknown launcher state was preserved"},
       {with({{"extra", nullptr}}), load, malformed},
-      {with({{"failed_candidate", {{"reference", seeded}, {"reason", "x"}}}}), load, malformed},
+      {with({{"active", {{"manifest_sha256", std::string(64, 'a')}, {"build", "b"}}}}), load, identity},
       {with({{"active", launcher_reference(std::string(64, 'A'), "b")}}), load, identity},
       {with({{"candidate", nullptr}, {"attempt", {{"nonce", "a1"}}}}), load,
        "launcher_state: Launcher startup identity is invalid"},
