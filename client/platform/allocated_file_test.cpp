@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "client/domain/error.hpp"
+#include "client/platform/directory_handle.hpp"
 #include "tests/support/files_support.hpp"
 #include "tests/support/snapshot_support.hpp"
 
@@ -93,6 +94,12 @@ TEST(AllocatedFile, RecordedBeforeSpaceFinishedDurablyAndReopenedOnlyWhenTheSame
   resumed.write("def");
   resumed.finish(true);
   EXPECT_EQ(testing::read_text(dir / "f"), "abcdef");
+  // The same through a held parent directory.
+  const DirectoryHandle parent = DirectoryHandle::private_directory(dir / "held");
+  const FileReservation held =
+      AllocatedFile(parent, "file", dir / "held" / "file", 1, ReservationObserver()).retain_reservation();
+  AllocatedFile(parent, "file", held).discard();
+  EXPECT_TRUE(fs::is_empty(dir / "held"));
 }
 
 // One row per refusal. A file someone replaced is theirs: it is never removed.

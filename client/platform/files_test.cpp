@@ -51,6 +51,8 @@ TEST(Files, WritersReadersAndMovesDoTheirWork) {
   EXPECT_EQ(read_file(dir / "new" / "state" / "doc.json", 10), "0123456789");
   EXPECT_EQ(read_file_tail(dir / "new" / "state" / "doc.json", 9, &size), "123456789");
   EXPECT_EQ(size, 10u);
+  sync_file(dir / "new" / "marker");
+  sync_directory(dir / "new");
 
   int verified = 0;
   const fs::path installed = dir / "prepared" / "installed", other = dir / "prepared" / "other";
