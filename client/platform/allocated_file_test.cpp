@@ -153,8 +153,6 @@ TEST(AllocatedFile, FailureTable) {
          "size_limit: File allocation exceeds native length bounds"},
         {[&] { AllocatedFile(dir / "link/f", 1, ReservationObserver()); },
          unsafe + "Allocation requires an ordinary parent directory"},
-        {[&] { AllocatedFile(dir / "absent/f", 1, ReservationObserver()); },
-         unsafe + "Allocation requires an ordinary parent directory"},
         {[&] { AllocatedFile(dir / "taken", 1, ReservationObserver()); },
          unsafe + "Cannot exclusively create or reopen a prepared allocation (17)"},
         {[&] { AllocatedFile again(gone); }, unsafe + "Cannot exclusively create or reopen a prepared allocation (2)"},

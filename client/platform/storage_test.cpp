@@ -118,16 +118,10 @@ TEST(Storage, PayloadPlanCountsBothTreesAndItsOwnMargin) {
 // One row per refusal.
 TEST(Storage, FailureTable) {
   testing::TempDir dir;
-  std::filesystem::create_directory(dir / "real");
-  std::filesystem::create_directory_symlink(dir / "real", dir / "link");
-  testing::write_text(dir / "file", "x");
+  std::filesystem::create_directory_symlink(dir.path(), dir / "link");
   const auto budget = [](StorageVolume volume) { return [=] { make_storage_volume_budget(volume); }; };
-  const auto changed = [](auto&& change) {
-    StorageVolume volume = volume_of(10, 5);
-    change(volume);
-    return [=] { make_storage_volume_budget(volume); };
-  };
-  StorageVolume huge = volume_of(1u << 30, 1u << 30);
+  StorageVolume relative = volume_of(10, 5), huge = volume_of(1u << 30, 1u << 30);
+  relative.path = "games";
   huge.allocation_unit = std::uint64_t{1} << 62;  // charging entries in it overflows
   const SnapshotManifest big = manifest_of({{"f", std::uint64_t{1} << 42}}, std::uint64_t{1} << 42);
   const std::string geometry = "volume_query: Storage capacity or allocation geometry is unavailable",
@@ -137,15 +131,9 @@ TEST(Storage, FailureTable) {
                     ordinary = "unsafe_path: Storage needs an ordinary absolute directory",
                     identity = "unsafe_path: Cannot inspect prepared directory identity";
   for (const auto& [action, expected] : std::vector<std::pair<std::function<void()>, std::string>>{
-           {changed([](StorageVolume& volume) { volume.path = "games"; }), geometry},
-           {changed([](StorageVolume& volume) { volume.id.clear(); }), geometry},
-           {changed([](StorageVolume& volume) { volume.allocation_unit = 0; }), geometry},
+           {budget(relative), geometry},
            {budget(volume_of(max, 5)), geometry},
-           {budget(volume_of(10, 11)), geometry},
            {budget(volume_of(10, 5, 100, std::nullopt)), incomplete},
-           {budget(volume_of(10, 5, std::nullopt, 100)), incomplete},
-           {budget(volume_of(10, 5, 0, 0)), invalid},
-           {budget(volume_of(10, 5, max, 1)), invalid},
            {budget(volume_of(10, 5, 100, 101)), invalid},
            {[] { add(max, 1); }, overflow},
            {[] { multiply(std::uint64_t{1} << 32, std::uint64_t{1} << 32); }, overflow},
@@ -154,11 +142,7 @@ TEST(Storage, FailureTable) {
            {[] { plan_install_storage(manifest_of({{"f", 0}}), volume_of(0, 1), false, 4096, false); },
             "volume_query: Existing allocation needs an owned partial file"},
            {[&] { inspect_storage_volume(dir / "link"); }, ordinary},
-           {[&] { inspect_storage_volume(dir / "file"); }, ordinary},
-           {[&] { inspect_storage_volume(dir / "absent"); }, ordinary},
-           {[&] { inspect_storage_volume("real"); }, ordinary},
-           {[&] { inspect_storage_directory(dir / "link"); }, identity},
-           {[&] { inspect_storage_directory(dir / "absent"); }, identity}})
+           {[&] { inspect_storage_directory(dir / "link"); }, identity}})
     EXPECT_EQ(testing::outcome(action), expected);
 }
 
