@@ -100,6 +100,8 @@ TEST(AllocatedFile, RecordedBeforeSpaceFinishedDurablyAndReopenedOnlyWhenTheSame
       AllocatedFile(parent, "file", dir / "held" / "file", 1, ReservationObserver()).retain_reservation();
   AllocatedFile(parent, "file", held).discard();
   EXPECT_TRUE(fs::is_empty(dir / "held"));
+  struct stat held_status{};
+  EXPECT_TRUE(parent.entry_status(".", held_status) && parent.is(held_status) && !DirectoryHandle().is(held_status));
 }
 
 // One row per refusal. A file someone replaced is theirs: it is never removed.

@@ -72,8 +72,8 @@ TEST(Files, WritersReadersAndMovesDoTheirWork) {
 TEST(Files, FailureTable) {
   TempDir dir;
   const fs::path base = dir.path();
-  for (const char* name :
-       {"source", "foreign", "shared", "narrowed", "shared-later", "root/a/nested", "root/b", "loose/tree", "probed"})
+  for (const char* name : {"source", "foreign", "shared", "narrowed", "shared-later", "root/a/nested", "root/b",
+                           "loose/tree", "probed", "swapped"})
     private_directory(dir / name);
   testing::write_text(dir / "source" / "content", "tree");
   fs::permissions(dir / "loose", fs::perms::owner_all | fs::perms::others_exec);
@@ -150,8 +150,13 @@ TEST(Files, FailureTable) {
     fs::rename(b, dir / "root" / "elsewhere");
     private_directory(b);
   };
-  testing::expect_rows({{commit(dir / "narrowed", dir / "new", narrow),
-                         "native_install_commit|Source identity changed during verification"},
+  const auto swap = [&] {
+    fs::rename(dir / "swapped", dir / "swapped-aside");
+    private_directory(dir / "swapped");
+  };
+  const std::string changed = "native_install_commit|Source identity changed during verification";
+  testing::expect_rows({{commit(dir / "narrowed", dir / "new", narrow), changed},
+                        {commit(dir / "swapped", dir / "new", swap), changed},
                         {commit(dir / "shared-later", dir / "new", share), grants}},
                        dir / "new");
   EXPECT_EQ(error_of(exchange(a, b, replace_b)),
