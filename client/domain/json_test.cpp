@@ -66,7 +66,8 @@ std::string typed_outcome(const std::function<json()>& read) {
 // surrogate pairs, UTF-8 at each boundary, integer edges, whitespace, runs of
 // plain text around the word-wide scan, keys out of order.
 const std::vector<std::string> tricky = {
-    "{\"b\":\"\\u00e9\\ud83c\\udfae\\u0000x\\/\\b\\f\\n\\r\\t\\\"\\\\\",\"a\":[],\"\\u0061b\":{},\"\":null}",
+    "{\"b\":\"\\u00e9\\ud83c\\udfae\\u0000x\\/"
+    "\\b\\f\\n\\r\\t\\\"\\\\\",\"a\":[],\"\\u0061b\":{},\"\":null,\"\xc3\xa9\":1,\"Z\":2}",
     "[\"\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\"]",
     "[0,-0,18446744073709551615,-9223372036854775808,9223372036854775808,-1,true,false]",
     " \t\r\n{ \"z\" : [ 1 , { } ] ,\"Z\":\"1234567\\\"\",\"y\":\"12345678\\u0041bcdefgh\xc3\xa9\"} \n",
@@ -124,11 +125,7 @@ TEST(ParseJson, DirectReaderAndLibraryGiveOneAnswer) {
   EXPECT_GT(same, 1000);  // the loop reaches accepted texts and strict refusals, not only syntax errors
 }
 
-TEST(CanonicalJson, WritesSortedByBytesCompactAndQuotesOnlyQuoteAndBackslash) {
-  EXPECT_EQ(canonical_json(parse_json(R"({"b":[1,"x\"y"],"a":null,"Z":{},"\u00e9":[],"ab":"\\/"})", big)),
-            "{\"Z\":{},\"a\":null,\"ab\":\"\\\\/\",\"b\":[1,\"x\\\"y\"],\"\xc3\xa9\":[]}");
-  EXPECT_EQ(canonical_json(parse_json("[true,false,-0,-12,18446744073709551615,\"k\\n\\u0001\"]", big)),
-            "[true,false,0,-12,18446744073709551615,\"k\n\x01\"]");
+TEST(CanonicalJson, RefusesFloatingPointData) {
   const std::string refused = "invalid_number: Cannot canonicalize floating point data";
   EXPECT_EQ(outcome([] { canonical_json(json{{"a", 1.5}}); }), refused);
   EXPECT_EQ(outcome([] { canonical_json(json::binary({1, 2})); }), refused);

@@ -162,8 +162,7 @@ TEST(GameManifest, RealBuildParsesAndEachRuleRefusesWithItsCodeAndMessage) {
   EXPECT_EQ(manifest.encrypted->key.target, "keys/fox");
   EXPECT_EQ(manifest.patches.at(1).source_build_id, "build-5");
   const auto sized = [](json& d, std::uint64_t archive, std::uint64_t encrypted) {
-    d["archive"]["length"] = archive;
-    d["encrypted"]["artifact"]["length"] = encrypted;
+    d["archive"]["length"] = archive, d["encrypted"]["artifact"]["length"] = encrypted;
   };
   const std::string bad = "invalid_manifest: ";
   const std::vector<std::pair<std::function<void(json&)>, std::string>> rows{
@@ -173,24 +172,17 @@ TEST(GameManifest, RealBuildParsesAndEachRuleRefusesWithItsCodeAndMessage) {
        "launcher_incompatible: This build needs a different launcher protocol"},
       {[](json& d) { d["game_id"] = 7; }, bad + "Game manifest has missing or malformed fields"},
       {[](json& d) { d["display_name"] = std::string(201, 'a'); }, bad + "Game display name is missing or too long"},
-      {[](json& d) { d["presentation"] = nullptr; }, "invalid_presentation: Game presentation must be an object"},
       {[](json& d) { d["release_notes"] = std::string(16385, 'a'); }, bad + "Release notes exceed 16 KiB"},
       {[](json& d) { d["release_notes"] = "a\xc2\x85"; }, bad + "Release notes contain unsupported control characters"},
       {[](json& d) { d["sdk"] = {{"required", false}}; }, "ok"},
       {[](json& d) { d["sdk"] = {{"abi_version", 1}}; }, bad + "SDK capability must be explicit"},
-      {[](json& d) { d["sdk"].erase("abi_version"); }, "sdk_incompatible: Game needs an unsupported SDK ABI"},
       {[](json& d) { d["sdk"]["abi_version"] = 2; }, "sdk_incompatible: Game needs an unsupported SDK ABI"},
       {[](json& d) { d["encrypted"]["nonce"] = 1; }, bad + "Unknown encrypted archive field"},
       {[](json& d) { d["encrypted"]["format"] = ""; }, bad + "Invalid encrypted archive decoder name"},
-      {[](json& d) { d["encrypted"]["key"]["mode"] = 1; }, bad + "Unknown encrypted artifact/key descriptor field"},
       {[](json& d) { d["encrypted"]["artifact"]["target"] = "Snapshots/Test.tar.zst"; },
        bad + "Encrypted artifact/key aliases the full snapshot"},
       {[](json& d) { d["encrypted"]["key"]["length"] = 31; }, bad + "Encrypted archive/key exceeds its bound"},
-      {[](json& d) {
-         d["encrypted"]["format"] = "other";
-         d["encrypted"]["artifact"]["length"] = 97;
-       },
-       "ok"},
+      {[](json& d) { d["encrypted"]["format"] = "other", d["encrypted"]["artifact"]["length"] = 97; }, "ok"},
       {[&](json& d) { sized(d, 65536, 65648); }, "ok"},
       {[&](json& d) { sized(d, 65537, 65665); }, "ok"},
       {[&](json& d) { sized(d, std::uint64_t{1} << 42, (std::uint64_t{1} << 42) + (1 << 30) + 96); }, "ok"},
@@ -198,11 +190,7 @@ TEST(GameManifest, RealBuildParsesAndEachRuleRefusesWithItsCodeAndMessage) {
        bad + "Encrypted archive length differs from its fixed authenticated chunks"},
       {[](json& d) { d["patches"] = json::array({1, 2, 3, 4, 5, 6, 7, 8, 9}); },
        bad + "Direct patch list exceeds its bound"},
-      {[](json& d) { d["patches"][0]["note"] = 1; }, bad + "Unknown direct patch field"},
-      {[](json& d) {
-         d["patches"][1]["source"].erase("format");
-         d["patches"][1]["source"]["kind"] = 1;
-       },
+      {[](json& d) { d["patches"][1]["source"].erase("format"), d["patches"][1]["source"]["kind"] = 1; },
        bad + "Missing direct patch field"},
       {[](json& d) { d["patches"][0]["source"]["format"] = "zstd-patch"; },
        bad + "A direct patch must start from a full snapshot"},

@@ -201,15 +201,11 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
   const std::string skippable = "printf '\\120\\52\\115\\030\\004\\000\\000\\000abcd'";
   const std::string behind_tar = "archive: Snapshot carries data after the end of its tar archive";
   const std::string trailing = "archive: Trailing or concatenated Zstandard frames are forbidden";
-  const std::string one_frame = "archive: Snapshot must contain exactly one ordinary Zstandard frame";
   const std::string ordinary = "archive_type: Only ordinary files are accepted in snapshots";
   const std::string unexpected = "archive_inventory: Archive contains an unexpected or duplicate file";
   const std::string shape = "archive_inventory: Archive file length or mode differs from manifest";
   const std::string incomplete = "archive: Snapshot is incomplete or malformed";
   const std::string unverified = "content_mismatch: Snapshot differs from its verified application manifest";
-  const std::string unmanaged = "unexpected_file: Game tree contains an unmanaged file";
-  const std::string missing = "missing_file: Game content is incomplete; repair is available";
-  const std::string differs = "content_mismatch: Game content differs from the verified manifest: data/a";
   const std::string root = "unsafe_path: Game content directory is missing or linked";
   const std::string cancelled = "cancelled: Operation cancelled at a safe boundary";
   struct Row {
@@ -225,12 +221,10 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
        behind_tar},
       {"second tar in the frame", one_game, shell("{ " + tar_game + " -b 1; " + tar_game + " -b 1; }" + zstd),
        behind_tar},
-      {"second frame", one_game, shell(tar_game + zstd + " && echo more | zstd -q -c >> \"$1\""), trailing},
       {"second frame behind a large tar", sample_files(), shell("echo more | zstd -q -c >> \"$1\""), trailing},
       {"skippable frame after", one_game, shell(tar_game + zstd + " && " + skippable + " >> \"$1\""), trailing},
       {"skippable frame first", one_game, shell(skippable + " > \"$1\" && " + tar_game + " | zstd -q -c >> \"$1\""),
-       one_frame},
-      {"not compressed", one_game, shell(tar_game + " > \"$1\""), one_frame},
+       "archive: Snapshot must contain exactly one ordinary Zstandard frame"},
       {"decompression bomb", one_game,
        shell("mkdir -p bomb/bin && truncate -s 256M bomb/bin/game && tar -C bomb -cf - bin/game" + zstd),
        "size_limit: Decoded tar stream exceeds authenticated expansion bounds"},
@@ -281,22 +275,18 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
        [](Packed& p) { p.extract([calls = 0](auto, auto) mutable { return ++calls < 3; }); }, cancelled},
       {"cancelled inside a digest", sample_files(),
        [](Packed& p) { p.extract(), verify_snapshot_tree(p.manifest, p.staging, stops_inside_one_pak); }, cancelled},
-      {"decoder of a missing file", one_game, [](Packed& p) { BoundedZstd(p.dir / "absent", 10); },
-       "archive: Cannot open bounded snapshot decoder"},
       {"decoder of a folder", one_game, [](Packed& p) { BoundedZstd(p.dir.path(), 10); },
        "archive: Snapshot read failed"},
-      {"decoder of two bytes", one_game,
-       [](Packed& p) { testing::write_text(p.archive, "\x28\xb5"), BoundedZstd(p.archive, 10); }, one_frame},
-      {"foreign fifo", game_and_data, damaged([](auto& r) { ::mkfifo((r / "bin/fifo").c_str(), 0600); }), unmanaged},
+      {"foreign fifo", game_and_data, damaged([](auto& r) { ::mkfifo((r / "bin/fifo").c_str(), 0600); }),
+       "unexpected_file: Game tree contains an unmanaged file"},
       {"foreign unsafe name", game_and_data, damaged([](auto& r) { testing::write_text(r / "a:b", "x"); }),
        "unsafe_path: Path contains an unsafe component"},
       {"link in the tree", game_and_data, damaged([](auto& r) { fs::create_symlink("/etc/passwd", r / "data/l"); }),
        "unsafe_path: Game tree contains a symbolic link"},
-      {"file removed", game_and_data, damaged([](auto& r) { fs::remove(r / "data/a"); }), missing},
-      {"file became a folder", game_and_data,
-       damaged([](auto& r) { fs::remove(r / "data/a"), fs::create_directory(r / "data/a"); }), missing},
-      {"changed bytes", game_and_data, damaged([](auto& r) { testing::write_text(r / "data/a", "alphA"); }), differs},
-      {"changed length", game_and_data, damaged([](auto& r) { testing::write_text(r / "data/a", "alpha!"); }), differs},
+      {"file removed", game_and_data, damaged([](auto& r) { fs::remove(r / "data/a"); }),
+       "missing_file: Game content is incomplete; repair is available"},
+      {"changed bytes", game_and_data, damaged([](auto& r) { testing::write_text(r / "data/a", "alphA"); }),
+       "content_mismatch: Game content differs from the verified manifest: data/a"},
       {"execute bit lost", game_and_data, damaged([](auto& r) { remove_exec(r / "bin/game"); }),
        "content_mode: Game executable permission is missing"},
       {"root is a link", game_and_data, damaged([](auto& r) {
