@@ -204,8 +204,9 @@ TEST(Signature, MalformedKeysAndSignaturesAreRefusedWithoutRaising) {
     refused.emplace_back(ed.key, bad);
   for (const std::string& bad : {pub.substr(2), pub + "00", pub + std::string(16384, '0')})
     refused.emplace_back(tuf_key("ed25519", "ed25519", bad), sig);
-  for (const json& key : {json(nullptr), json::array({ed.key}), json("ed25519"), json::object(),
-                          tuf_key("ED25519", "ed25519", pub), json{{"keytype", "ed25519"}, {"scheme", "ed25519"}, {"keyval", "public"}}})
+  for (const json& key :
+       {json(nullptr), json::array({ed.key}), json("ed25519"), json::object(), tuf_key("ED25519", "ed25519", pub),
+        json{{"keytype", "ed25519"}, {"scheme", "ed25519"}, {"keyval", "public"}}})
     refused.emplace_back(key, sig);
   const json members = ed.key.flatten();
   for (const auto& [text, value] : members.items()) {
