@@ -7,8 +7,6 @@
 // pairing it with a kill at another step of that first start.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <thread>
 
 #include "tests/support/sample_launcher.hpp"
@@ -26,7 +24,7 @@ constexpr const char* orphan_refusal = "The unfinished launcher is still using i
 
 long rounds() {
   const char* text = std::getenv("ZORVI_CRASH_ROUNDS");
-  return text != nullptr && std::atol(text) > 0 ? std::atol(text) : 1;
+  return std::max(1L, text != nullptr ? std::atol(text) : 1L);
 }
 
 struct LauncherCrash : ::testing::Test {
@@ -41,16 +39,14 @@ struct LauncherCrash : ::testing::Test {
   }
   CommandResult stage(long kill_at) const { return install.stage(repository, killing(kill_at)); }
   CommandResult entry(long kill_at) const {
-    std::vector<std::string> argv{"env", "ZORVI_SAMPLE_LAUNCHER_LOG=" + install.log.string()};
-    for (const std::string& variable : killing(kill_at)) argv.push_back(variable);
-    argv.insert(argv.end(), {binary_dir() / "bootstrap_entry", install.root, "gui", "5000"});
-    return run_command(argv);
+    const std::vector<std::string> variables = killing(kill_at);
+    return run_command({"env", "ZORVI_SAMPLE_LAUNCHER_LOG=" + install.log.string(), variables[0], variables[1],
+                        binary_dir() / "bootstrap_entry", install.root, "gui", "5000"});
   }
 
   // A candidate orphaned by a kill may hold its attempt a moment longer,
   // which a start refuses (launcher_running): that start is tried again.
-  template <class Start>
-  static CommandResult patiently(const Start& start) {
+  static CommandResult patiently(const std::function<CommandResult()>& start) {
     CommandResult result = start();
     for (int retry = 0; retry < 100 && result.err.find(orphan_refusal) != std::string::npos; ++retry) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -77,15 +73,16 @@ struct LauncherCrash : ::testing::Test {
   }
 
   // Records the data and trust folders, runs the road once in full (which
-  // must take more than `least` steps and leave the `slots` named), then for every step: puts the folders
-  // back by copy at the same paths, kills the road there, kills the first
-  // start after it at another step (recovering may itself crash), and checks
-  // with `after` once a real start has run a launcher.
-  template <class Road>
-  void campaign(const std::string& name, const Road& road, long least, const std::string& slots,
-                const std::function<void()>& after) {
+  // must take more than `least` steps and leave the `slots` named), then for
+  // every step: puts the folders back by copy at the same paths, kills the
+  // road there, kills the first start after it at another step (recovering
+  // may itself crash), and checks with `after` once a real start has run a
+  // launcher.
+  void campaign(const std::string& name, const std::function<CommandResult(long)>& road, long least,
+                const std::string& slots, const std::function<void()>& after) {
+    const auto copy = [](const fs::path& from, const fs::path& to) { return run_command({"cp", "-a", from, to}); };
     for (const fs::path& folder : {install.root, repository.trust})
-      ASSERT_EQ(run_command({"cp", "-a", folder, saved.path() / folder.filename()}).status, 0);
+      ASSERT_EQ(copy(folder, saved.path() / folder.filename()).status, 0);
     const CommandResult full = road(0);
     ASSERT_EQ(full.status, 0) << full.out << full.err;
     ASSERT_EQ(install.slots(), slots);
@@ -99,7 +96,7 @@ struct LauncherCrash : ::testing::Test {
                      ", the next start after step " + std::to_string(then));
         for (const fs::path& folder : {install.root, repository.trust}) {
           fs::remove_all(folder);
-          ASSERT_EQ(run_command({"cp", "-a", saved.path() / folder.filename(), folder}).status, 0);
+          ASSERT_EQ(copy(saved.path() / folder.filename(), folder).status, 0);
         }
         ASSERT_EQ(road(kill_at).status, 137);
         const CommandResult start = patiently([&] { return entry(then); });

@@ -54,6 +54,8 @@ TEST(LauncherAttempts, AnAttemptEndsByItsLauncherDyingOrByProof) {
       {[&] { confirm(first); }, "launcher_lease: Launcher startup did not acknowledge native content ownership"},
       {[&] { acknowledge(first, "gui"), confirm(first); },
        "launcher_lease: Launcher lease acknowledgement does not match its build, process, mode and attempt"},
+      {[&] { testing::write_text(ack, "{"), confirm(first); },  // not JSON: no match, and no other error
+       "launcher_lease: Launcher lease acknowledgement does not match its build, process, mode and attempt"},
       {[&] {
          std::filesystem::remove(ack), acknowledge(first, "cli"), testing::write_text(program, "changed"),
              confirm(first);

@@ -115,8 +115,7 @@ TEST(LauncherBootstrap, UnconfirmedAndDamagedVersionsAreSkipped) {
   EXPECT_EQ(boot.run("quick", "gui", "1000"), 0);
   const auto started = [&](const json& expected, const std::string& skipped, int attempts) {
     EXPECT_EQ(boot.run("quick", "gui", "1000", {"--", "--data-dir", "x"}), 5);
-    EXPECT_EQ(boot.err,
-              skipped.empty() ? "" : "zorvi: launcher version unusable (launcher_damaged): " + skipped + "\n");
+    EXPECT_EQ(boot.err, skipped.empty() ? "" : "zorvi: launcher version unusable " + skipped + "\n");
     const auto marker = read_start_marker(boot.data);
     EXPECT_EQ(json({marker->manifest_sha256, marker->attempts}), json({expected["manifest_sha256"], attempts}));
     return boot.last_start("exec", expected) == " -- --data-dir x";
@@ -133,11 +132,16 @@ TEST(LauncherBootstrap, UnconfirmedAndDamagedVersionsAreSkipped) {
   backdate(b, 1);
   EXPECT_TRUE(started(b, "", 2));
   backdate(b, 2);
-  EXPECT_TRUE(started(a, "This Zorvi version failed to start twice", 1));
+  EXPECT_TRUE(started(a, "(launcher_damaged): This Zorvi version failed to start twice", 1));
   confirm_launcher_start(boot.data);
   EXPECT_FALSE(read_start_marker(boot.data));
+  std::string image = testing::read_text(boot.store.payload(b) / "bin/zorvi-gui");
+  image[image.size() / 2] ^= 1;  // same size: only the full proof an unconfirmed start gets can find it
+  testing::write_text(boot.store.payload(b) / "bin/zorvi-gui", image);
+  backdate(b, 0);
+  EXPECT_TRUE(started(a, "(content_mismatch): Game content differs from the verified manifest: bin/zorvi-gui", 1));
   testing::write_text(boot.store.payload(b) / "bin/zorvi-gui", "short");
-  EXPECT_TRUE(started(a, "Zorvi's files are damaged. Reinstall Zorvi to repair them.", 1));
+  EXPECT_TRUE(started(a, "(launcher_damaged): Zorvi's files are damaged. Reinstall Zorvi to repair them.", 1));
 }
 
 // Refusals of runs that never start anything; the store holds no version.
@@ -156,7 +160,6 @@ TEST(LauncherBootstrap, RefusedRuns) {
   } rows[] = {
       {run("gui", 0, {}), limit},
       {run("gui", 30001, {}), limit},
-      {run("gui", 1000, {"--launch", "--data-dir"}), usage},
       {run("cli", 1000, {"--data-dir", "x", "list"}), usage},
       {run("cli", 1000, {"--json", "self", "uninstall"}),
        "launcher_missing: No installed Zorvi version could be started"},

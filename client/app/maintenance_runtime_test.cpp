@@ -132,10 +132,6 @@ TEST(MaintenanceRuntime, Refusals) {
   } rows[] = {
       {testing::outcome([] { maintenance_arguments({"self", "uninstall", "--remove-data", "--remove-data"}, "d"); }),
        "usage: Use self uninstall [--remove-data]"},
-      {testing::outcome([&] { native_maintenance_control(dir / "data", {"self", "shortcut"}, {}); }), shortcut},
-      {testing::outcome(
-           [&] { native_maintenance_control(dir / "data", {"--json", "self", "shortcut", "create", "--game"}, {}); }),
-       shortcut},
       {testing::outcome(
            [&] { native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "no way"}, {}); }),
        shortcut},

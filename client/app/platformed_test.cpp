@@ -51,6 +51,7 @@ TEST(PlatformedGame, RefusesEachFaultWithItsOwnSentence) {
       {R"({"game_id": "Star Miner"})"_json, "zorvi-platform.json has an unusable \"game_id\""},
       {R"({"name": ""})"_json, "zorvi-platform.json has an unusable \"name\""},
       {R"({"executable": "linked/star-miner"})"_json, "zorvi-platform.json has an unusable \"executable\""},
+      {R"({"executable": "game/star-miner."})"_json, "zorvi-platform.json has an unusable \"executable\""},
       {R"({"crash_service": "https://:8443"})"_json,
        "zorvi-platform.json needs \"crash_service\" as a plain https:// origin"},
       {R"({"ca_bundle": "../ca.pem", "crash_service": "http://crash.example"})"_json,

@@ -58,6 +58,7 @@ TEST(Pbkdf2Sha256, MatchesPublishedVectorsAndPython) {
 TEST(AuthenticatedChunks, FailureTable) {
   const testing::TempDir dir;
   make_archive(dir / "a", 65546);
+  make_archive(dir / "big", 100 * 65536);  // more records than the reader may run ahead
   const auto flip = [](std::string text, std::size_t at, char mask = 4) { return text[at] ^= mask, text; };
   const std::string file = testing::read_text(dir / "a"), chunk = file.substr(96, record), aad = file.substr(0, 80);
   const std::string nonce = flip(file.substr(40, 12), 11, 1);  // the first chunk's
@@ -90,6 +91,7 @@ TEST(AuthenticatedChunks, FailureTable) {
       {[] { pbkdf2_sha256("p", {}, 0); }, derivation, 0},
       {[] { pbkdf2_sha256(std::string(4097, 'p'), {}, 1); }, derivation, 0},
       {archive(flip(file, file.size() - 1)), auth, 65536},  // the second chunk's tag
+      {archive(flip(testing::read_text(dir / "big"), 96 + record - 1)), auth, 0},
       {archive(file.substr(0, 95)), "encrypted_format: Encrypted archive is shorter than its header", 0},
       {archive("Z" + file.substr(1)), "encrypted_format: Encrypted archive header is not of the known format", 0},
       {archive(file + "x"), "encrypted_format: Encrypted archive length differs from its header", 0},

@@ -33,36 +33,24 @@ void macos(json& d) {
 TEST(BootstrapContract, EachRuleOfTheStableEntry) {
   const std::string helper =
       "invalid_native_package: macOS bootstrap launch documents need their declared native app helper and metadata";
-  const std::vector<std::tuple<std::function<void(json&)>, std::string>> rows{
+  const std::string windows = "bin/zorvi-bootstrap.exe";
+  const std::vector<std::pair<std::function<void(json&)>, std::string>> rows{
       {[](json&) {}, "ok"},
       {macos, "ok"},
-      {[](json& d) {
-         d["platform"] = "windows-x86_64";
-         d["executable"] = d["files"][0]["path"] = "bin/zorvi-bootstrap.exe";
+      {[&](json& d) {
+         d["platform"] = "windows-x86_64", d["executable"] = d["files"][0]["path"] = windows;
          add(d, "gui_executable", "bin/zorvi-bootstrap-gui.exe", true);
        },
        "ok"},
       {[](json& d) { d["bootstrap_abi"] = 2; },
        "launcher_incompatible: Initial bootstrap schema or ABI is unsupported"},
-      {[](json& d) { d["executable"] = d["files"][0]["path"] = "bin/zorvi-bootstrap.exe"; },
+      {[&](json& d) { d["executable"] = d["files"][0]["path"] = windows; },
        "launcher_incompatible: Initial bootstrap has a missing or incompatible stable entry point"},
       {[](json& d) { add(d, "gui_executable", "bin/zorvi-bootstrap-gui.exe", true); },
        "invalid_native_package: Initial bootstrap GUI entry must be its declared Windows windowed executable"},
-      {[](json& d) {
-         macos(d);
-         d["platform"] = "linux-x86_64";
-       },
-       helper},
-      {[](json& d) {
-         macos(d);
-         d["files"][3]["mode"] = 493;
-       },
-       helper},
-      {[](json& d) {
-         macos(d);
-         d["files"].erase(3);
-       },
-       helper},
+      {[](json& d) { macos(d), d["platform"] = "linux-x86_64"; }, helper},
+      {[](json& d) { macos(d), d["files"][3]["mode"] = 493; }, helper},
+      {[](json& d) { macos(d), d["files"].erase(3); }, helper},
       {[](json& d) { d["files"][1]["mode"] = 493; },
        "invalid_native_package: Initial bootstrap snapshot contains an undeclared executable helper"},
   };

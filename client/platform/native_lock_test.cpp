@@ -3,11 +3,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
 #include <thread>
 
-#include <gtest/gtest.h>
-
-#include "client/domain/error.hpp"
 #include "client/platform/files.hpp"
 #include "tests/support/files_support.hpp"
 #include "tests/support/test_support.hpp"
@@ -18,39 +16,29 @@ namespace {
 namespace fs = std::filesystem;
 using testing::error_of;
 using testing::ProgramChild;
-using testing::shell;
-using testing::TempDir;
-using testing::user_symlink;
 
 const std::string busy = "busy|Another Zorvi operation is using this state";
 const fs::perms private_file = fs::perms::owner_read | fs::perms::owner_write;
 
 // The other process is files_probe, holding its lock until it is killed.
-TEST(Locks, ExclusiveAndSharedBetweenProcesses) {
-  TempDir dir;
+TEST(Locks, ExclusiveAndSharedBetweenProcessesAndAWaiterGetsTheLockOnRelease) {
+  testing::TempDir dir;
   for (const bool native : {false, true}) {
     const fs::path path = dir / (native ? "native.lock" : "file.lock");
     const std::string held = native ? "busy|Another worker owns this native installation" : busy;
-    const std::string hold = native ? "hold_native_lock" : "hold_lock";
     const auto attempt = [&](LockMode mode) {
       return error_of([&] {
         if (native) NativeFileLock lock(path, true, NativeLockSharing::shared_install, mode);
         else FileLock lock(path, false, mode);
       });
     };
-    {
-      ProgramChild holder("files_probe", {hold, path.string(), "exclusive"});
+    for (const std::string holding : {"exclusive", "shared"}) {
+      ProgramChild holder("files_probe", {native ? "hold_native_lock" : "hold_lock", path.string(), holding});
       ASSERT_EQ(holder.read_line(), "locked");
       EXPECT_EQ(attempt(LockMode::exclusive), held);
-      EXPECT_EQ(attempt(LockMode::shared), held);
+      EXPECT_EQ(attempt(LockMode::shared), holding == "shared" ? "no error" : held);
     }
     EXPECT_EQ(attempt(LockMode::exclusive), "no error");
-    {
-      ProgramChild holder("files_probe", {hold, path.string(), "shared"});
-      ASSERT_EQ(holder.read_line(), "locked");
-      EXPECT_EQ(attempt(LockMode::shared), "no error");
-      EXPECT_EQ(attempt(LockMode::exclusive), held);
-    }
     // The lock file stays, private and empty.
     EXPECT_EQ(fs::file_size(path), 0u);
     EXPECT_EQ(fs::status(path).permissions(), private_file);
@@ -60,7 +48,6 @@ TEST(Locks, ExclusiveAndSharedBetweenProcesses) {
     FileLock mine(path, false, LockMode::exclusive);
     EXPECT_EQ(ProgramChild("files_probe", {"hold_lock", path.string(), "shared"}).read_line(), busy);
   }
-  // A waiting lock is granted once the holder lets go.
   ProgramChild holder("files_probe", {"hold_lock", path.string(), "exclusive"});
   ASSERT_EQ(holder.read_line(), "locked");
   std::thread releaser([&] {
@@ -72,12 +59,14 @@ TEST(Locks, ExclusiveAndSharedBetweenProcesses) {
   EXPECT_TRUE(waited.matches_path(path));
 }
 
-TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOne) {
-  TempDir dir;
+TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOneAndARetainedLockOutlivesItsObject) {
+  testing::TempDir dir;
   const fs::path path = dir / ".lock";
+  // The locked file moves aside, still linked once, and an equal one takes its
+  // name: only the file's identity tells them apart.
   const auto replace = [&] {
-    atomic_write(dir / "replacement", "");
-    fs::rename(dir / "replacement", path);
+    fs::rename(path, dir / "moved");
+    atomic_write(path, "");
   };
   {
     FileLock lock(path, false, LockMode::exclusive);
@@ -85,20 +74,15 @@ TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOne) {
     EXPECT_FALSE(lock.matches_path(dir / "other"));
     replace();
     EXPECT_FALSE(lock.matches_path(path));
-    fs::remove(path);
-    EXPECT_FALSE(lock.matches_path(path));
     // A fresh lock file under the same name is a new lock, not the old one.
     EXPECT_EQ(error_of([&] { FileLock fresh(path, false, LockMode::exclusive); }), "no error");
   }
-  NativeFileLock lock(path, false, NativeLockSharing::exclusive_install, LockMode::exclusive);
-  EXPECT_TRUE(lock.matches_path(path));
-  replace();
-  EXPECT_FALSE(lock.matches_path(path));
-}
-
-TEST(FileLock, RetainedLockOutlivesItsObject) {
-  TempDir dir;
-  const fs::path path = dir / ".lock";
+  {
+    NativeFileLock lock(path, false, NativeLockSharing::exclusive_install, LockMode::exclusive);
+    EXPECT_TRUE(lock.matches_path(path));
+    replace();
+    EXPECT_FALSE(lock.matches_path(path));
+  }
   auto lock = std::make_unique<FileLock>(path, false, LockMode::exclusive);
   lock->retain_until_process_exit();
   EXPECT_FALSE(lock->matches_path(path));
@@ -106,37 +90,31 @@ TEST(FileLock, RetainedLockOutlivesItsObject) {
   EXPECT_EQ(error_of([&] { FileLock again(path, false, LockMode::shared); }), busy);
 }
 
-TEST(NativeFileLock, LivesInAnOrdinaryFolderButIsItselfPrivate) {
-  TempDir dir;
-  fs::create_directory(dir / "install");
-  fs::permissions(dir / "install", static_cast<fs::perms>(0777));
-  shell("setfacl -d -m u:65534:rw " + (dir / "install").string());
-  const fs::path path = dir / "install" / ".lock";
-  NativeFileLock lock(path, true, NativeLockSharing::exclusive_install, LockMode::exclusive);
-  EXPECT_EQ(fs::status(path).permissions(), private_file);
-  EXPECT_EQ(testing::run_command({"getfacl", "-cpE", path.string()}).out, "user::rw-\ngroup::---\nother::---\n\n");
-  EXPECT_EQ(fs::status(dir / "install").permissions(), static_cast<fs::perms>(0777));
-}
-
-// Lock files are refused, never repaired: whatever is found stays as it was.
+// An installation's lock lives in an ordinary shared folder but is itself private.
 TEST(Locks, RefuseLockFilesTheyCannotTrustAndLeaveThem) {
-  TempDir dir;
+  testing::TempDir dir;
+  fs::create_directory(dir / "shared-folder");
+  fs::permissions(dir / "shared-folder", static_cast<fs::perms>(0777));
+  testing::shell("setfacl -d -m u:65534:rw " + (dir / "shared-folder").string());
+  NativeFileLock installed(dir / "shared-folder/.lock", true, NativeLockSharing::exclusive_install,
+                           LockMode::exclusive);
+  EXPECT_EQ(testing::run_command({"getfacl", "-cpE", (dir / "shared-folder/.lock").string()}).out,
+            "user::rw-\ngroup::---\nother::---\n\n");
+  EXPECT_EQ(fs::status(dir / "shared-folder").permissions(), static_cast<fs::perms>(0777));
+
   const auto lock_file = [&](const std::string& name, int mode, const std::string& content = "") {
     testing::write_text(dir / name, content);
     fs::permissions(dir / name, static_cast<fs::perms>(mode));
     return dir / name;
   };
-  const fs::path open = lock_file("open", 0644);
-  const fs::path linked = lock_file("linked", 0600);
+  const fs::path open = lock_file("open", 0644), linked = lock_file("linked", 0600);
+  const fs::path foreign = lock_file("foreign", 0600), shared = lock_file("shared", 0600);
   ASSERT_EQ(::link(linked.c_str(), (dir / "second").c_str()), 0);
-  const fs::path foreign = lock_file("foreign", 0600);
   ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
-  const fs::path shared = lock_file("shared", 0600);
-  shell("setfacl -n -m u:65534:rw " + shared.string());
-  user_symlink(open, dir / "symlink");
+  testing::shell("setfacl -n -m u:65534:rw " + shared.string());
+  testing::user_symlink(open, dir / "symlink");
   fs::create_directory(dir / "directory");
-  user_symlink(dir / "directory", dir / "linked-parent");
-
+  testing::user_symlink(dir / "directory", dir / "linked-parent");
   const auto file = [](const fs::path& path) { return [=] { FileLock lock(path, false, LockMode::exclusive); }; };
   const auto native = [](const fs::path& path, bool create = true, int sharing = 0, int mode = 0) {
     return [=] {

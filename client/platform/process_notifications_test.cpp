@@ -2,127 +2,101 @@
 
 #include <signal.h>
 
+#include <gtest/gtest.h>
 #include <algorithm>
 #include <mutex>
 #include <random>
 
-#include <gtest/gtest.h>
-
-#include "client/domain/error.hpp"
 #include "client/platform/process.hpp"
 #include "client/platform/process_identity.hpp"
 #include "tests/support/process_support.hpp"
+#include "tests/support/test_support.hpp"
 
 namespace zorvi {
 namespace {
 
-using testing::outcome;
-
 // Children here are plain system programs, so that this test runs alone in
 // a ThreadSanitizer build without the probe program.
 struct Watched {
-  ChildProcess child;
+  explicit Watched(const char* program, std::vector<std::string> arguments = {"60"})
+      : child(program, arguments, "/", {}, ChildStreams::Separated, ChildEnvironment::Clean,
+              [this](std::uint64_t pid) { identity = native_process_identity(pid); }) {}
+  void end() {
+    ::kill(static_cast<pid_t>(child.pid()), SIGKILL);
+    child.wait();
+  }
   json identity;
+  ChildProcess child;
 };
 
-Watched start(const char* program, std::vector<std::string> arguments = {}) {
-  json identity;
-  ChildProcess child(program, arguments, "/", {}, ChildStreams::Separated, ChildEnvironment::Clean,
-                     [&](std::uint64_t pid) { identity = native_process_identity(pid); });
-  return {std::move(child), identity};
-}
-
-Watched lingering() { return start("/bin/sleep", {"60"}); }
-
-void end(Watched& watched) {
-  ::kill(static_cast<pid_t>(watched.child.pid()), SIGKILL);
-  watched.child.wait();
-}
-
-class Recorder {
- public:
-  ProcessNotifications::Callback callback() {
-    return [this](const std::string& text) {
-      const std::lock_guard lock(mutex_);
-      events_.push_back(text);
-    };
+// Notifications that record every report; reaches(n) waits for the n-th.
+struct Recorder {
+  Recorder() {
+    notifications.start([this](const std::string& text) {
+      const std::lock_guard lock(mutex);
+      events.push_back(text);
+    });
   }
-  std::vector<std::string> events() {
-    const std::lock_guard lock(mutex_);
-    return events_;
+  std::vector<std::string> seen() {
+    const std::lock_guard lock(mutex);
+    return events;
   }
   bool reaches(std::size_t count) {
-    return testing::eventually([&] { return events().size() >= count; });
+    return testing::eventually([&] { return seen().size() >= count; });
   }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> events_;
+  std::mutex mutex;
+  std::vector<std::string> events;
+  ProcessNotifications notifications;
 };
 
 TEST(ProcessNotifications, SixteenChildrenEndingInRandomOrder) {
-  std::vector<Watched> children;
+  std::vector<std::unique_ptr<Watched>> children;
   json identities = json::array();
-  for (int i = 0; i < 16; ++i) {
-    children.push_back(lingering());
-    identities.push_back(children.back().identity);
-  }
+  for (int i = 0; i < 16; ++i) identities.push_back(children.emplace_back(new Watched("/bin/sleep"))->identity);
   Recorder recorder;
-  ProcessNotifications notifications;
-  notifications.start(recorder.callback());
-  notifications.update(identities);
-
-  std::vector<std::size_t> order(children.size());
-  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  recorder.notifications.update(identities);
   const auto seed = std::random_device{}();
-  std::shuffle(order.begin(), order.end(), std::mt19937(seed));
   SCOPED_TRACE("seed " + std::to_string(seed));
-  for (std::size_t done = 0; done < order.size(); ++done) {
-    end(children[order[done]]);
+  std::shuffle(children.begin(), children.end(), std::mt19937(seed));
+  for (std::size_t done = 0; done < children.size(); ++done) {
+    children[done]->end();
     ASSERT_TRUE(recorder.reaches(done + 1)) << done;
-    EXPECT_EQ(recorder.events().size(), done + 1);
+    EXPECT_EQ(recorder.seen().size(), done + 1);
     // The same set once more, in another order, is no change.
     std::reverse(identities.begin(), identities.end());
-    notifications.update(identities);
+    recorder.notifications.update(identities);
   }
-  notifications.stop();
-  EXPECT_EQ(recorder.events(), std::vector<std::string>(16, ""));
+  recorder.notifications.stop();
+  EXPECT_EQ(recorder.seen(), std::vector<std::string>(16, ""));
 }
 
 TEST(ProcessNotifications, FollowsTheWantedSet) {
-  Watched a = lingering();
-  Watched b = lingering();
-  Watched c = lingering();
+  Watched a("/bin/sleep"), b("/bin/sleep"), c("/bin/sleep");
   // Identities that have ended already: each one's report shows that the
   // thread has taken in the update that named it.
-  Watched gone[] = {start("/bin/true"), start("/bin/true"), start("/bin/true")};
+  Watched gone[] = {Watched("/bin/true", {}), Watched("/bin/true", {}), Watched("/bin/true", {})};
   for (auto& watched : gone) watched.child.wait();
   const json unwatchable{{"schema_version", 1}, {"pid", 1}};
   Recorder recorder;
-  ProcessNotifications notifications;
-  notifications.start(recorder.callback());
-  notifications.update({a.identity, b.identity, c.identity});
-
-  notifications.update({a.identity, c.identity, gone[0].identity, unwatchable});
-  ASSERT_TRUE(recorder.reaches(2));
-  end(b);  // no longer wanted: never reported
-  end(a);
+  const auto want = [&](const json& identities, std::size_t reports) {
+    recorder.notifications.update(identities);
+    return recorder.reaches(reports);
+  };
+  recorder.notifications.update({a.identity, b.identity, c.identity});
+  ASSERT_TRUE(want({a.identity, c.identity, gone[0].identity, unwatchable}, 2));
+  b.end();  // no longer wanted: never reported
+  a.end();
   ASSERT_TRUE(recorder.reaches(3));
-  notifications.update({a.identity, c.identity, gone[0].identity, unwatchable, gone[1].identity});
-  ASSERT_TRUE(recorder.reaches(4));
-  EXPECT_EQ(recorder.events().size(), 4U);
-
+  ASSERT_TRUE(want({a.identity, c.identity, gone[0].identity, unwatchable, gone[1].identity}, 4));
+  EXPECT_EQ(recorder.seen().size(), 4U);
   // Wanted again, the ended child gets a new watcher and is reported once.
-  notifications.update({c.identity, a.identity, b.identity, gone[0].identity, gone[1].identity});
-  ASSERT_TRUE(recorder.reaches(5));
-  notifications.update({c.identity, gone[2].identity});
-  ASSERT_TRUE(recorder.reaches(6));
-  notifications.update({c.identity, a.identity});
-  ASSERT_TRUE(recorder.reaches(7));
-  end(c);
+  ASSERT_TRUE(want({c.identity, a.identity, b.identity, gone[0].identity, gone[1].identity}, 5));
+  ASSERT_TRUE(want({c.identity, gone[2].identity}, 6));
+  ASSERT_TRUE(want({c.identity, a.identity}, 7));
+  c.end();
   ASSERT_TRUE(recorder.reaches(8));
-  notifications.stop();
-  auto events = recorder.events();
+  recorder.notifications.stop();
+  auto events = recorder.seen();
   std::sort(events.begin(), events.end());
   std::vector<std::string> expected(7, "");
   expected.push_back("Native process identity could not be watched");
@@ -131,33 +105,27 @@ TEST(ProcessNotifications, FollowsTheWantedSet) {
 
 TEST(ProcessNotifications, RefusesWhatItCannotTake) {
   ProcessNotifications notifications;
+  const auto update = [&](const json& identities) {
+    return testing::outcome([&] { notifications.update(identities); });
+  };
   const std::string inactive = "process_watch: Process notifications are not active";
-  EXPECT_EQ(outcome([&] { notifications.update(json::array()); }), inactive);
+  EXPECT_EQ(update(json::array()), inactive);
   notifications.start([](const std::string&) {});
-  EXPECT_EQ(outcome([&] { notifications.start([](const std::string&) {}); }),
+  EXPECT_EQ(testing::outcome([&] { notifications.start([](const std::string&) {}); }),
             "process_watch: Process notifications can only start once");
-  const auto sized = [](std::size_t bytes) {
-    json identity{{"pad", ""}};
-    identity["pad"] = std::string(bytes - identity.dump().size(), 'x');
-    return identity;
-  };
+  const auto sized = [](std::size_t bytes) { return json::array({json{{"pad", std::string(bytes - 10, 'x')}}}); };
   const std::string too_many = "size_limit: Native process watch snapshot exceeds its bound";
-  struct Row {
-    const char* name;
-    json identities;
-    std::string expected;
-  } rows[] = {
-      {"object instead of array", json::object(), too_many},
-      {"4099 entries", json(std::vector<json>(max_watched_identities + 1, json::object())), too_many},
-      {"entry not an object", json::array({1}), "process_watch: Native process watch identity must be an object"},
-      {"1025 bytes", json::array({sized(1025)}), "size_limit: Native process watch identity exceeds its bound"},
-      {"1024 bytes", json::array({sized(1024)}), "ok"},
+  const std::pair<json, std::string> rows[] = {
+      {json::object(), too_many},
+      {json(std::vector<json>(max_watched_identities + 1, json::object())), too_many},
+      {json::array({1}), "process_watch: Native process watch identity must be an object"},
+      {sized(1025), "size_limit: Native process watch identity exceeds its bound"},
+      {sized(1024), "ok"},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(outcome([&] { notifications.update(row.identities); }), row.expected) << row.name;
+  for (const auto& [identities, expected] : rows) EXPECT_EQ(update(identities), expected) << identities.dump().size();
   notifications.stop();
   notifications.stop();
-  EXPECT_EQ(outcome([&] { notifications.update(json::array()); }), inactive);
+  EXPECT_EQ(update(json::array()), inactive);
 }
 
 }  // namespace

@@ -31,6 +31,9 @@ TEST(SdkRecord, RealGamesAndFailureTable) {
                         {"pid", expected.pid}};
   EXPECT_EQ(validate_sdk_record(record, as_json, 3), record);
   const std::string mismatch = "invalid_session: Readiness record does not match the expected game/process/session";
+  std::string longest(1009, 'a');  // the longest attachment path: 1024 bytes in 100-byte names
+  for (std::size_t at = 100; at < longest.size(); at += 101) longest[at] = '/';
+  longest += "/" + std::string(14, 'b');
   const json crumb = {{"category", "c"}, {"message", "m"}}, log = {{"kind", "log"}, {"path", "a"}};
   const std::pair<json, std::string> rows[] = {
       {{{"session_id", "s-2"}}, mismatch},
@@ -43,6 +46,8 @@ TEST(SdkRecord, RealGamesAndFailureTable) {
       {{{"attachments", std::vector<json>(4, log)}}, "ok"},
       {{{"attachments", std::vector<json>(5, log)}}, "invalid_session: SDK record has too many attachments"},
       {{{"attachments", {{{"kind", "core"}, {"path", "a"}}}}}, "invalid_session: SDK attachment is invalid"},
+      {{{"attachments", {{{"kind", "video"}, {"path", longest}}}}}, "ok"},
+      {{{"attachments", {{{"kind", "video"}, {"path", longest + "b"}}}}}, "invalid_session: SDK attachment is invalid"},
       {{{"attachments", {{{"kind", "log"}, {"path", "../a"}}}}}, "unsafe_path: Path contains an unsafe component"},
       {{{"native_capture_id", "0123456789abcdef0123456789ABCDEF"}},
        "invalid_session: Native capture identity is invalid"},

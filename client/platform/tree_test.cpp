@@ -12,123 +12,86 @@
 namespace zorvi {
 namespace {
 
-using testing::expect_error;
+namespace fs = std::filesystem;
 using testing::TempDir;
 
-std::vector<std::string> listing(const std::filesystem::path& root) {
+std::string listing(const fs::path& root) {
   std::vector<std::string> entries;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+  for (const auto& entry : fs::recursive_directory_iterator(root))
     entries.push_back(entry.path().lexically_relative(root).string());
   std::sort(entries.begin(), entries.end());
-  return entries;
+  std::string text;
+  for (const std::string& entry : entries) text += entry + " ";
+  return text;
 }
 
-void plain_tree(const std::filesystem::path& root) {
+void plain_tree(const fs::path& root) {
   testing::write_tree(root, {{"bin/game", "12345", true}, {"data/a/b", "123"}, {"data/empty", ""}});
-}
-
-TEST(ManagedTree, TreeBytesSumsPlainFiles) {
-  TempDir dir;
-  EXPECT_EQ(tree_bytes(dir / "absent", 10), 0u);
-  std::filesystem::create_directory(dir / "empty");
-  EXPECT_EQ(tree_bytes(dir / "empty", 10), 0u);
-  plain_tree(dir / "tree");
-  EXPECT_EQ(tree_bytes(dir / "tree", 10), 8u);
-  EXPECT_EQ(tree_bytes(dir / "tree", 6), 8u);  // bin, bin/game, data, data/a, data/a/b, data/empty
-  expect_error([&] { tree_bytes(dir / "tree", 5); }, "size_limit", "Directory entry count exceeds bounds");
-}
-
-TEST(ManagedTree, TreeBytesRefusesWhatIsNotPlain) {
-  TempDir dir;
-  plain_tree(dir / "tree");
-  std::filesystem::create_directory_symlink(dir / "tree", dir / "link");
-  expect_error([&] { tree_bytes(dir / "link", 10); }, "unsafe_path", "Expected a plain directory");
-  expect_error([&] { tree_bytes(dir / "tree/bin/game", 10); }, "unsafe_path", "Expected a plain directory");
-  ::mkfifo((dir / "tree/data/a/pipe").c_str(), 0600);
-  expect_error([&] { tree_bytes(dir / "tree", 100); }, "unsafe_path", "Tree contains a link or special file");
-}
-
-TEST(ManagedTree, RemovePlainTreeRemovesNothingOfATreeWithALink) {
-  TempDir dir;
-  plain_tree(dir / "tree");
-  std::filesystem::create_symlink("/etc", dir / "tree/data/a/etc");
-  const std::vector<std::string> before = listing(dir / "tree");
-  // The path rule sees the link first.
-  expect_error([&] { remove_plain_tree(dir / "tree"); }, "unsafe_path", "Managed path contains a symbolic link");
-  EXPECT_EQ(listing(dir / "tree"), before);
-
-  std::filesystem::remove(dir / "tree/data/a/etc");
-  remove_plain_tree(dir / "tree");
-  EXPECT_FALSE(std::filesystem::exists(dir / "tree"));
-  EXPECT_NO_THROW(remove_plain_tree(dir / "tree"));
-  testing::write_text(dir / "file", "x");
-  expect_error([&] { remove_plain_tree(dir / "file"); }, "unsafe_path", "Tree cleanup requires an ordinary directory");
 }
 
 const SnapshotManifest retired = testing::manifest_of_lengths({{"bin/game", 5}, {"data/a/b", 3}, {"data/empty", 0}});
 
-TEST(ManagedTree, RetirementKeepsWhatTheUserAdded) {
+// Retirement removes the snapshot's files once and keeps what the user added;
+// a fully retired root goes, and an absent one needs nothing.
+TEST(ManagedTree, CountsRemovesAndRetiresPlainTrees) {
   TempDir dir;
-  const auto root = dir / "version";
-  plain_tree(root);
-  testing::write_text(root / "data/a/saved-game", "mine");
-  int calls = 0;
-  retire_snapshot_files(retired, root, [&] {
-    ++calls;
-    EXPECT_TRUE(std::filesystem::exists(root / "bin/game"));  // nothing removed yet
-  });
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(listing(root), (std::vector<std::string>{"data", "data/a", "data/a/saved-game"}));
-
-  // Retiring again changes nothing and does not fail.
-  retire_snapshot_files(retired, root, [&] { ++calls; });
-  EXPECT_EQ(calls, 2);
-  EXPECT_EQ(listing(root), (std::vector<std::string>{"data", "data/a", "data/a/saved-game"}));
-}
-
-TEST(ManagedTree, FullRetirementRemovesTheRoot) {
-  TempDir dir;
+  plain_tree(dir / "tree");
+  EXPECT_EQ(tree_bytes(dir / "absent", 10) + tree_bytes(dir / "tree", 6), 8u);  // 6 entries: the bound met exactly
   plain_tree(dir / "version");
-  retire_snapshot_files(retired, dir / "version", std::function<void()>());
-  EXPECT_FALSE(std::filesystem::exists(dir / "version"));
-  bool called = false;
-  retire_snapshot_files(retired, dir / "version", [&] { called = true; });
-  EXPECT_FALSE(called);  // an absent root needs no removal
+  plain_tree(dir / "whole");
+  testing::write_text(dir / "version/data/a/saved-game", "mine");
+  int calls = 0;  // 1 before any removal, 10 on a tree with nothing left to remove
+  for (int round = 0; round < 2; ++round)
+    retire_snapshot_files(retired, dir / "version", [&] { calls += fs::exists(dir / "version/bin/game") ? 1 : 10; });
+  retire_snapshot_files(retired, dir / "whole", std::function<void()>());
+  retire_snapshot_files(retired, dir / "whole", [&] { ++calls; });
+  remove_plain_tree(dir / "tree");
+  remove_plain_tree(dir / "tree");
+  EXPECT_EQ(listing(dir.path()), "version version/data version/data/a version/data/a/saved-game ");
+  EXPECT_EQ(calls, 11);
 }
 
-TEST(ManagedTree, ChangedPathsStopRetirementBeforeAnyRemoval) {
+// One row per refusal; each leaves the tree as it was.
+TEST(ManagedTree, FailureTable) {
   TempDir dir;
-  const auto root = dir / "version";
+  const fs::path root = dir / "version";
   plain_tree(root);
-  std::filesystem::remove(root / "data/empty");
-  std::filesystem::create_directory(root / "data/empty");
-  const std::vector<std::string> before = listing(root);
-  expect_error([&] { retire_snapshot_files(retired, root, std::function<void()>()); }, "unsafe_path",
-               "A managed snapshot path became a link or special file; it was preserved");
-  EXPECT_EQ(listing(root), before);
-
   testing::write_text(dir / "file", "x");
-  expect_error([&] { validate_snapshot_retirement(retired, dir / "file"); }, "unsafe_path",
-               "Managed snapshot retirement requires an ordinary directory");
-  std::filesystem::remove(root / "data/empty");
-  std::filesystem::create_symlink("/etc/hostname", root / "data/empty");
-  expect_error([&] { validate_snapshot_retirement(retired, root); }, "unsafe_path",
-               "Managed path contains a symbolic link");
-}
-
-TEST(ManagedTree, PathChangedAfterValidationIsPreserved) {
-  TempDir dir;
-  const auto root = dir / "version";
-  plain_tree(root);
-  expect_error(
-      [&] {
-        retire_snapshot_files(retired, root, [&] {
-          std::filesystem::remove(root / "data/a/b");
-          ::mkfifo((root / "data/a/b").c_str(), 0600);
-        });
-      },
-      "unsafe_path", "Changed managed paths were preserved");
-  EXPECT_EQ(std::filesystem::status(root / "data/a/b").type(), std::filesystem::file_type::fifo);
+  fs::create_directory_symlink(root, dir / "link");
+  plain_tree(dir / "linked");
+  fs::create_symlink("/etc", dir / "linked/data/a/etc");
+  plain_tree(dir / "piped");
+  ::mkfifo((dir / "piped/data/a/pipe").c_str(), 0600);
+  plain_tree(dir / "changed");
+  fs::remove(dir / "changed/data/empty");
+  fs::create_directory(dir / "changed/data/empty");
+  plain_tree(dir / "relinked");
+  fs::remove(dir / "relinked/data/empty");
+  fs::create_symlink("/etc/hostname", dir / "relinked/data/empty");
+  const auto fifo_at_b = [&] {
+    fs::remove(root / "data/a/b");
+    ::mkfifo((root / "data/a/b").c_str(), 0600);
+  };
+  const std::string before = listing(dir.path()), unsafe = "unsafe_path: ";
+  for (const auto& [action, expected] : std::vector<std::pair<std::function<void()>, std::string>>{
+           {[&] { tree_bytes(root, 5); }, "size_limit: Directory entry count exceeds bounds"},
+           {[&] { tree_bytes(dir / "link", 10); }, unsafe + "Expected a plain directory"},
+           {[&] { tree_bytes(dir / "file", 10); }, unsafe + "Expected a plain directory"},
+           {[&] { tree_bytes(dir / "piped", 100); }, unsafe + "Tree contains a link or special file"},
+           {[&] { remove_plain_tree(dir / "linked"); }, unsafe + "Managed path contains a symbolic link"},
+           {[&] { remove_plain_tree(dir / "file"); }, unsafe + "Tree cleanup requires an ordinary directory"},
+           {[&] { retire_snapshot_files(retired, dir / "changed", {}); },
+            unsafe + "A managed snapshot path became a link or special file; it was preserved"},
+           {[&] { validate_snapshot_retirement(retired, dir / "file"); },
+            unsafe + "Managed snapshot retirement requires an ordinary directory"},
+           {[&] { validate_snapshot_retirement(retired, dir / "relinked"); },
+            unsafe + "Managed path contains a symbolic link"}})
+    EXPECT_EQ(testing::outcome(action), expected);
+  EXPECT_EQ(listing(dir.path()), before);
+  // A path changed after validation is preserved with the rest of the tree.
+  EXPECT_EQ(testing::outcome([&] { retire_snapshot_files(retired, root, fifo_at_b); }),
+            unsafe + "Changed managed paths were preserved");
+  EXPECT_EQ(fs::status(root / "data/a/b").type(), fs::file_type::fifo);
 }
 
 TEST(NativeFiles, RenameAndRemove) {
@@ -137,17 +100,15 @@ TEST(NativeFiles, RenameAndRemove) {
   testing::write_text(dir / "old", "old");
   native_files::rename_replace(dir / "new", dir / "old");
   EXPECT_EQ(testing::read_text(dir / "old"), "new");
-  expect_error([&] { native_files::rename_replace(dir / "new", dir / "old"); }, "file_write",
-               "Cannot move " + (dir / "new").string() + " into place");
-
+  testing::expect_error([&] { native_files::rename_replace(dir / "new", dir / "old"); }, "file_write",
+                        "Cannot move " + (dir / "new").string() + " into place");
   native_files::remove_or_trash(dir / "old", dir / "trash");
-  EXPECT_FALSE(std::filesystem::exists(dir / "old"));
   plain_tree(dir / "tree");
-  expect_error([&] { native_files::remove_or_trash(dir / "tree", dir / "trash"); }, "file_remove",
-               "Cannot remove " + (dir / "tree").string());
+  testing::expect_error([&] { native_files::remove_or_trash(dir / "tree", dir / "trash"); }, "file_remove",
+                        "Cannot remove " + (dir / "tree").string());
   native_files::remove_after_exit(dir / "tree");
-  EXPECT_FALSE(std::filesystem::exists(dir / "tree"));
-  EXPECT_NO_THROW(native_files::remove_after_exit(dir / "tree"));
+  native_files::remove_after_exit(dir / "tree");
+  EXPECT_EQ(listing(dir.path()), "");
   EXPECT_EQ(native_files::temporary_directory(dir / "x"), dir / "x");
 }
 

@@ -31,23 +31,29 @@ AllocatedFile partial(const std::filesystem::path& path, std::size_t prefix, std
   return file;
 }
 
+std::shared_ptr<HttpsBudget> budget(std::chrono::milliseconds left, std::uint64_t limit, std::uint64_t used = 0,
+                                    bool cancel = false) {
+  return std::make_shared<HttpsBudget>(
+      HttpsBudget{steady_clock::now() + left, limit, used, [cancel](auto...) { return cancel; }});
+}
+
+// Every refusal made before a byte goes out; nothing listens on port 9.
 TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
   TempDir dir;
   const auto make = [](std::string base, std::uint64_t limit = 0) {
     return [=] { HttpsTransport(base, {}, limit, nullptr); };
   };
-  auto budget = std::make_shared<HttpsBudget>();
-  HttpsTransport local("https://127.0.0.1:9", {}, 0, nullptr), budgeted("https://127.0.0.1:9", {}, 0, budget);
-  const auto with_budget = [&](std::uint64_t used, bool cancel, std::chrono::seconds left) {
-    return [&, used, cancel, left] {
-      *budget = {steady_clock::now() + left, 10, used, [cancel](auto...) { return cancel; }};
-      budgeted.get("a", 1);
+  const auto budgeted = [](std::uint64_t used, bool cancel, int seconds) {
+    return [=] {
+      HttpsTransport("https://127.0.0.1:9", {}, 0, budget(std::chrono::seconds(seconds), 10, used, cancel)).get("a", 1);
     };
   };
+  HttpsTransport local("https://127.0.0.1:9", {}, 0, nullptr);
   write_text(dir / "report", "abc");
   std::filesystem::create_symlink(dir / "report", dir / "link");
   const std::string token(64, 'a');
   AllocatedFile whole = partial(dir / "whole", 4, 4), empty = partial(dir / "empty", 0, 4);
+  // clang-format off
   const std::vector<std::pair<std::function<void()>, std::string>> rows{
       {make("HTTPS://h/"), "https_required: Zorvi service URLs must use HTTPS"},
       {make("https://h /"), "invalid_url: Invalid service URL"},
@@ -57,36 +63,25 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
       {[&] { local.get("a", 16777217); }, "size_limit: In-memory response limit exceeds 16 MiB"},
       {[&] { local.get("../a", 1); }, "unsafe_path: Path contains an unsafe component"},
       {[&] { local.get_component("a", 16777217); }, "size_limit: In-memory response limit exceeds 16 MiB"},
-      {[&] { local.get_component(std::string(8193, 'a'), 1); },
-       "size_limit: Metadata filename exceeds its component bound"},
+      {[&] { local.get_component(std::string(8193, 'a'), 1); }, "size_limit: Metadata filename exceeds its component bound"},
       {[&] { local.post_json("t", {{"a", std::string(4089, 'x')}}, {}); }, "size_limit: Ticket request exceeds 4 KiB"},
-      {[&] { local.upload_report("r", dir / "report", 104857601, token, {}); },
-       "size_limit: Report upload exceeds 100 MiB"},
-      {[&] { local.upload_report("r", dir / "report", 3, std::string(64, 'A'), {}); },
-       "crash_ticket: Upload capability is invalid"},
-      {[&] { local.upload_report("r", dir / "link", 3, token, {}); },
-       "crash_changed: Frozen upload snapshot is invalid"},
-      {[&] { local.upload_report("r", dir / "report", 4, token, {}); },
-       "crash_changed: Frozen upload snapshot is invalid"},
-      {[&] { local.download_into("a", whole, 4, {}, {}, {}); },
-       "download_range: Download cursor differs from the recorded prefix"},
-      {[&] { Stub().download_into("a", empty, 0, {}, {}, {}); },
-       "download_resume_unsupported: This transport cannot resume target downloads"},
-      {with_budget(11, false, std::chrono::seconds(9)),
-       "discovery_budget: Optional update check exhausted its response budget"},
-      {with_budget(0, true, std::chrono::seconds(9)), "cancelled: Optional update check cancelled"},
-      {with_budget(0, false, std::chrono::seconds(31)),
-       "discovery_timeout: Optional update check exhausted its time budget"},
+      {[&] { local.upload_report("r", dir / "report", 104857601, token, {}); }, "size_limit: Report upload exceeds 100 MiB"},
+      {[&] { local.upload_report("r", dir / "report", 3, std::string(64, 'A'), {}); }, "crash_ticket: Upload capability is invalid"},
+      {[&] { local.upload_report("r", dir / "link", 3, token, {}); }, "crash_changed: Frozen upload snapshot is invalid"},
+      {[&] { local.upload_report("r", dir / "report", 4, token, {}); }, "crash_changed: Frozen upload snapshot is invalid"},
+      {[&] { local.download_into("a", whole, 4, {}, {}, {}); }, "download_range: Download cursor differs from the recorded prefix"},
+      {[&] { Stub().download_into("a", empty, 0, {}, {}, {}); }, "download_resume_unsupported: This transport cannot resume target downloads"},
+      {budgeted(11, false, 9), "discovery_budget: Optional update check exhausted its response budget"},
+      {budgeted(0, true, 9), "cancelled: Optional update check cancelled"},
+      {budgeted(0, false, 31), "discovery_timeout: Optional update check exhausted its time budget"},
   };
+  // clang-format on
   for (std::size_t index = 0; index < rows.size(); ++index)
     EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
-  EXPECT_EQ(HttpsTransport("https://h:8", {}, 0, nullptr).base_url(), "https://h:8/");
-  EXPECT_EQ(HttpsTransport("https://h/a/b", {}, 0, nullptr).origin(), "https://h");
-  EXPECT_EQ(quote_url("a b/c", true), "a%20b/c");
   EXPECT_EQ(quote_url("a b/c\xff~", false), "a%20b%2Fc%FF~");
 }
 
-TEST(HttpsTransport, FetchesDownloadsAndResumesFromNginx) {
+TEST(HttpsTransport, FetchesDownloadsResumesWithinBudgetAndTrustFromNginx) {
   TempDir root, dir;
   write_text(root / "file.bin", bytes);
   write_text(root / "empty", "");
@@ -99,6 +94,7 @@ TEST(HttpsTransport, FetchesDownloadsAndResumesFromNginx) {
   EXPECT_EQ(transport.get_component("a/b", 100).body, "encoded");
   EXPECT_EQ(outcome([&] { transport.get("file.bin", bytes.size() - 1); }),
             "size_limit: Server sent more than the authenticated size limit");
+  EXPECT_EQ(outcome([&] { transport.get("moved", 1000); }), "redirect_rejected: Server redirects are not permitted");
 
   std::vector<std::uint64_t> reported;
   transport.reservation_observer = [&](std::uint64_t limit, std::uint64_t size) { reported = {limit, size}; };
@@ -108,45 +104,44 @@ TEST(HttpsTransport, FetchesDownloadsAndResumesFromNginx) {
   EXPECT_EQ(read_text(dir / "d/file"), bytes);
   EXPECT_EQ(done, bytes.size());
   EXPECT_EQ(reported, (std::vector<std::uint64_t>{bytes.size() + 5, bytes.size() + 5}));
-  const std::vector<std::pair<std::string, std::string>> refusals{
-      {"missing", "http_status: Download failed with status 404"},
-      {"moved", "redirect_rejected: Server redirects are not permitted"},
-      {"file.bin", "length_mismatch: Server length differs from the authenticated download bound"}};
-  for (const auto& [path, expected] : refusals) {
-    EXPECT_EQ(outcome([&] { transport.download(path, dir / "d/refused", bytes.size() - 1, {}); }), expected);
+  // clang-format off
+  const std::vector<std::tuple<std::string, std::size_t, Progress, std::string>> refusals{
+      {"missing", 1, {}, "http_status: Download failed with status 404"},
+      {"moved", 1, {}, "redirect_rejected: Server redirects are not permitted"},
+      {"file.bin", 1, {}, "length_mismatch: Server length differs from the authenticated download bound"},
+      {"file.bin", 0, [](auto...) { return false; }, "cancelled: Transfer cancelled at a safe boundary"}};
+  // clang-format on
+  for (const auto& [path, less, progress, expected] : refusals) {
+    EXPECT_EQ(outcome([&] { transport.download(path, dir / "d/refused", bytes.size() - less, progress); }), expected);
     EXPECT_FALSE(std::filesystem::exists(dir / "d/refused")) << path;  // nothing partial at a final name
   }
-  EXPECT_EQ(outcome([&] { transport.get("moved", 1000); }), "redirect_rejected: Server redirects are not permitted");
-  EXPECT_EQ(
-      outcome([&] { transport.download("file.bin", dir / "d/cancel", bytes.size(), [](auto...) { return false; }); }),
-      "cancelled: Transfer cancelled at a safe boundary");
 
-  AllocatedFile file = partial(dir / "part", 1000);
+  AllocatedFile file = partial(dir / "part", 1000), nothing(dir / "nothing", 0, {}), moved = partial(dir / "moved", 10);
   std::string seen;
-  bool restarted = false;
-  transport.download_into(
-      "file.bin", file, 1000, {}, [&](std::string_view data) { seen += data; }, [&] { restarted = true; });
+  transport.download_into("file.bin", file, 1000, {}, [&](std::string_view data) { seen += data; }, [] { FAIL(); });
   file.finish(true);
   EXPECT_EQ(seen, bytes.substr(1000));
-  EXPECT_FALSE(restarted);
   EXPECT_EQ(read_text(dir / "part"), bytes);
-  AllocatedFile nothing(dir / "nothing", 0, {});
   EXPECT_EQ(outcome([&] { transport.download_into("empty", nothing, 0, {}, {}, {}); }), "ok");
-  AllocatedFile moved = partial(dir / "moved", 10);
   EXPECT_EQ(outcome([&] { transport.download_into("moved", moved, 10, {}, {}, {}); }),
             "redirect_rejected: Server redirects are not permitted");
-}
 
-TEST(HttpsTransport, TrustsOnlyTheConfiguredAuthority) {
-  TempDir root, other;
-  HttpsServer server(root.path());
-  const TestCertificates stranger(other.path());
-  write_text(other / "empty.pem", "");
-  const std::vector<std::pair<std::filesystem::path, std::string>> rows{
-      {"", "network: SSL peer certificate or SSH remote key was not OK"},
-      {stranger.ca, "network: SSL peer certificate or SSH remote key was not OK"},
-      {other / "empty.pem", "ca_bundle: The configured CA bundle is empty"}};
-  for (const auto& [bundle, expected] : rows)
+  // A budget lets exactly its limit through, then refuses.
+  const auto shared = budget(std::chrono::seconds(20), bytes.size());
+  HttpsTransport budgeted(server.base_url(), server.ca_bundle(), 0, shared);
+  EXPECT_EQ(budgeted.get("file.bin", bytes.size()).body, bytes);
+  EXPECT_EQ(shared->used, shared->limit);
+  EXPECT_EQ(outcome([&] { budgeted.get("file.bin", bytes.size()); }),
+            "discovery_budget: Optional update check exhausted its response budget; use Check for updates for a "
+            "complete check");
+
+  // Only the configured authority, or the system's, is trusted.
+  std::filesystem::create_directory(dir / "other");
+  const TestCertificates stranger((dir / "other"));
+  write_text(dir / "empty.pem", "");
+  const std::string refused = "network: SSL peer certificate or SSH remote key was not OK";
+  for (const auto& [bundle, expected] : std::vector<std::pair<std::filesystem::path, std::string>>{
+           {"", refused}, {stranger.ca, refused}, {dir / "empty.pem", "ca_bundle: The configured CA bundle is empty"}})
     EXPECT_EQ(outcome([&] { HttpsTransport(server.base_url(), bundle, 0, nullptr).get("x", 10); }), expected);
   // An empty bundle means the system's trust, which OpenSSL lets a variable name.
   ::setenv("SSL_CERT_FILE", server.ca_bundle().c_str(), 1);
@@ -154,27 +149,10 @@ TEST(HttpsTransport, TrustsOnlyTheConfiguredAuthority) {
   ::unsetenv("SSL_CERT_FILE");
 }
 
-TEST(HttpsTransport, BudgetAllowsExactlyItsLimit) {
-  TempDir root;
-  write_text(root / "file.bin", bytes);
-  HttpsServer server(root.path());
-  auto budget =
-      std::make_shared<HttpsBudget>(HttpsBudget{steady_clock::now() + std::chrono::seconds(20), bytes.size(), 0, {}});
-  HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, budget);
-  EXPECT_EQ(transport.get("file.bin", bytes.size()).body, bytes);
-  EXPECT_EQ(budget->used, budget->limit);
-  EXPECT_EQ(outcome([&] { transport.get("file.bin", bytes.size()); }),
-            "discovery_budget: Optional update check exhausted its response budget; use Check for updates for a "
-            "complete check");
-}
-
+// Each misbehaving server, on a whole download (offset 0) or on a resume from byte 1000.
 TEST(HttpsTransport, RefusesHostileServers) {
-  struct Row {
-    std::string mode;
-    std::size_t offset;
-    std::string expected;
-  };
-  const std::vector<Row> rows{
+  // clang-format off
+  const std::vector<std::tuple<std::string, std::size_t, std::string>> rows{
       {"gzip", 0, "download_headers: Download content encoding changes authenticated bytes"},
       {"multipart", 1000, "download_range: Multipart download ranges are not supported"},
       {"wrong_range", 1000, "download_range: Server range differs from the authenticated remaining bytes"},
@@ -184,33 +162,27 @@ TEST(HttpsTransport, RefusesHostileServers) {
       {"endless", 0, "size_limit: Server sent more than the authenticated size limit"},
       {"full", 1000, "ok"},
   };
-  for (const Row& row : rows) {
+  // clang-format on
+  for (const auto& [mode, offset, expected] : rows) {
     TempDir dir;
-    HostileServer server(row.mode, bytes);
+    HostileServer server(mode, bytes);
     HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, nullptr);
-    bool restarted = false;
-    if (row.offset == 0) {
-      EXPECT_EQ(outcome([&] { transport.download("f", dir / "f", bytes.size(), {}); }), row.expected) << row.mode;
-      EXPECT_FALSE(std::filesystem::exists(dir / "f")) << row.mode;
+    if (offset == 0) {
+      EXPECT_EQ(outcome([&] { transport.download("f", dir / "f", bytes.size(), {}); }), expected) << mode;
+      EXPECT_FALSE(std::filesystem::exists(dir / "f")) << mode;
       continue;
     }
-    AllocatedFile file = partial(dir / "f", row.offset);
-    EXPECT_EQ(outcome([&] { transport.download_into("f", file, row.offset, {}, {}, [&] { restarted = true; }); }),
-              row.expected)
-        << row.mode;
-    EXPECT_EQ(restarted, row.mode == "full");
-    if (row.expected == "ok") {
-      file.finish(true);
-      EXPECT_EQ(read_text(dir / "f"), bytes) << row.mode;
-    }
+    bool restarted = false;
+    AllocatedFile file = partial(dir / "f", offset);
+    EXPECT_EQ(outcome([&] { transport.download_into("f", file, offset, {}, {}, [&] { restarted = true; }); }), expected)
+        << mode;
+    EXPECT_EQ(restarted, mode == "full");
+    if (expected != "ok") continue;
+    file.finish(true);
+    EXPECT_EQ(read_text(dir / "f"), bytes) << mode;
   }
-}
-
-TEST(HttpsTransport, StallEndsAtTheBudgetDeadline) {
-  HostileServer server("stall", bytes);
-  auto budget =
-      std::make_shared<HttpsBudget>(HttpsBudget{steady_clock::now() + std::chrono::milliseconds(1500), 1 << 20, 0, {}});
-  HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, budget);
+  HostileServer stall("stall", bytes);
+  HttpsTransport transport(stall.base_url(), stall.ca_bundle(), 0, budget(std::chrono::milliseconds(1500), 1 << 20));
   EXPECT_EQ(outcome([&] { transport.get("f", bytes.size()); }),
             "discovery_timeout: Optional update check exhausted its time budget; use Check for updates when ready");
 }
@@ -221,18 +193,14 @@ TEST(HttpsTransport, PostsJsonAndUploadsReports) {
   HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, nullptr);
   const HttpResponse posted = transport.post_json("ticket", {{"game", "x"}}, {});
   EXPECT_EQ(posted.status, 201);
-  EXPECT_EQ(
-      parse_json(posted.body, 1000),
-      parse_json(
-          R"({"Authorization":null,"Content-Type":"application/json","Expect":null,"User-Agent":"Zorvi/0.1","sha256":")" +
-              digest(R"({"game":"x"})", "sha256") + "\"}",
-          1000));
+  const std::string sent_headers =
+      R"({"Authorization":null,"Content-Type":"application/json","Expect":null,"User-Agent":"Zorvi/0.1","sha256":")";
+  EXPECT_EQ(parse_json(posted.body, 1000),
+            parse_json(sent_headers + digest(R"({"game":"x"})", "sha256") + "\"}", 1000));
   write_text(dir / "report", bytes);
-  const std::string token(64, 'c');
   std::uint64_t sent = 0;
-  EXPECT_EQ(transport.upload_report("report", dir / "report", bytes.size(), token,
-                                    [&](std::uint64_t now, std::uint64_t) { return (sent = now), true; }),
-            201);
+  const Progress progress = [&](std::uint64_t now, std::uint64_t) { return (sent = now), true; };
+  EXPECT_EQ(transport.upload_report("report", dir / "report", bytes.size(), std::string(64, 'c'), progress), 201);
   EXPECT_EQ(sent, bytes.size());
 }
 

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -20,10 +21,6 @@ std::filesystem::path marker_in(const std::filesystem::path& folder) {
 
 std::uint64_t received(const std::filesystem::path& folder) {
   return json::parse(read_text(marker_in(folder))).at("received").get<std::uint64_t>();
-}
-
-Progress stop_at(std::uint64_t bytes) {
-  return [bytes](std::uint64_t done, std::uint64_t) { return done < bytes; };
 }
 
 TEST(ResumableDownload, AnAttemptGoesOnFromTheLastProvenCheckpoint) {
@@ -68,9 +65,7 @@ TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
   repository.run("target empty.bin 0");
   TufClient client = repository.client();
   std::string events;
-  const TargetObserver observer = [&](std::string_view event, const json&, std::string_view) {
-    events += std::string(event) + " ";
-  };
+  const TargetObserver observer = [&](std::string_view event, auto...) { events += std::string(event) + " "; };
   client.download("empty.bin", repository.out, {}, observer, {"game", {}});
   write_text(repository.out / "file0.bin", "wrong");
   client.download("file0.bin", repository.out, {}, observer, {});
@@ -81,48 +76,79 @@ TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(repository.out), {}), 2);
 }
 
+// Every name made, replaced or removed in the target folder is flushed there
+// before the download says it is complete: a power cut leaves a state the
+// next attempt can read.
+TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
+  TufRepository repository("targets=1");
+  std::filesystem::create_directories(repository.out);
+  const std::filesystem::path log = repository.dir / "strace";
+  const CommandResult traced =
+      run_command({"strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-qq", "-a1", "-y", "-o", log.string(), "-e",
+                   "trace=fsync,fdatasync,rename,renameat,renameat2,unlink,unlinkat",
+                   (binary_dir() / "tuf_fetch").string(), repository.trust.string(), repository.server->base_url(),
+                   repository.server->ca_bundle().string(), repository.out.string(), "file0.bin", "0"});
+  ASSERT_EQ(traced.out, "complete\n") << traced.err;
+  std::vector<std::string> steps;  // calls on paths in the folder, in order
+  std::istringstream lines(read_text(log));
+  for (std::string line; std::getline(lines, line);)
+    if (line.find(repository.out.string()) != std::string::npos)
+      steps.push_back(line.substr(line.find_first_not_of("0123456789 ")));  // without a leading process id
+  const std::string flushed = "<" + repository.out.string() + ">) = 0";
+  int changes = 0;
+  for (std::size_t index = 0; index < steps.size(); ++index) {
+    if (!steps[index].starts_with("rename") && !steps[index].starts_with("unlink")) continue;
+    ++changes;
+    EXPECT_TRUE(index + 1 < steps.size() && steps[index + 1].starts_with("fsync(") &&
+                steps[index + 1].ends_with(flushed))
+        << steps[index];
+  }
+  EXPECT_EQ(changes, 4);  // two checkpoints, the finished file, and the retired marker
+}
+
+// One target through a run of refusals, each row leaving the folder as the next expects.
 TEST(ResumableDownload, Failures) {
   TufRepository repository("targets=1");
   TufClient client = repository.client();
-  const auto get = [&](const std::string& scope, const Progress& progress = {}) {
-    return outcome([&] { client.download("file0.bin", repository.out, progress, {}, {scope, {}}); });
+  const auto fetch = [&](const std::string& scope, const Progress& progress = {}) {
+    return [&, scope, progress] { client.download("file0.bin", repository.out, progress, {}, {scope, {}}); };
   };
   const std::filesystem::path served = repository.repo / "targets/file0.bin",
                               foreign = repository.out / "file0.bin.x.partial.resume.json";
-  const std::string original = read_text(served),
-                    mismatch = "hash_mismatch: Target hash does not match signed metadata";
-  EXPECT_EQ(get(std::string(4097, 's')), "size_limit: Download resume scope exceeds its bounded contract");
-  write_text(served, original + "!");
-  EXPECT_EQ(get("s"), "length_mismatch: Server length differs from the authenticated download bound");
-  write_text(served, std::string(64, 'x'));
-  EXPECT_EQ(get(""), mismatch);
-  EXPECT_EQ(get("s"), mismatch);
-  EXPECT_TRUE(std::filesystem::is_empty(repository.out));  // bytes that cannot be right go, with their markers
-  write_text(served, original);
-  write_text(foreign, "{}");
-  EXPECT_EQ(get("s"), "download_resume_state: Unknown resume filename was preserved");
   const std::filesystem::path marker = repository.out / ("file0.bin." + std::string(32, 'a') + ".partial.resume.json");
-  std::filesystem::rename(foreign, marker);
-  EXPECT_EQ(get("s"),
-            "download_resume_state: Unknown partial-download state was preserved; clear the disposable cache to retry");
-  write_text(marker,
-             R"({"schema_version":1,"kind":"zorvi-target-resume","target":"file0.bin","temporary":"file0.bin.)" +
-                 std::string(32, 'a') + R"(.partial","scope_sha256":")" + std::string(64, '0') +
-                 R"(","prefix_sha256":")" + std::string(64, '0') +
-                 R"(","received":0,"identity":[0,0],"authorisation":{}})");
-  EXPECT_EQ(get("s"), "download_resume_state: Malformed partial-download state was preserved");
-  std::filesystem::remove_all(repository.out);
-  const auto meddle = [&](std::uint64_t done, std::uint64_t total) {
-    if (done == total) write_text(marker_in(repository.out), "{}");
-    return true;
+  const std::string original = read_text(served), zeros(64, '0'),
+                    mismatch = "hash_mismatch: Target hash does not match signed metadata";
+  const std::string unusable =
+      R"({"schema_version":1,"kind":"zorvi-target-resume","target":"file0.bin","temporary":"file0.bin.)" +
+      std::string(32, 'a') + R"(.partial","scope_sha256":")" + zeros + R"(","prefix_sha256":")" + zeros +
+      R"(","received":0,"identity":[0,0],"authorisation":{}})";
+  const Progress meddle = [&](std::uint64_t done, std::uint64_t total) {
+    return done != total || (write_text(marker_in(repository.out), "{}"), true);
   };
-  EXPECT_EQ(get("m", meddle), "download_resume_changed: Resume marker changed before checkpoint");
-  std::filesystem::remove_all(repository.out);
   // Markers of other scopes are counted; at 32 only a matching one lets a download go on.
-  for (int scope = 0; scope < 32; ++scope)
-    EXPECT_EQ(get(std::to_string(scope), stop_at(0)), "cancelled: Transfer cancelled at a safe boundary");
-  EXPECT_EQ(get("other"), "download_resume_capacity: Retained partial downloads reached their capacity");
-  EXPECT_EQ(get("7"), "ok");
+  const auto fill = [&] {
+    for (int scope = 0; scope < 32; ++scope)
+      EXPECT_EQ(outcome(fetch(std::to_string(scope), [](auto...) { return false; })),
+                "cancelled: Transfer cancelled at a safe boundary");
+    fetch("other")();
+  };
+  // clang-format off
+  const std::vector<std::pair<std::function<void()>, std::string>> rows{
+      {fetch(std::string(4097, 's')), "size_limit: Download resume scope exceeds its bounded contract"},
+      {[&] { write_text(served, original + "!"); fetch("s")(); }, "length_mismatch: Server length differs from the authenticated download bound"},
+      {[&] { write_text(served, std::string(64, 'x')); fetch("")(); }, mismatch},
+      {fetch("s"), mismatch},
+      // Bytes that cannot be right went, with their markers.
+      {[&] { EXPECT_TRUE(std::filesystem::is_empty(repository.out)); write_text(served, original); write_text(foreign, "{}"); fetch("s")(); }, "download_resume_state: Unknown resume filename was preserved"},
+      {[&] { std::filesystem::rename(foreign, marker); fetch("s")(); }, "download_resume_state: Unknown partial-download state was preserved; clear the disposable cache to retry"},
+      {[&] { write_text(marker, unusable); fetch("s")(); }, "download_resume_state: Malformed partial-download state was preserved"},
+      {[&] { std::filesystem::remove_all(repository.out); fetch("m", meddle)(); }, "download_resume_changed: Resume marker changed before checkpoint"},
+      {[&] { std::filesystem::remove_all(repository.out); fill(); }, "download_resume_capacity: Retained partial downloads reached their capacity"},
+      {fetch("7"), "ok"},
+  };
+  // clang-format on
+  for (std::size_t index = 0; index < rows.size(); ++index)
+    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
 }
 
 TEST(ResumableDownload, SurvivesKillsOverHttps) {

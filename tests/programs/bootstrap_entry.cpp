@@ -1,11 +1,9 @@
 // bootstrap_entry DATA-DIR cli|gui LIMIT-MS ARGS...: the bootstrap under its
 // lifetime lock, as the real one runs; an Error prints "zorvi: CODE: MESSAGE".
 // A crash-test build: see durable_kill.hpp.
-#include <iostream>
-
 #include "client/app/launcher_bootstrap.hpp"
-#include "client/domain/error.hpp"
 #include "tests/programs/durable_kill.hpp"
+#include "tests/programs/program.hpp"
 
 int main(int argc, char** argv) {
   if (argc < 4) return 2;

@@ -5,35 +5,24 @@
 //   ZORVI_STAND_IN_HOLD     a path; the run goes on while it exists (2 minutes at most)
 //   ZORVI_STAND_IN_STATUS   the exit status, 0 when absent
 
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <thread>
-
-#include <nlohmann/json.hpp>
-
-extern char** environ;
+#include "tests/programs/program.hpp"
 
 int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   if (const char* folder = std::getenv("ZORVI_STAND_IN_RECORDS")) {
-    nlohmann::json environment = nlohmann::json::object();
+    zorvi::json environment = zorvi::json::object();
     for (char** entry = environ; *entry != nullptr; ++entry) {
       const std::string text = *entry;
       environment[text.substr(0, text.find('='))] = text.substr(text.find('=') + 1);
     }
-    const nlohmann::json record = {{"arguments", std::vector<std::string>(argv + 1, argv + argc)},
-                                   {"directory", fs::current_path().native()},
-                                   {"environment", environment},
-                                   {"pid", ::getpid()},
-                                   {"group", ::getpgrp()}};
+    const zorvi::json record = {{"arguments", std::vector<std::string>(argv + 1, argv + argc)},
+                                {"directory", fs::current_path().native()},
+                                {"environment", environment},
+                                {"pid", ::getpid()},
+                                {"group", ::getpgrp()}};
     // Written beside and renamed into place, so a reader never sees half a record.
     const fs::path name = fs::path(folder) / std::to_string(::getpid());
-    std::ofstream(name.native() + ".tmp") << record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    std::ofstream(name.native() + ".tmp") << record.dump(-1, ' ', false, zorvi::json::error_handler_t::replace);
     fs::rename(name.native() + ".tmp", name.native() + ".json");
   }
   if (const char* hold = std::getenv("ZORVI_STAND_IN_HOLD")) {

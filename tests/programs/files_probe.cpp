@@ -7,27 +7,23 @@
 //                                    prints "locked" and holds the lock until killed
 //   files_probe loop TARGET TEXT     prints "ready", then atomic_write forever
 // Prints "ok" or "CODE|MESSAGE". ZORVI_TEST_KILL_AT_STEP kills it after a durable step.
-#include <unistd.h>
-
-#include <functional>
-#include <iostream>
 #include <map>
-#include <string>
-#include <vector>
 
-#include "client/domain/error.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/native_lock.hpp"
 #include "client/platform/posix_files.hpp"
 #include "tests/programs/durable_kill.hpp"
+#include "tests/programs/program.hpp"
 
 namespace {
 
-zorvi::LockMode lock_mode(const std::string& name) {
-  return name == "shared" ? zorvi::LockMode::shared : zorvi::LockMode::exclusive;
-}
+using namespace zorvi;
 
-[[noreturn]] void hold() {
+LockMode lock_mode(const std::string& name) { return name == "shared" ? LockMode::shared : LockMode::exclusive; }
+
+// Holds `lock` (taken by the caller) until killed.
+template <class Lock>
+[[noreturn]] void hold(const Lock&) {
   std::cout << "locked" << std::endl;
   for (;;) ::pause();
 }
@@ -39,35 +35,26 @@ int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   using Operation = std::function<void(const std::string&, const std::string&)>;
   const std::map<std::string, Operation> operations = {
-      {"atomic_write", [](auto& path, auto& text) { zorvi::atomic_write(path, text); }},
-      {"atomic_create", [](auto& path, auto& text) { zorvi::atomic_create(path, text); }},
-      {"atomic_private_create", [](auto& path, auto& text) { zorvi::atomic_private_create(path, text); }},
-      {"replace_private_file", [](auto& path, auto& text) { zorvi::replace_private_file(path, text); }},
-      {"private_directory", [](auto& path, auto&) { zorvi::private_directory(path); }},
-      {"commit", [](auto& first, auto& second) { zorvi::commit_private_path_new(first, second, {}); }},
-      {"exchange", [](auto& first, auto& second) { zorvi::exchange_private_directories(first, second, {}); }},
-      {"hold_lock",
-       [](auto& path, auto& mode) {
-         zorvi::FileLock lock(path, false, lock_mode(mode));
-         hold();
-       }},
-      {"hold_native_lock",
-       [](auto& path, auto& mode) {
-         zorvi::NativeFileLock lock(path, true, {}, lock_mode(mode));
-         hold();
-       }},
+      {"atomic_write", [](auto& path, auto& text) { atomic_write(path, text); }},
+      {"atomic_create", [](auto& path, auto& text) { atomic_create(path, text); }},
+      {"atomic_private_create", [](auto& path, auto& text) { atomic_private_create(path, text); }},
+      {"replace_private_file", [](auto& path, auto& text) { replace_private_file(path, text); }},
+      {"private_directory", [](auto& path, auto&) { private_directory(path); }},
+      {"commit", [](auto& first, auto& second) { commit_private_path_new(first, second, {}); }},
+      {"exchange", [](auto& first, auto& second) { exchange_private_directories(first, second, {}); }},
+      {"hold_lock", [](auto& path, auto& mode) { hold(FileLock(path, false, lock_mode(mode))); }},
+      {"hold_native_lock", [](auto& path, auto& mode) { hold(NativeFileLock(path, true, {}, lock_mode(mode))); }},
   };
   if (args.size() == 3 && args[0] == "loop") {
     std::cout << "ready" << std::endl;
-    for (;;) zorvi::atomic_write(args[1], args[2]);
+    for (;;) atomic_write(args[1], args[2]);
   }
   if (args.size() < 2 || args.size() > 3 || !operations.contains(args[0])) return 2;
   try {
     operations.at(args[0])(args[1], args.size() == 3 ? args[2] : "");
-  } catch (const zorvi::Error& error) {
+    std::cout << "ok" << std::endl;
+  } catch (const Error& error) {
     std::cout << error.code << "|" << error.what() << std::endl;
-    return 0;
   }
-  std::cout << "ok" << std::endl;
   return 0;
 }

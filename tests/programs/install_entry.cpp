@@ -3,12 +3,9 @@
 //   install_entry SEAL PACKAGE DATA_FOLDER [--repair] [--shortcut]
 //   install_entry --uninstall DATA_FOLDER
 // Prints the result record, or "CODE: MESSAGE" and exits 1.
-#include <iostream>
-#include <string_view>
-
 #include "client/app/native_install.hpp"
-#include "client/domain/error.hpp"
 #include "tests/programs/durable_kill.hpp"
+#include "tests/programs/program.hpp"
 
 int main(int argc, char** argv) {
   if (argc < 3) return 2;
@@ -18,14 +15,11 @@ int main(int argc, char** argv) {
     const std::string_view word = argv[index];
     (word == "--repair" ? request.repair : request.shortcut) = true;
   }
-  try {
+  return program::reporting([&] {
     if (std::string_view(argv[1]) == "--uninstall")
       return std::cout << zorvi::NativeInstaller::uninstall({argv[2]}, {}).to_json().dump() << std::endl ? 0 : 1;
     const zorvi::NativeSetupCallbacks callbacks{{}, {}, zorvi::package_launcher_seeder(request.package, argv[1])};
     std::cout << zorvi::NativeInstaller::install(request, argv[1], callbacks).to_json().dump() << std::endl;
     return 0;
-  } catch (const zorvi::Error& error) {
-    std::cout << error.code << ": " << error.what() << std::endl;
-    return 1;
-  }
+  });
 }

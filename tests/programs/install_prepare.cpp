@@ -5,15 +5,13 @@
 //   install_prepare MANIFEST cleanup HOME [discard]         only the cleanup
 // Prints what the cleanup found ("none", "prepared", "ready"), then "active"
 // once installed; or "CODE: MESSAGE" and exits 1.
-#include <iostream>
-
 #include "client/domain/crypto.hpp"
-#include "client/domain/error.hpp"
 #include "client/domain/snapshot.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/install_readiness.hpp"
 #include "client/platform/posix_files.hpp"
 #include "tests/programs/durable_kill.hpp"
+#include "tests/programs/program.hpp"
 
 namespace fs = std::filesystem;
 using namespace zorvi;
@@ -69,13 +67,11 @@ int main(int argc, char** argv) {
   if (argc < 5) return 2;
   durable_kill::from_environment();
   const std::string archive = argv[2], mode = argv[4];
-  try {
+  return program::reporting([&] {
     const Install install{SnapshotManifest::parse(parse_json(read_file(argv[1], 1 << 24), 1 << 24)), argv[3]};
     std::cout << install.cleanup(mode != "discard") << std::endl;
     if (archive != "cleanup" && !entry_present(install.destination)) install.install(archive, mode);
     if (archive != "cleanup" && mode.empty()) std::cout << "active" << std::endl;
-  } catch (const Error& error) {
-    std::cout << error.code << ": " << error.what() << std::endl;
-    return 1;
-  }
+    return 0;
+  });
 }

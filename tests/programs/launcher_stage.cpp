@@ -2,27 +2,21 @@
 //   launcher_stage TRUST BASE_URL CA_BUNDLE DATA_DIR
 // Prints the staging result, or "CODE: MESSAGE" and exits 1. A crash-test
 // build: see durable_kill.hpp.
-#include <iostream>
-
 #include "client/app/launcher.hpp"
-#include "client/domain/error.hpp"
 #include "client/tuf/tuf.hpp"
 #include "tests/programs/durable_kill.hpp"
+#include "tests/programs/program.hpp"
 
 int main(int argc, char** argv) {
   if (argc != 5) return 2;
   durable_kill::from_environment();
-  try {
+  return program::reporting([&] {
     const std::string base = argv[2];
     zorvi::HttpsTransport metadata(base + "metadata/", argv[3], 0, nullptr);
     zorvi::HttpsTransport targets(base + "targets/", argv[3], 0, nullptr);
     zorvi::TufClient client(argv[1], metadata, targets, {1 << 20, 1 << 16, 1 << 22, 8, 8}, {});
     client.refresh();
-    const zorvi::LauncherStore store(argv[4], true);
-    std::cout << store.stage(client, {}, {}, false).dump() << std::endl;
+    std::cout << zorvi::LauncherStore(argv[4], true).stage(client, {}, {}, false).dump() << std::endl;
     return 0;
-  } catch (const zorvi::Error& error) {
-    std::cout << error.code << ": " << error.what() << std::endl;
-    return 1;
-  }
+  });
 }

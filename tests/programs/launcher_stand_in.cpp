@@ -5,16 +5,10 @@
 // 7 soon after, "quick" reports and exits 0 at once, "exit" exits 3 at once,
 // "silent" never reports, "drop" reports and lets its lease go, "lie"
 // reports another process id; the last three run on until killed.
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <fstream>
-#include <thread>
-
 #include "client/app/launcher_attempts.hpp"
 #include "client/platform/files.hpp"
 #include "client/platform/process.hpp"
+#include "tests/programs/program.hpp"
 
 using namespace zorvi;
 

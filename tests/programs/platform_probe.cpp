@@ -3,12 +3,9 @@
 // Prints "none", "CODE|MESSAGE", or one line of the game's fields followed by
 // whether this copy is the shell of GAME, asked after the file is removed
 // (it is read once per process).
-#include <filesystem>
-#include <iostream>
-
 #include "client/app/platformed.hpp"
-#include "client/domain/error.hpp"
 #include "client/platform/process.hpp"
+#include "tests/programs/program.hpp"
 
 int main(int argc, char** argv) {
   try {

@@ -1,21 +1,12 @@
 // A child for the process tests: reports what it inherited, waits for its
 // parent's interrupt, or replaces itself.
 #include <dirent.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <string>
-#include <thread>
 
-#include "client/domain/error.hpp"
-#include "client/domain/json.hpp"
 #include "client/platform/interrupt.hpp"
 #include "client/platform/process.hpp"
-
-extern char** environ;
+#include "tests/programs/program.hpp"
 
 namespace {
 
@@ -40,17 +31,9 @@ json open_descriptors() {
 
 std::string status_line(const std::string& key) {
   std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind(key + ":", 0) == 0) return line.substr(key.size() + 2);
-  }
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with(key + ":")) return line.substr(key.size() + 2);
   return "";
-}
-
-std::string link_of(const char* path) {
-  char buffer[4096] = {};
-  const ssize_t length = ::readlink(path, buffer, sizeof buffer - 1);
-  return length > 0 ? std::string(buffer, static_cast<std::size_t>(length)) : "";
 }
 
 int report(const char* path) {
@@ -59,13 +42,13 @@ int report(const char* path) {
   out["descriptors"] = open_descriptors();
   out["pid"] = ::getpid();
   out["pgid"] = ::getpgrp();
-  char cwd[4096] = {};
-  out["cwd"] = ::getcwd(cwd, sizeof cwd) != nullptr ? cwd : "";
+  out["cwd"] = std::filesystem::current_path().string();
   out["environment"] = json::array();
   for (char** entry = environ; *entry != nullptr; ++entry) out["environment"].push_back(*entry);
   out["blocked"] = status_line("SigBlk");
   out["ignored"] = status_line("SigIgn");
-  out["stdin"] = link_of("/proc/self/fd/0");
+  std::error_code unreadable;
+  out["stdin"] = std::filesystem::read_symlink("/proc/self/fd/0", unreadable).string();
   std::ofstream(path) << out.dump();
   std::fputs("out\n", stdout);
   std::fflush(stdout);

@@ -3,20 +3,13 @@
 //   runtime_probe helper ROLE BUILD
 // Prints "attached" or "empty" and the startup variables still set, drops its
 // runtime and stays until killed; or prints "CODE: MESSAGE".
-#include <unistd.h>
-
-#include <filesystem>
-#include <iostream>
-#include <string>
-#include <vector>
-
 #include "client/app/launcher_attempts.hpp"
 #include "client/app/launcher_runtime.hpp"
-#include "client/domain/error.hpp"
+#include "tests/programs/program.hpp"
 
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
-  try {
+  return program::reporting([&] {
     std::unique_ptr<zorvi::LauncherRuntime> launcher;
     std::unique_ptr<zorvi::LauncherHelperRuntime> helper;
     if (args.at(0) == "launcher") {
@@ -35,8 +28,6 @@ int main(int argc, char** argv) {
     helper.reset();
     std::cout << line << std::endl;
     for (;;) ::pause();
-  } catch (const zorvi::Error& error) {
-    std::cout << error.code << ": " << error.what() << std::endl;
-    return 1;
-  }
+    return 0;
+  });
 }

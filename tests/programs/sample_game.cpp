@@ -6,14 +6,8 @@
 // It leaves one breadcrumb and one log attachment and exits with 0; with
 // ZORVI_SAMPLE_GAME_LOG set it first appends "<pid> <session> 0" to that file.
 
-#include <unistd.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <string>
-
-#include "client/domain/json.hpp"
 #include "client/platform/files.hpp"
+#include "tests/programs/program.hpp"
 
 static std::string setting(const char* name, const char* fallback) {
   const char* value = std::getenv(name);

@@ -1,15 +1,12 @@
 // Downloads one target with resumption over HTTPS, for tests that kill it:
 //   tuf_fetch TRUST BASE_URL CA_BUNDLE DESTINATION TARGET BYTES_PER_SECOND
 // Prints "resumed N" when it goes on from N kept bytes, then "complete" or "CODE: MESSAGE".
-#include <iostream>
-#include <string>
-
-#include "client/domain/error.hpp"
 #include "client/tuf/tuf.hpp"
+#include "tests/programs/program.hpp"
 
 int main(int argc, char** argv) {
   if (argc != 7) return 2;
-  try {
+  return program::reporting([&] {
     const std::string base = argv[2];
     zorvi::HttpsTransport metadata(base + "metadata/", argv[3], 0, nullptr);
     zorvi::HttpsTransport targets(base + "targets/", argv[3], std::stoull(argv[6]), nullptr);
@@ -19,8 +16,6 @@ int main(int argc, char** argv) {
     };
     client.download(argv[5], argv[4], {}, {}, {"crash-test", told});
     std::cout << "complete" << std::endl;
-  } catch (const zorvi::Error& error) {
-    std::cout << error.code << ": " << error.what() << std::endl;
-    return 1;
-  }
+    return 0;
+  });
 }

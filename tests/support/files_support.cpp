@@ -3,13 +3,9 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-
-#include "client/domain/error.hpp"
-#include "tests/support/test_support.hpp"
 
 namespace zorvi::testing {
 
@@ -30,8 +26,8 @@ std::string tree_state(const std::filesystem::path& root) {
 }
 
 std::string modes(const std::filesystem::path& root) {
-  const std::string script = "cd \"$1\" && find . -mindepth 1 -printf '%p %m\\n' | sort";
-  return run_command({"sh", "-c", script, "sh", root.string()}).out;
+  return run_command({"sh", "-c", "cd \"$1\" && find . -mindepth 1 -printf '%p %m\\n' | sort", "sh", root.string()})
+      .out;
 }
 
 void expect_rows(const std::vector<Row>& rows, const std::filesystem::path& root) {
@@ -56,19 +52,13 @@ void shell(const std::string& command) {
 ProgramChild::ProgramChild(const std::string& program, const std::vector<std::string>& args) {
   int from_child[2];
   if (::pipe2(from_child, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  const std::string path = (binary_dir() / program).string();
-  std::vector<char*> argv{const_cast<char*>(path.c_str())};
-  for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    ::dup2(from_child[1], 1);
-    ::execv(path.c_str(), argv.data());
-    ::_exit(127);
-  }
+  std::vector<std::string> argv{(binary_dir() / program).string()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  // The child opens the pipe's writing end anew as its output.
+  pid_ = spawn(argv, "", "/dev/fd/" + std::to_string(from_child[1]), "");
   ::close(from_child[1]);
   output_ = from_child[0];
-  if (pid_ < 0) throw std::runtime_error("fork failed");
+  if (pid_ < 0) throw std::runtime_error("cannot start " + program);
 }
 
 ProgramChild::~ProgramChild() {
@@ -90,9 +80,7 @@ void ProgramChild::kill(int signal) {
 }
 
 int ProgramChild::wait() {
-  int status = 0;
-  if (status_ < 0 && ::waitpid(pid_, &status, 0) == pid_)
-    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  if (status_ < 0) status_ = wait_status(pid_);
   return status_;
 }
 

@@ -1,11 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <vector>
+#include "tests/support/test_support.hpp"
 
 namespace zorvi::testing {
 

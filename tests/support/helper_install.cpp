@@ -1,15 +1,8 @@
 #include "tests/support/helper_install.hpp"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <sstream>
-#include <stdexcept>
 #include <thread>
 
 #include "client/app/launcher.hpp"
@@ -49,33 +42,27 @@ fs::path HelperInstall::document(const std::string& name, const std::string& gam
 
 std::vector<json> HelperInstall::runs() const {
   std::vector<json> found;
-  for (const auto& entry : fs::directory_iterator(records())) {
+  for (const auto& entry : fs::directory_iterator(records()))
     if (entry.path().extension() == ".json") found.push_back(json::parse(read_text(entry.path())));
-  }
   return found;
+}
+
+Environment HelperInstall::environment(const Environment& extra) const {
+  Environment environment = {{"LANG", "C.UTF-8"}, {"SDL_VIDEODRIVER", "dummy"}, {"ZORVI_STAND_IN_RECORDS", records()}};
+  // A display of the test's own does not pass on.
+  for (const char* name : {"PATH", "HOME", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+    if (const char* value = std::getenv(name)) environment[name] = value;
+  for (const auto& [name, value] : extra) environment[name] = value;
+  return environment;
 }
 
 HelperProcess::HelperProcess(const fs::path& program, const std::vector<std::string>& arguments,
                              const Environment& environment) {
-  std::vector<std::string> argv_text{program.native()};
-  argv_text.insert(argv_text.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> env_text;
-  for (const auto& [name, value] : environment) env_text.push_back(name + "=" + value);
-  std::vector<char*> argv;
-  for (auto& text : argv_text) argv.push_back(text.data());
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
-  for (auto& text : env_text) envp.push_back(text.data());
-  envp.push_back(nullptr);
-  const fs::path err = scratch_ / "err";
-  posix_spawn_file_actions_t actions;
-  ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  ::posix_spawn_file_actions_addopen(&actions, 1, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  ::posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  const int failed = ::posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
-  ::posix_spawn_file_actions_destroy(&actions);
-  if (failed != 0) throw std::runtime_error("cannot start " + program.native());
+  std::vector<std::string> argv{program.native()}, variables;
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  for (const auto& [name, value] : environment) variables.push_back(name + "=" + value);
+  pid_ = spawn(argv, "/dev/null", scratch_ / "err", scratch_ / "err", &variables);
+  if (pid_ < 0) throw std::runtime_error("cannot start " + program.native());
 }
 
 HelperProcess::~HelperProcess() {
@@ -86,12 +73,8 @@ HelperProcess::~HelperProcess() {
 }
 
 bool HelperProcess::running() {
-  if (status_ >= 0) return false;
-  int status = 0;
-  const pid_t done = ::waitpid(pid_, &status, WNOHANG);
-  if (done != pid_) return done == 0;
-  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return false;
+  if (status_ < 0) status_ = wait_status(pid_, false);
+  return status_ < 0;
 }
 
 int HelperProcess::wait(std::chrono::milliseconds limit) {
@@ -105,16 +88,6 @@ void HelperProcess::signal(int number) { ::kill(pid_, number); }
 
 std::string HelperProcess::err() const { return read_text(scratch_ / "err"); }
 
-Environment HelperInstall::environment(const Environment& extra) const {
-  Environment environment = {{"LANG", "C.UTF-8"}, {"SDL_VIDEODRIVER", "dummy"}, {"ZORVI_STAND_IN_RECORDS", records()}};
-  // A display of the test's own does not pass on.
-  for (const char* name : {"PATH", "HOME", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-    if (const char* value = std::getenv(name)) environment[name] = value;
-  }
-  for (const auto& [name, value] : extra) environment[name] = value;
-  return environment;
-}
-
 HelperRun run_helper(const HelperInstall& install, const Environment& extra, const std::vector<std::string>& arguments,
                      const fs::path& image) {
   HelperProcess helper(image.empty() ? install.helper() : image, arguments, install.environment(extra));
@@ -125,9 +98,8 @@ HelperRun run_helper(const HelperInstall& install, const Environment& extra, con
 std::vector<std::string> shown_lines(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
+  for (std::string line; std::getline(in, line);)
     if (line.starts_with("zorvi: ")) lines.push_back(line.substr(7));
-  }
   return lines;
 }
 

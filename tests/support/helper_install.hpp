@@ -1,16 +1,9 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <chrono>
-#include <filesystem>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "client/domain/json.hpp"
 #include "tests/support/process_support.hpp"
-#include "tests/support/test_support.hpp"
 
 namespace zorvi::testing {
 

@@ -1,12 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <filesystem>
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "tests/support/test_support.hpp"
 
 namespace zorvi::testing {
@@ -18,60 +11,54 @@ struct TestCertificates {
   std::filesystem::path ca, certificate, key;
 };
 
-// nginx serving `root` over HTTPS on 127.0.0.1 on a free port, with a fresh
-// test CA made by the openssl command; stopped by its pid in the destructor.
-class HttpsServer {
+// A server process on a free port of 127.0.0.1, its files in a folder of its
+// own; stopped by its pid when the object goes.
+class LoopbackServer {
  public:
-  explicit HttpsServer(const std::filesystem::path& root, std::string_view extra_server_config = {});
-  ~HttpsServer();
-  HttpsServer(const HttpsServer&) = delete;
-  HttpsServer& operator=(const HttpsServer&) = delete;
+  LoopbackServer(const LoopbackServer&) = delete;
+  LoopbackServer& operator=(const LoopbackServer&) = delete;
+  int pid() const { return pid_; }
 
-  std::string base_url() const;             // "https://127.0.0.1:PORT/"
-  std::filesystem::path ca_bundle() const;  // PEM of the test CA
-  int pid() const;
+ protected:
+  LoopbackServer();
+  ~LoopbackServer();
+  std::string url(const std::string& scheme) const;  // "SCHEME://127.0.0.1:PORT/"
 
- private:
   TempDir dir_;
-  TestCertificates certificates_;
   int port_ = 0;
   pid_t pid_ = -1;
 };
 
-// nginx serving `root` over plain HTTP on 127.0.0.1, for clients of outside
-// test suites, which serve no TLS.
-class HttpServer {
+// nginx serving `root` over HTTPS, with a fresh test CA made by the openssl
+// command.
+class HttpsServer : public LoopbackServer {
  public:
-  explicit HttpServer(const std::filesystem::path& root);
-  ~HttpServer();
-  HttpServer(const HttpServer&) = delete;
-  HttpServer& operator=(const HttpServer&) = delete;
-
-  std::string base_url() const;  // "http://127.0.0.1:PORT/"
+  explicit HttpsServer(const std::filesystem::path& root, std::string_view extra_server_config = {});
+  std::string base_url() const { return url("https"); }
+  std::filesystem::path ca_bundle() const { return certificates_.ca; }  // PEM of the test CA
 
  private:
-  TempDir dir_;
-  int port_ = 0;
-  pid_t pid_ = -1;
+  TestCertificates certificates_{dir_.path()};
+};
+
+// nginx serving `root` over plain HTTP, for clients of outside test suites,
+// which serve no TLS.
+class HttpServer : public LoopbackServer {
+ public:
+  explicit HttpServer(const std::filesystem::path& root);
+  std::string base_url() const { return url("http"); }
 };
 
 // tests/hostile_https_server.py answering every GET with `content` in one
 // misbehaviour (its modes are listed in the script) and echoing every POST.
-class HostileServer {
+class HostileServer : public LoopbackServer {
  public:
   HostileServer(const std::string& mode, std::string_view content);
-  ~HostileServer();
-  HostileServer(const HostileServer&) = delete;
-  HostileServer& operator=(const HostileServer&) = delete;
-
-  std::string base_url() const;
-  std::filesystem::path ca_bundle() const;
+  std::string base_url() const { return url("https"); }
+  std::filesystem::path ca_bundle() const { return certificates_.ca; }
 
  private:
-  TempDir dir_;
-  TestCertificates certificates_;
-  int port_ = 0;
-  pid_t pid_ = -1;
+  TestCertificates certificates_{dir_.path()};
 };
 
 }  // namespace zorvi::testing

@@ -10,9 +10,6 @@
 #include <fstream>
 #include <thread>
 
-#include "client/domain/error.hpp"
-#include "tests/support/test_support.hpp"
-
 namespace zorvi::testing {
 
 std::filesystem::path probe_path() { return binary_dir() / "process_probe"; }
@@ -22,7 +19,6 @@ std::string in_subprocess(const std::function<std::string()>& work) {
   if (::pipe2(ends, O_CLOEXEC) != 0) return "pipe failed";
   const pid_t pid = ::fork();
   if (pid == 0) {
-    ::close(ends[0]);
     std::string text;
     try {
       text = work();
@@ -66,9 +62,8 @@ bool kill_unreaped(long pid) {
   ::kill(static_cast<pid_t>(pid), SIGKILL);
   return eventually([pid] {
     // The state letter follows the command name in parentheses.
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
-    std::getline(stat, line);
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), line);
     const auto close = line.rfind(')');
     return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'Z';
   });

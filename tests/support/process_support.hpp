@@ -1,9 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <filesystem>
-#include <functional>
-#include <string>
 
 #include "tests/support/test_support.hpp"
 

@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "client/domain/bootstrap_contract.hpp"
-#include "client/domain/crypto.hpp"
-#include "client/domain/launcher_contract.hpp"
 #include "client/domain/snapshot.hpp"
 #include "client/platform/native_platform.hpp"
 #include "tests/support/snapshot_support.hpp"
@@ -15,6 +12,17 @@
 namespace zorvi::testing {
 namespace fs = std::filesystem;
 namespace {
+
+// Packs a release's tree and gives its manifest: `fields` over the tree's,
+// the archive named flat so that it can also travel in an initial package.
+std::string release_manifest(const fs::path& tree, const fs::path& archive, const json& fields,
+                             const std::string& target) {
+  pack_tree(tree, archive);
+  json document = python_manifest(tree, archive);
+  document.update(fields);
+  document["archive"]["target"] = target;
+  return document.dump();
+}
 
 // Signs a release's archive as NAME.tar.zst and its manifest as `target`.
 void publish_release(const TufRepository& repository, const std::string& name, const fs::path& archive,
@@ -25,17 +33,19 @@ void publish_release(const TufRepository& repository, const std::string& name, c
   repository.run("target " + target + " @" + bytes.string());
 }
 
+void strip(const std::string& program, const fs::path& to) { run_command({"strip", "-o", to, binary_dir() / program}); }
+
 }  // namespace
 
 SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id, std::size_t padding,
                              std::uint64_t padding_bytes, const std::string& maintenance)
     : build(build_id), tree(folder / ("tree-" + build_id)), archive(folder / (build_id + ".tar.zst")) {
   fs::create_directories(tree / "bin");
-  run_command({"strip", "-o", tree / "bin/zorvi", binary_dir() / "zorvi-sample-launcher"});
+  strip("zorvi-sample-launcher", tree / "bin/zorvi");
   fs::copy_file(tree / "bin/zorvi", tree / "bin/zorvi-gui");
   json helpers = json::array();
   if (!maintenance.empty()) {
-    run_command({"strip", "-o", tree / "bin/zorvi-maintenance", binary_dir() / maintenance});
+    strip(maintenance, tree / "bin/zorvi-maintenance");
     fs::copy_file(tree / "bin/zorvi-maintenance", tree / "bin/zorvi-maintenance-gui");
     helpers = {{{"path", "bin/zorvi-maintenance"}, {"role", "maintenance"}, {"lease_abi", 1}},
                {{"path", "bin/zorvi-maintenance-gui"}, {"role", "maintenance-gui"}, {"lease_abi", 1}}};
@@ -48,12 +58,7 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
         "    open(os.path.join(sys.argv[1], 'data%04d' % i), 'wb').write(os.urandom(int(sys.argv[3])))",
         {(tree / "data").string(), std::to_string(padding), std::to_string(padding_bytes / padding)});
   }
-  pack_tree(tree, archive);
-  json document = python_manifest(tree, archive);
-  document.update(launcher_release_fields(build, helpers));
-  // Flat, so that the archive can also travel in an initial package.
-  document["archive"]["target"] = "launcher-" + build + ".tar.zst";
-  manifest = document.dump();
+  manifest = release_manifest(tree, archive, launcher_release_fields(build, helpers), "launcher-" + build + ".tar.zst");
   reference = launcher_reference(digest(manifest, "sha256"), build);
 }
 
@@ -68,22 +73,17 @@ SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std
       archive(folder / ("bootstrap-" + build_id + ".tar.zst")) {
   const fs::path shortcut = tree / bootstrap_shortcut_executable;
   fs::create_directories(shortcut.parent_path());
-  run_command({"strip", "-o", tree / bootstrap_executable_posix, binary_dir() / image});
+  strip(image, tree / bootstrap_executable_posix);
   write_text(tree / ("build-" + build), build + "\n");
-  run_command({"strip", "-o", shortcut, binary_dir() / "zorvi-shortcut"});
+  strip("zorvi-shortcut", shortcut);
   fs::permissions(shortcut,
                   fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
   // The bundle's metadata, without which no shortcut to the installation is made.
   write_text(tree / bootstrap_shortcut_info_plist, "<plist version=\"1.0\"><dict/></plist>\n");
-  pack_tree(tree, archive);
-  json document = python_manifest(tree, archive);
-  document.update({{"kind", bootstrap_release_kind},
-                   {"build_id", build},
-                   {"bootstrap_abi", 1},
-                   {"runtime_lease_abi", 1},
-                   {"application_schema", {{"minimum", 1}, {"maximum", 1}}}});
-  document["archive"]["target"] = "bootstrap-" + build + ".tar.zst";
-  manifest = document.dump();
+  json fields =
+      R"({"bootstrap_abi": 1, "runtime_lease_abi": 1, "application_schema": {"minimum": 1, "maximum": 1}})"_json;
+  fields.update({{"kind", bootstrap_release_kind}, {"build_id", build}});
+  manifest = release_manifest(tree, archive, fields, "bootstrap-" + build + ".tar.zst");
 }
 
 void SampleBootstrapRelease::publish(const TufRepository& repository) const {

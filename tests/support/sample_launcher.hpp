@@ -1,14 +1,6 @@
 #pragma once
 
-#include <cstdint>
-#include <filesystem>
-#include <map>
-#include <string>
-#include <vector>
-
 #include "client/app/launcher.hpp"
-#include "client/domain/json.hpp"
-#include "tests/support/test_support.hpp"
 #include "tests/support/tuf_support.hpp"
 
 namespace zorvi::testing {

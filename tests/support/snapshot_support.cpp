@@ -2,11 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <stdexcept>
-
-#include <gtest/gtest.h>
-
 namespace zorvi::testing {
 namespace {
 
@@ -17,19 +12,16 @@ std::string quoted(const std::filesystem::path& path) {
 }
 
 void run_shell(const std::string& script) {
-  const CommandResult result = run_command({"sh", "-c", script});
-  if (result.status != 0) throw std::runtime_error(script + ": " + result.err);
+  if (const CommandResult result = run_command({"sh", "-c", script}); result.status != 0)
+    throw std::runtime_error(script + ": " + result.err);
 }
 
 constexpr const char* manifest_script = R"PY(
 import hashlib, json, os, sys
 root, archive = sys.argv[1], sys.argv[2]
 def sha256(path):
-    digest = hashlib.sha256()
     with open(path, 'rb') as stream:
-        for block in iter(lambda: stream.read(1 << 20), b''):
-            digest.update(block)
-    return digest.hexdigest()
+        return hashlib.file_digest(stream, 'sha256').hexdigest()
 files = []
 for folder, _, names in os.walk(root):
     for name in names:
@@ -108,24 +100,16 @@ SnapshotManifest parsed_manifest(const std::filesystem::path& root, const std::f
 
 SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, std::uint64_t>>& files,
                                      std::uint64_t archive_length) {
-  json entries = json::array();
-  std::uint64_t total = 0;
+  json manifest = R"({"schema_version": 1, "build_id": "b1", "platform": "linux-x86_64", "files": [],
+      "archive": {"format": "tar.zst-v1", "target": "a.tar.zst"}, "expanded_length": 0})"_json;
+  manifest["executable"] = files.front().first;
+  manifest["archive"].update({{"length", archive_length}, {"sha256", std::string(64, '0')}});
   for (const auto& [path, length] : files) {
-    entries.push_back(
-        {{"path", path}, {"length", length}, {"mode", entries.empty() ? 493 : 420}, {"sha256", std::string(64, '0')}});
-    total += length;
+    const int mode = manifest["files"].empty() ? 0755 : 0644;
+    manifest["files"].push_back({{"path", path}, {"length", length}, {"mode", mode}, {"sha256", std::string(64, '0')}});
+    manifest["expanded_length"] = manifest["expanded_length"].get<std::uint64_t>() + length;
   }
-  return SnapshotManifest::parse({{"schema_version", 1},
-                                  {"build_id", "b1"},
-                                  {"platform", "linux-x86_64"},
-                                  {"executable", files.front().first},
-                                  {"archive",
-                                   {{"format", "tar.zst-v1"},
-                                    {"target", "a.tar.zst"},
-                                    {"length", archive_length},
-                                    {"sha256", std::string(64, '0')}}},
-                                  {"files", entries},
-                                  {"expanded_length", total}});
+  return SnapshotManifest::parse(manifest);
 }
 
 void craft_tar(const std::filesystem::path& tar, const json& entries) {
@@ -140,16 +124,11 @@ CommandResult run_in_private_mounts(const std::string& script) {
 std::filesystem::path snapshot_tool() { return binary_dir() / "snapshot_tool"; }
 
 json launcher_release_fields(const std::string& build, const json& helpers) {
-  return {{"kind", "zorvi-launcher-release"},
-          {"build_id", build},
-          {"bootstrap_abi", 1},
-          {"health_abi", 1},
-          {"application_schema", {{"minimum", 1}, {"maximum", 1}}},
-          {"staging_abi", 1},
-          {"runtime_lease_abi", 2},
-          {"console_interrupt_abi", 1},
-          {"gui_executable", "bin/zorvi-gui"},
-          {"runtime_helpers", helpers}};
+  json fields = R"({"kind": "zorvi-launcher-release", "bootstrap_abi": 1, "health_abi": 1, "staging_abi": 1,
+      "application_schema": {"minimum": 1, "maximum": 1}, "runtime_lease_abi": 2, "console_interrupt_abi": 1,
+      "gui_executable": "bin/zorvi-gui"})"_json;
+  fields.update({{"build_id", build}, {"runtime_helpers", helpers}});
+  return fields;
 }
 
 }  // namespace zorvi::testing

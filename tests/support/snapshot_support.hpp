@@ -1,9 +1,5 @@
 #pragma once
 
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "client/domain/json.hpp"
 #include "client/domain/manifest.hpp"
 #include "tests/support/test_support.hpp"

@@ -1,71 +1,71 @@
 #include "tests/support/test_support.hpp"
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 #include <gtest/gtest.h>
 
 namespace zorvi::testing {
-namespace {
-
-void restore_permissions(const std::filesystem::path& root) {
-  std::error_code ignored;
-  std::filesystem::permissions(root, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ignored);
-  for (auto it = std::filesystem::recursive_directory_iterator(root, ignored);
-       it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
-    if (it->is_directory(ignored) && !it->is_symlink(ignored))
-      std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
-                                   ignored);
-  }
-}
-
-}  // namespace
+namespace fs = std::filesystem;
 
 TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "zorvi-test-XXXXXX").string();
+  std::string pattern = (fs::temp_directory_path() / "zorvi-test-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   path_ = pattern;
 }
 
 TempDir::~TempDir() {
-  restore_permissions(path_);
+  // Folders a test made unreadable or unwritable are opened up again first.
   std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
+  fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ignored);
+  for (auto it = fs::recursive_directory_iterator(path_, ignored); it != fs::recursive_directory_iterator();
+       it.increment(ignored)) {
+    if (it->is_directory(ignored) && !it->is_symlink(ignored))
+      fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
+  }
+  fs::remove_all(path_, ignored);
+}
+
+pid_t spawn(const std::vector<std::string>& argv, const std::string& in, const std::string& out, const std::string& err,
+            const std::vector<std::string>* environment) {
+  const auto pointers = [](const std::vector<std::string>& texts) {
+    std::vector<char*> list;
+    for (const std::string& text : texts) list.push_back(const_cast<char*>(text.c_str()));
+    list.push_back(nullptr);
+    return list;
+  };
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  if (!in.empty()) ::posix_spawn_file_actions_addopen(&actions, 0, in.c_str(), O_RDONLY, 0);
+  if (!out.empty()) ::posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  if (!err.empty() && err == out) ::posix_spawn_file_actions_adddup2(&actions, 1, 2);
+  if (!err.empty() && err != out)
+    ::posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  pid_t pid = -1;
+  const int failed = ::posix_spawnp(&pid, argv.at(0).c_str(), &actions, nullptr, pointers(argv).data(),
+                                    environment != nullptr ? pointers(*environment).data() : environ);
+  ::posix_spawn_file_actions_destroy(&actions);
+  return failed == 0 ? pid : -1;
+}
+
+int wait_status(pid_t pid, bool blocking) {
+  int status = 0;
+  if (::waitpid(pid, &status, blocking ? 0 : WNOHANG) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 CommandResult run_command(const std::vector<std::string>& argv, std::string_view input) {
   TempDir scratch;
   write_text(scratch / "in", input);
-  const auto out_path = scratch / "out";
-  const auto err_path = scratch / "err";
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    const int in = ::open((scratch / "in").c_str(), O_RDONLY);
-    const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = ::open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (in < 0 || out < 0 || err < 0) ::_exit(126);
-    ::dup2(in, 0);
-    ::dup2(out, 1);
-    ::dup2(err, 2);
-    std::vector<char*> args;
-    for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    ::execvp(args[0], args.data());
-    ::_exit(127);
-  }
-  CommandResult result;
-  int status = 0;
-  if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return result;
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = read_text(out_path);
-  result.err = read_text(err_path);
-  return result;
+  const pid_t pid = spawn(argv, scratch / "in", scratch / "out", scratch / "err");
+  if (pid < 0) return {127, "", "cannot start " + argv.at(0)};
+  const int status = wait_status(pid);
+  return {status, read_text(scratch / "out"), read_text(scratch / "err")};
 }
 
 std::string run_python(std::string_view script, const std::vector<std::string>& args) {
@@ -76,17 +76,16 @@ std::string run_python(std::string_view script, const std::vector<std::string>& 
   return result.out;
 }
 
-std::string read_text(const std::filesystem::path& path) {
-  std::ifstream stream(path, std::ios::binary);
+std::string read_text(const fs::path& path) {
   std::ostringstream text;
-  text << stream.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
-void write_text(const std::filesystem::path& path, std::string_view text) {
+void write_text(const fs::path& path, std::string_view text) {
   std::ofstream stream(path, std::ios::binary | std::ios::trunc);
-  stream.write(text.data(), static_cast<std::streamsize>(text.size()));
-  if (!stream) throw std::runtime_error("cannot write " + path.string());
+  if (!stream.write(text.data(), static_cast<std::streamsize>(text.size())))
+    throw std::runtime_error("cannot write " + path.string());
 }
 
 std::string outcome(const std::function<void()>& action) {
@@ -114,7 +113,7 @@ void expect_error(const std::function<void()>& action, const std::string& code, 
   EXPECT_EQ(std::string(error.what()), message);
 }
 
-std::filesystem::path source_dir() { return ZORVI_SOURCE_DIR; }
-std::filesystem::path binary_dir() { return ZORVI_BINARY_DIR; }
+fs::path source_dir() { return ZORVI_SOURCE_DIR; }
+fs::path binary_dir() { return ZORVI_BINARY_DIR; }
 
 }  // namespace zorvi::testing

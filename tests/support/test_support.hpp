@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -31,6 +33,15 @@ struct CommandResult {
   std::string out;
   std::string err;
 };
+
+// Starts `argv` (looked up on PATH) with its standard streams opened from
+// these paths, an empty one inherited and the same `out` and `err` joined,
+// and with exactly `environment` when one is given; -1 if it cannot start.
+pid_t spawn(const std::vector<std::string>& argv, const std::string& in, const std::string& out, const std::string& err,
+            const std::vector<std::string>* environment = nullptr);
+// The exit status of `pid` (128 + signal number after a signal); -1 while it
+// still runs when not `blocking`.
+int wait_status(pid_t pid, bool blocking = true);
 
 // Runs a real program (looked up on PATH) with `input` on its standard input.
 CommandResult run_command(const std::vector<std::string>& argv, std::string_view input = {});

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <filesystem>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "client/tuf/tuf.hpp"
 #include "tests/support/https_server.hpp"
