@@ -56,7 +56,7 @@ struct Installed {
 
 // Whether another process finds the lock held.
 bool busy(const fs::path& lock) {
-  return ProgramChild("files_probe", {"hold_lock", lock.native(), "exclusive"}).read_line().starts_with("busy|");
+  return ProgramChild("files_probe", {"hold_lock", lock.native(), "exclusive"}).read_line().starts_with("busy: ");
 }
 
 TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {

@@ -11,7 +11,7 @@ namespace {
 namespace fs = std::filesystem;
 
 const std::string descriptor = "launcher-linux-x86_64.manifest.json", archive = "launcher.tar.zst",
-                  owned = "launcher_download_uncertain|";
+                  owned = "launcher_download_uncertain: ";
 const std::string hex32 = std::string(32, 'e');
 
 // A launcher release manifest naming `bytes` as its archive.
@@ -71,7 +71,7 @@ struct Store {
     if (complete) observer("complete", described(bytes), "");
   }
   std::string scan() const {
-    return error_of([&] { target_download_receipts(dir.path()); });
+    return outcome([&] { target_download_receipts(dir.path()); });
   }
 
   TufRepository repository;
@@ -144,7 +144,7 @@ TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
   std::string lone = prepared.substr(0, prepared.find("\"phase\""));
   lone.replace(lone.find(nonce), 32, other);
   write_text(intents / (other + ".json." + hex32 + ".tmp"), lone);
-  EXPECT_EQ(store.scan(), "no error");
+  EXPECT_EQ(store.scan(), "ok");
   std::string wrong = complete;
   wrong[complete.find("zorvi-launcher-download") + 5] = 'X';
   std::string scope = checkpoint;
@@ -249,7 +249,7 @@ TEST(TargetDownloads, Failures) {
           {resume(
                json::array({file(marker_name, marker.patch(R"([{"op":"replace","path":"/kind","value":"x"}])"_json))})),
            owned + "Unknown resume metadata was preserved"},
-          {resume(json(65, file(marker_name, marker))), "size_limit|Frozen resume evidence exceeds its bound"},
+          {resume(json(65, file(marker_name, marker))), "size_limit: Frozen resume evidence exceeds its bound"},
           {observe("not-a-nonce"), owned + "TUF download did not supply its exact owned staging name"},
           {[&] {
              target_download_receipts(store.dir.path())
@@ -270,10 +270,10 @@ TEST(TargetDownloads, Failures) {
   fs::remove(store.dir / "download-intents" / (n2 + ".json"));
   for (int index = 1; index < 32; ++index)
     observe(hex(std::vector<std::uint8_t>(16, static_cast<std::uint8_t>(0x40 + index))))();
-  expect_rows({{observe(n2), "launcher_storage_full|Retained download receipts reached their capacity"}},
+  expect_rows({{observe(n2), "launcher_storage_full: Retained download receipts reached their capacity"}},
               store.dir.path());
   for (int index = 32; index <= 64; ++index) write_text(store.dir / "download-intents" / std::to_string(index), "");
-  EXPECT_EQ(store.scan(), "size_limit|Target download receipt count exceeds its scan bound");
+  EXPECT_EQ(store.scan(), "size_limit: Target download receipt count exceeds its scan bound");
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ namespace zorvi {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::error_of;
+using testing::outcome;
 using testing::TempDir;
 
 // Transaction names end in 32 random hex digits; the tests write them as ID.
@@ -95,53 +95,53 @@ TEST(Files, FailureTable) {
     return [=] { exchange_private_directories(a, b, verify); };
   };
   const fs::path a = dir / "root" / "a", b = dir / "root" / "b";
-  const std::string not_private = "native_install_commit|Commit source must be private and owned by this user",
+  const std::string not_private = "native_install_commit: Commit source must be private and owned by this user",
                     exchange_private =
-                        "native_install_commit|Directory exchange requires private owned roots and parents",
-                    grants = "permissions|Existing macOS storage grants another identity access; preserve it",
-                    parent = "unsafe_path|Export parent must be an existing plain directory",
-                    taken = "file_write|Cannot create export; the destination may already exist (17)",
-                    symlink = "unsafe_path|Refusing to replace a symbolic link",
+                        "native_install_commit: Directory exchange requires private owned roots and parents",
+                    grants = "permissions: Existing macOS storage grants another identity access; preserve it",
+                    parent = "unsafe_path: Export parent must be an existing plain directory",
+                    taken = "file_write: Cannot create export; the destination may already exist (17)",
+                    symlink = "unsafe_path: Refusing to replace a symbolic link",
                     exists = "Cannot atomically install without replacing an existing destination",
-                    single = "file_sync|Synchronization requires an ordinary single-link file",
-                    nul = "unsafe_path|Native path contains a NUL byte",
-                    sync_path = "file_sync|File synchronization requires a bounded path without NUL bytes",
-                    ancestry = "unsafe_path|Directory commit requires ordinary existing ancestry";
+                    single = "file_sync: Synchronization requires an ordinary single-link file",
+                    nul = "unsafe_path: Native path contains a NUL byte",
+                    sync_path = "file_sync: File synchronization requires a bounded path without NUL bytes",
+                    ancestry = "unsafe_path: Directory commit requires ordinary existing ancestry";
   testing::expect_rows(
-      {{[&] { read_file(dir / "file", 9); }, "size_limit|File exceeds read limit"},
-       {[&] { read_file(dir / "missing", 9); }, "file_read|Cannot open file: " + base.string() + "/missing"},
-       {[&] { read_file_tail(dir / "link", 9); }, "unsafe_path|Cannot open file: " + base.string() + "/link"},
-       {[&] { read_file(dir / "fifo", 9); }, "unsafe_path|Expected an ordinary file: " + base.string() + "/fifo"},
+      {{[&] { read_file(dir / "file", 9); }, "size_limit: File exceeds read limit"},
+       {[&] { read_file(dir / "missing", 9); }, "file_read: Cannot open file: " + base.string() + "/missing"},
+       {[&] { read_file_tail(dir / "link", 9); }, "unsafe_path: Cannot open file: " + base.string() + "/link"},
+       {[&] { read_file(dir / "fifo", 9); }, "unsafe_path: Expected an ordinary file: " + base.string() + "/fifo"},
        // A proc file claims size 0 and then delivers bytes: it grew while read.
-       {[&] { read_file("/proc/self/stat", 1024); }, "file_read|File changed while reading"},
+       {[&] { read_file("/proc/self/stat", 1024); }, "file_read: File changed while reading"},
        {[&] { read_file(base.string() + std::string("/file\0", 6), 9); }, nul},
        {[&] { sync_file("/" + std::string(4096, 'a')); }, sync_path},
        {[&] { sync_file(dir / "file"); }, single},
-       {[&] { sync_directory(dir / "missing"); }, "file_sync|Cannot open directory for synchronization"},
+       {[&] { sync_directory(dir / "missing"); }, "file_sync: Cannot open directory for synchronization"},
        {[&] { atomic_create(dir / "linked" / "file", "new"); }, parent},
        {[&] { atomic_write(dir / "link", "new"); }, symlink},
        {[&] { atomic_create(dir / "single", "new"); }, taken},
-       {[&] { atomic_write(dir / "source", "new"); }, "file_write|Cannot commit transaction file (21)"},
+       {[&] { atomic_write(dir / "source", "new"); }, "file_write: Cannot commit transaction file (21)"},
        {[&] { atomic_write(base.string() + std::string("/single\0x", 9), "new"); }, nul},
        {commit(dir / "source", dir / "x" / ".." / "source"),
-        "unsafe_path|Directory commit requires distinct bounded paths"},
+        "unsafe_path: Directory commit requires distinct bounded paths"},
        {commit(dir / "linked" / "source", dir / "new"), ancestry},
        {commit(dir / "file", dir / "new"), not_private},
        {commit(dir / "foreign", dir / "new"), not_private},
        {commit(dir / "shared", dir / "new"), grants},
-       {commit(dir / "source", dir / "open"), "already_installed|" + exists},
-       {commit(dir / "source", dir / "source" / "inside"), "native_install_commit|" + exists},
+       {commit(dir / "source", dir / "open"), "already_installed: " + exists},
+       {commit(dir / "source", dir / "source" / "inside"), "native_install_commit: " + exists},
        {commit(dir / "source", dir / "new", [] { throw Error("snapshot_invalid", "Refused"); }),
-        "snapshot_invalid|Refused"},
-       {exchange(a, dir / "root" / "x" / ".." / "a"), "unsafe_path|Directory exchange needs distinct bounded paths"},
+        "snapshot_invalid: Refused"},
+       {exchange(a, dir / "root" / "x" / ".." / "a"), "unsafe_path: Directory exchange needs distinct bounded paths"},
        {exchange(a, dir / "open"), exchange_private},
        {exchange(dir / "loose" / "tree", b), exchange_private},
-       {exchange(dir / "probed", b), "unsafe_path|Managed path contains a symbolic link"},
-       {exchange(a, a / "nested"), "native_install_commit|Cannot atomically exchange native directories"}},
+       {exchange(dir / "probed", b), "unsafe_path: Managed path contains a symbolic link"},
+       {exchange(a, a / "nested"), "native_install_commit: Cannot atomically exchange native directories"}},
       dir.path());
   const fs::path long_name = dir / std::string(250, 'n');  // the transaction name adds 38 bytes
-  EXPECT_EQ(masked(error_of([&] { atomic_write(long_name, "new"); })),
-            "file_write|Cannot create transaction file " + long_name.string() + ".ID.tmp (36)");
+  EXPECT_EQ(masked(outcome([&] { atomic_write(long_name, "new"); })),
+            "file_write: Cannot create transaction file " + long_name.string() + ".ID.tmp (36)");
 
   // What a verifier looked at must still be what moves: a change meanwhile stops the move.
   const auto narrow = [&] { fs::permissions(dir / "narrowed", fs::perms::owner_write, fs::perm_options::remove); };
@@ -154,13 +154,13 @@ TEST(Files, FailureTable) {
     fs::rename(dir / "swapped", dir / "swapped-aside");
     private_directory(dir / "swapped");
   };
-  const std::string changed = "native_install_commit|Source identity changed during verification";
+  const std::string changed = "native_install_commit: Source identity changed during verification";
   testing::expect_rows({{commit(dir / "narrowed", dir / "new", narrow), changed},
                         {commit(dir / "swapped", dir / "new", swap), changed},
                         {commit(dir / "shared-later", dir / "new", share), grants}},
                        dir / "new");
-  EXPECT_EQ(error_of(exchange(a, b, replace_b)),
-            "native_install_commit|Directory exchange identities changed during verification");
+  EXPECT_EQ(outcome(exchange(a, b, replace_b)),
+            "native_install_commit: Directory exchange identities changed during verification");
   EXPECT_TRUE(fs::exists(dir / "root" / "elsewhere") && fs::exists(a));
 }
 
@@ -185,10 +185,10 @@ TEST(Files, FullVolumeIsInsufficientSpaceAndOtherVolumesRefuseMoves) {
   const testing::CommandResult result =
       testing::run_command({"unshare", "--mount", "--propagation", "private", "sh", "-c", script, "sh",
                             (dir / "mount").string(), files_probe, (dir / "root" / "tree").string()});
-  const std::string space = "insufficient_space|Local storage cannot save data; free space and try again\n";
+  const std::string space = "insufficient_space: Local storage cannot save data; free space and try again\n";
   EXPECT_EQ(result.out,
-            "ok\nnative_install_commit|Directory exchange requires distinct roots on one volume\n"
-            "native_install_commit|Cannot atomically install without replacing an existing destination\n"
+            "ok\nnative_install_commit: Directory exchange requires distinct roots on one volume\n"
+            "native_install_commit: Cannot atomically install without replacing an existing destination\n"
             "ok\n" +
                 space + space + space + space + space + "doc.json\ntree\nold")
       << result.err;

@@ -14,10 +14,10 @@ namespace zorvi {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::error_of;
+using testing::outcome;
 using testing::ProgramChild;
 
-const std::string busy = "busy|Another Zorvi operation is using this state";
+const std::string busy = "busy: Another Zorvi operation is using this state";
 const fs::perms private_file = fs::perms::owner_read | fs::perms::owner_write;
 
 // The other process is files_probe, holding its lock until it is killed.
@@ -25,9 +25,9 @@ TEST(Locks, ExclusiveAndSharedBetweenProcessesAndAWaiterGetsTheLockOnRelease) {
   testing::TempDir dir;
   for (const bool native : {false, true}) {
     const fs::path path = dir / (native ? "native.lock" : "file.lock");
-    const std::string held = native ? "busy|Another worker owns this native installation" : busy;
+    const std::string held = native ? "busy: Another worker owns this native installation" : busy;
     const auto attempt = [&](LockMode mode) {
-      return error_of([&] {
+      return outcome([&] {
         if (native) NativeFileLock lock(path, true, NativeLockSharing::shared_install, mode);
         else FileLock lock(path, false, mode);
       });
@@ -36,9 +36,9 @@ TEST(Locks, ExclusiveAndSharedBetweenProcessesAndAWaiterGetsTheLockOnRelease) {
       ProgramChild holder("files_probe", {native ? "hold_native_lock" : "hold_lock", path.string(), holding});
       ASSERT_EQ(holder.read_line(), "locked");
       EXPECT_EQ(attempt(LockMode::exclusive), held);
-      EXPECT_EQ(attempt(LockMode::shared), holding == "shared" ? "no error" : held);
+      EXPECT_EQ(attempt(LockMode::shared), holding == "shared" ? "ok" : held);
     }
-    EXPECT_EQ(attempt(LockMode::exclusive), "no error");
+    EXPECT_EQ(attempt(LockMode::exclusive), "ok");
     // The lock file stays, private and empty.
     EXPECT_EQ(fs::file_size(path), 0u);
     EXPECT_EQ(fs::status(path).permissions(), private_file);
@@ -75,7 +75,7 @@ TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOneAndARetainedLockOutlivesItsOb
     replace();
     EXPECT_FALSE(lock.matches_path(path));
     // A fresh lock file under the same name is a new lock, not the old one.
-    EXPECT_EQ(error_of([&] { FileLock fresh(path, false, LockMode::exclusive); }), "no error");
+    EXPECT_EQ(outcome([&] { FileLock fresh(path, false, LockMode::exclusive); }), "ok");
   }
   {
     NativeFileLock lock(path, false, NativeLockSharing::exclusive_install, LockMode::exclusive);
@@ -87,7 +87,7 @@ TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOneAndARetainedLockOutlivesItsOb
   lock->retain_until_process_exit();
   EXPECT_FALSE(lock->matches_path(path));
   lock.reset();
-  EXPECT_EQ(error_of([&] { FileLock again(path, false, LockMode::shared); }), busy);
+  EXPECT_EQ(outcome([&] { FileLock again(path, false, LockMode::shared); }), busy);
 }
 
 // An installation's lock lives in an ordinary shared folder but is itself private.
@@ -121,20 +121,20 @@ TEST(Locks, RefuseLockFilesTheyCannotTrustAndLeaveThem) {
       NativeFileLock lock(path, create, static_cast<NativeLockSharing>(sharing), static_cast<LockMode>(mode));
     };
   };
-  const std::string not_ordinary = "lock_failed|Operation lock must be an ordinary private owned file";
-  const std::string cannot_open = "lock_failed|Cannot open operation lock";
-  const std::string range = "lock_failed|Native ownership requires a bounded lock path and known sharing";
-  const std::string parents = "lock_failed|Native ownership requires ordinary existing parents";
-  const std::string not_empty_private = "lock_failed|Native ownership requires an ordinary empty private file";
+  const std::string not_ordinary = "lock_failed: Operation lock must be an ordinary private owned file";
+  const std::string cannot_open = "lock_failed: Cannot open operation lock";
+  const std::string range = "lock_failed: Native ownership requires a bounded lock path and known sharing";
+  const std::string parents = "lock_failed: Native ownership requires ordinary existing parents";
+  const std::string not_empty_private = "lock_failed: Native ownership requires an ordinary empty private file";
   testing::expect_rows(
       {{file(open), not_ordinary},
        {file(linked), not_ordinary},
        {file(foreign), not_ordinary},
-       {file(shared), "permissions|Existing macOS storage grants another identity access; preserve it"},
+       {file(shared), "permissions: Existing macOS storage grants another identity access; preserve it"},
        {file(dir / "symlink"), cannot_open},
        {file(dir / "directory"), cannot_open},
-       {file(dir / "linked-parent" / ".lock"), "unsafe_path|macOS directory ancestry is missing or linked"},
-       {file(""), "unsafe_path|macOS private directory needs a bounded path below a root"},
+       {file(dir / "linked-parent" / ".lock"), "unsafe_path: macOS directory ancestry is missing or linked"},
+       {file(""), "unsafe_path: macOS private directory needs a bounded path below a root"},
        {native(dir / "new", true, 2, 0), range},
        {native(dir / "new", true, 0, -1), range},
        {native(std::string("/tmp/a\0b", 8)), range},

@@ -77,47 +77,47 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   const auto native = [&home](const fs::path& place) {
     return [&home, place] { create_native_shortcut(home.shortcut(""), place); };
   };
-  const std::string inputs = "shortcut_path|Shortcut inputs need existing ordinary files and directories";
-  const std::string exists = "already_exists|Launch-document destination already exists; it was preserved";
-  const std::string plain = "shortcut_path|Shortcut paths need existing plain files and directories";
-  const std::string payloads = "shortcut_path|Launch documents must be outside managed launcher payloads";
+  const std::string inputs = "shortcut_path: Shortcut inputs need existing ordinary files and directories";
+  const std::string exists = "already_exists: Launch-document destination already exists; it was preserved";
+  const std::string plain = "shortcut_path: Shortcut paths need existing plain files and directories";
+  const std::string payloads = "shortcut_path: Launch documents must be outside managed launcher payloads";
   testing::expect_rows(
       {
-          {document(desk / "star.txt"), "shortcut_path|macOS launch documents must end in .zorvi-launch"},
+          {document(desk / "star.txt"), "shortcut_path: macOS launch documents must end in .zorvi-launch"},
           {document("Desktop/x.zorvi-launch"),
-           "shortcut_path|Shortcut paths must be absolute and normalized below a filesystem root"},
+           "shortcut_path: Shortcut paths must be absolute and normalized below a filesystem root"},
           {document(desk / "missing/x.zorvi-launch"), inputs},
-          {document(home.root / "x.zorvi-launch"), "shortcut_path|Launch documents must be outside application data"},
+          {document(home.root / "x.zorvi-launch"), "shortcut_path: Launch documents must be outside application data"},
           {document(home.dir / "launcher/versions/1.0/x.zorvi-launch"), payloads},
           {document(home.dir / "launcher/staging/x.zorvi-launch"), payloads},
           {document(desk / "taken.zorvi-launch"), exists},
           {document(home.dir / "versions/taken.zorvi-launch"), exists},
           {document(desk / "dangling.zorvi-launch"),
-           "unsafe_path|macOS setup ancestry is linked, unavailable or changed"},
+           "unsafe_path: macOS setup ancestry is linked, unavailable or changed"},
           {document(desk / "x.zorvi-launch", home.bootstrap.parent_path() / "other"),
-           "shortcut_bootstrap|macOS shortcuts require the stable native bootstrap"},
+           "shortcut_bootstrap: macOS shortcuts require the stable native bootstrap"},
           {document(desk / "x.zorvi-launch", home.dir / "bare/bin/zorvi-bootstrap"), inputs},
           {[] { native_menu_entry("/a/../b", "", ""); },
-           "shortcut_path|Shortcut paths must be absolute and normalized"},
-          {[] { linux_menu_entry("", "", ""); }, "shortcut_path|Application menu entry needs its selected profile"},
+           "shortcut_path: Shortcut paths must be absolute and normalized"},
+          {[] { linux_menu_entry("", "", ""); }, "shortcut_path: Application menu entry needs its selected profile"},
           {[&] { create_owned_native_shortcut(home.shortcut(""), home.root / "x.desktop"); },
-           "shortcut_path|Shortcuts must be outside the data folder"},
+           "shortcut_path: Shortcuts must be outside the data folder"},
           {native(home.dir / "missing/x.desktop"),
-           "shortcut_path|Custom shortcut destinations require an existing parent directory"},
+           "shortcut_path: Custom shortcut destinations require an existing parent directory"},
           {native(home.dir / "missing/deeper/x.desktop"), plain},
-          {native(deep / "x.txt"), "shortcut_path|Linux desktop entries must end in .desktop"},
+          {native(deep / "x.txt"), "shortcut_path: Linux desktop entries must end in .desktop"},
           {native(deep / "d/x.desktop"), plain},
-          {native(home.dir / "link/x.desktop"), "unsafe_path|Shortcut path contains a symbolic link"},
+          {native(home.dir / "link/x.desktop"), "unsafe_path: Shortcut path contains a symbolic link"},
           {[&] { owned_native_shortcuts(home.dir / "old"); },
-           "shortcut_ledger|Unsupported shortcut list " + (home.dir / "old/native/shortcuts.json").native()},
+           "shortcut_ledger: Unsupported shortcut list " + (home.dir / "old/native/shortcuts.json").native()},
           {[&] { owned_native_shortcuts(home.dir / "bad"); },
-           "shortcut_ledger|Shortcut list is malformed: " + (home.dir / "bad/native/shortcuts.json").native()},
+           "shortcut_ledger: Shortcut list is malformed: " + (home.dir / "bad/native/shortcuts.json").native()},
       },
       home.dir.path());
   testing::write_text(home.dir / "share/applications", "not a folder");
-  testing::expect_rows(
-      {{document(desk / "x.zorvi-launch"), "shortcut_api|Cannot register the installed Zorvi launch-document handler"}},
-      home.dir.path());
+  testing::expect_rows({{document(desk / "x.zorvi-launch"),
+                         "shortcut_api: Cannot register the installed Zorvi launch-document handler"}},
+                       home.dir.path());
   ::unsetenv("XDG_DATA_HOME");
   ::unsetenv("HOME");
   testing::expect_error([] { native_menu_directory(); }, "user_path", "Cannot locate the user's Desktop");

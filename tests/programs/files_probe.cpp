@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     operations.at(args[0])(args[1], args.size() == 3 ? args[2] : "");
     std::cout << "ok" << std::endl;
   } catch (const Error& error) {
-    std::cout << error.code << "|" << error.what() << std::endl;
+    std::cout << error.code << ": " << error.what() << std::endl;
   }
   return 0;
 }

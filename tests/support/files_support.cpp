@@ -9,15 +9,6 @@
 
 namespace zorvi::testing {
 
-std::string error_of(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error.code + "|" + error.what();
-  }
-  return "no error";
-}
-
 std::string tree_state(const std::filesystem::path& root) {
   const std::string script =
       "find \"$1\" -printf '%p %M %U %n %s %D:%i\\n' | sort; getfacl -Rpn \"$1\" 2>/dev/null;"
@@ -34,7 +25,7 @@ void expect_rows(const std::vector<Row>& rows, const std::filesystem::path& root
   const std::string before = tree_state(root);
   for (std::size_t index = 0; index < rows.size(); ++index) {
     SCOPED_TRACE("row " + std::to_string(index));
-    EXPECT_EQ(error_of(rows[index].call), rows[index].expected);
+    EXPECT_EQ(outcome(rows[index].call), rows[index].expected);
     EXPECT_EQ(tree_state(root), before);
   }
 }

@@ -4,9 +4,6 @@
 
 namespace zorvi::testing {
 
-// "code|message" of the zorvi::Error that `action` raised, or "no error".
-std::string error_of(const std::function<void()>& action);
-
 // Type, mode, owner, links, size, identity, ACL and, for a file, a digest of
 // its bytes, of `root` and of everything below it: what "left as it was"
 // compares. Links are not followed.
@@ -15,7 +12,7 @@ std::string tree_state(const std::filesystem::path& root);
 // Each entry below `root` as "./relative/path octal-mode", sorted, one a line.
 std::string modes(const std::filesystem::path& root);
 
-// A call and the outcome it must have, as error_of gives it.
+// A call and the outcome it must have, as `outcome` gives it.
 struct Row {
   std::function<void()> call;
   std::string expected;
