@@ -169,6 +169,15 @@ TEST_F(BootstrapUpdate, AKillAtEveryDurableStepLeavesAWholeBootstrap) {
     run_command({"cp", "-a", data, staged});
     const long applying = entry({}, true, 0);
     ASSERT_TRUE(installed() == "4.0.0" && staging > 0 && applying > 0);
+    // Every name the apply changes is flushed in its folder before it ends,
+    // but for the removal of the old files, which the next start retries.
+    fs::remove_all(data), run_command({"cp", "-a", staged, data});
+    const auto traced = testing::run_traced({testing::binary_dir() / "bootstrap_update_entry", "apply", bootstrap},
+                                            "rename,renameat,renameat2,unlink,unlinkat,fsync");
+    ASSERT_EQ(traced.result.status, 0) << traced.result.out;
+    auto unflushed = testing::unflushed_name_changes(traced.calls, data);
+    std::erase_if(unflushed, [](const std::string& call) { return call.find(".old\")") != std::string::npos; });
+    EXPECT_EQ(unflushed, std::vector<std::string>{});
     for (long step = 1; step < staging + applying; ++step) {
       SCOPED_TRACE("step " + std::to_string(step));
       const bool apply = step >= staging;

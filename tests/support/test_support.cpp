@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -66,6 +67,37 @@ CommandResult run_command(const std::vector<std::string>& argv, std::string_view
   if (pid < 0) return {127, "", "cannot start " + argv.at(0)};
   const int status = wait_status(pid);
   return {status, read_text(scratch / "out"), read_text(scratch / "err")};
+}
+
+TracedRun run_traced(const std::vector<std::string>& argv, const std::string& calls) {
+  TempDir scratch;
+  std::vector<std::string> traced{
+      "strace",        "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-qq", "-a1", "-y", "-o", scratch / "log", "-e",
+      "trace=" + calls};
+  traced.insert(traced.end(), argv.begin(), argv.end());
+  TracedRun run{run_command(traced), {}};
+  std::istringstream lines(read_text(scratch / "log"));
+  for (std::string line; std::getline(lines, line);)
+    run.calls.push_back(line.substr(line.find_first_not_of("0123456789 ")));
+  return run;
+}
+
+std::vector<std::string> unflushed_name_changes(const std::vector<std::string>& calls, const fs::path& folder) {
+  std::vector<std::string> unflushed;
+  const std::string quoted = "\"" + folder.string() + "/";
+  for (auto call = calls.begin(); call != calls.end(); ++call) {
+    // A rename's new name, the last path named, is the one that must last.
+    const std::size_t at = call->rfind(quoted);
+    if ((!call->starts_with("rename") && !call->starts_with("unlink")) || !call->ends_with(" = 0") ||
+        at == std::string::npos)
+      continue;
+    const fs::path changed = call->substr(at + 1, call->find('"', at + 1) - at - 1);
+    const std::string flushed = "<" + changed.parent_path().string() + ">) = 0";
+    if (std::none_of(call + 1, calls.end(),
+                     [&](const std::string& later) { return later.starts_with("fsync(") && later.ends_with(flushed); }))
+      unflushed.push_back(*call);
+  }
+  return unflushed;
 }
 
 std::string run_python(std::string_view script, const std::vector<std::string>& args) {

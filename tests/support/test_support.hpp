@@ -46,6 +46,20 @@ int wait_status(pid_t pid, bool blocking = true);
 // Runs a real program (looked up on PATH) with `input` on its standard input.
 CommandResult run_command(const std::vector<std::string>& argv, std::string_view input = {});
 
+// `argv` run under strace, following children, with descriptors shown as
+// their paths: its result, and each traced call of `calls` (strace's
+// trace= list) as a line without a leading process id.
+struct TracedRun {
+  CommandResult result;
+  std::vector<std::string> calls;
+};
+TracedRun run_traced(const std::vector<std::string>& argv, const std::string& calls);
+
+// The traced renames and unlinks of absolute paths under `folder` whose new
+// or removed name no later fsync of its folder makes durable.
+std::vector<std::string> unflushed_name_changes(const std::vector<std::string>& calls,
+                                                const std::filesystem::path& folder);
+
 // `python3 -c script args...`; fails the calling test on a non-zero status.
 std::string run_python(std::string_view script, const std::vector<std::string>& args = {});
 
