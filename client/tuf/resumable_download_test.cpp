@@ -2,7 +2,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -82,18 +81,14 @@ TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
 TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
   TufRepository repository("targets=1");
   std::filesystem::create_directories(repository.out);
-  const std::filesystem::path log = repository.dir / "strace";
-  const CommandResult traced =
-      run_command({"strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-f", "-qq", "-a1", "-y", "-o", log.string(), "-e",
-                   "trace=fsync,fdatasync,rename,renameat,renameat2,unlink,unlinkat",
-                   (binary_dir() / "tuf_fetch").string(), repository.trust.string(), repository.server->base_url(),
-                   repository.server->ca_bundle().string(), repository.out.string(), "file0.bin", "0"});
-  ASSERT_EQ(traced.out, "complete\n") << traced.err;
+  const TracedRun traced =
+      run_traced({(binary_dir() / "tuf_fetch").string(), repository.trust.string(), repository.server->base_url(),
+                  repository.server->ca_bundle().string(), repository.out.string(), "file0.bin", "0"},
+                 "fsync,fdatasync,rename,renameat,renameat2,unlink,unlinkat");
+  ASSERT_EQ(traced.result.out, "complete\n") << traced.result.err;
   std::vector<std::string> steps;  // calls on paths in the folder, in order
-  std::istringstream lines(read_text(log));
-  for (std::string line; std::getline(lines, line);)
-    if (line.find(repository.out.string()) != std::string::npos)
-      steps.push_back(line.substr(line.find_first_not_of("0123456789 ")));  // without a leading process id
+  for (const std::string& call : traced.calls)
+    if (call.find(repository.out.string()) != std::string::npos) steps.push_back(call);
   const std::string flushed = "<" + repository.out.string() + ">) = 0";
   int changes = 0;
   for (std::size_t index = 0; index < steps.size(); ++index) {

@@ -1,6 +1,5 @@
 #include <sys/stat.h>
 
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -100,19 +99,16 @@ TEST(TufClient, ForgetsRotatedStateInADurableOrder) {
   TufRepository repository("targets=1");
   repository.client().refresh();
   atomic_write(repository.trust / "root-invalidation.json", R"({"version":1})");
-  const std::filesystem::path log = repository.dir / "strace";
-  const CommandResult traced =
-      run_command({"strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-qq", "-a1", "-o", log.string(), "-y", "-e",
-                   "trace=fsync,unlink,unlinkat", (binary_dir() / "tuf_fetch").string(), repository.trust.string(),
-                   repository.server->base_url(), repository.server->ca_bundle().string(), repository.out.string(),
-                   "file0.bin", "0"});
-  ASSERT_EQ(traced.out, "complete\n") << traced.err;
+  const TracedRun traced =
+      run_traced({(binary_dir() / "tuf_fetch").string(), repository.trust.string(), repository.server->base_url(),
+                  repository.server->ca_bundle().string(), repository.out.string(), "file0.bin", "0"},
+                 "fsync,unlink,unlinkat");
+  ASSERT_EQ(traced.result.out, "complete\n") << traced.result.err;
   std::string steps;  // each call on the trust folder or a name in it: "unlink timestamp.json"
-  std::istringstream lines(read_text(log));
-  for (std::string line; std::getline(lines, line);) {
-    if (line.find(repository.trust.string()) == std::string::npos) continue;
-    const std::string name = line.substr(line.rfind('/') + 1);
-    steps += line.substr(0, line.find('(')) + " " + name.substr(0, name.find_first_of("\">")) + "\n";
+  for (const std::string& call : traced.calls) {
+    if (call.find(repository.trust.string()) == std::string::npos) continue;
+    const std::string name = call.substr(call.rfind('/') + 1);
+    steps += call.substr(0, call.find('(')) + " " + name.substr(0, name.find_first_of("\">")) + "\n";
   }
   EXPECT_TRUE(steps.starts_with(
       "unlink timestamp.json\nunlink snapshot.json\nfsync trust\nunlink root-invalidation.json\nfsync trust\n"))
