@@ -232,6 +232,22 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnUninstallIsFinishedByTheNextOne
   };
   const fs::path installed = install(dir / "installed").data_root;
   testing::write_text(installed / "settings.json", "{}");
+  // Each name that goes from the folder is flushed away before the next one
+  // goes, up to the locks and the marker, which go last.
+  testing::run_command({"cp", "-aT", installed, data});
+  const auto traced = testing::run_traced({testing::binary_dir() / "install_entry", "--uninstall", data},
+                                          "rename,renameat,renameat2,unlink,unlinkat,rmdir,fsync");
+  bool unflushed = false;
+  for (const std::string& call : traced.calls) {
+    if (call.starts_with("fsync(") && call.ends_with("<" + data.string() + ">) = 0")) unflushed = false;
+    if (call.starts_with("fsync(") || call.find("\"" + data.string() + "/") == std::string::npos) continue;
+    const std::string named = call.substr(call.find("\"" + data.string() + "/") + data.string().size() + 2);
+    if (named.find('/') < named.find('"')) continue;  // deeper than the folder itself
+    if (named.find(".lock\"") != std::string::npos) break;
+    EXPECT_FALSE(unflushed) << call;
+    unflushed = true;
+  }
+  EXPECT_FALSE(unflushed);
   for (int step = 0, total = 1; step < total; ++step) {
     SCOPED_TRACE(step);
     testing::run_command({"cp", "-aT", installed, data});
