@@ -1,17 +1,12 @@
 #include "client/platform/process.hpp"
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <algorithm>
-#include <cstddef>
 #include <thread>
 
 #include "client/domain/json.hpp"
@@ -291,32 +286,6 @@ TEST(ChildProcess, NothingLeaksIntoAChild) {
                   report["stdin"].get<std::string>(),
               std::string(32, '0') + "/dev/null");
   }
-}
-
-// Older kernels and some sandboxes refuse clone3; the plain clone that
-// takes its place leaves every reset to the child.
-TEST(ChildProcess, WithoutClone3TheChildStillResetsEverySignal) {
-  testing::TempDir dir;
-  const std::string started = in_subprocess([&] {
-    sock_filter refuse_clone3[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                                   BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 0, 1),
-                                   BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-                                   BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-    const sock_fprog filter{static_cast<unsigned short>(std::size(refuse_clone3)), refuse_clone3};
-    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
-      return std::string("no filter");
-    if (::syscall(SYS_clone3, nullptr, 0) != -1 || errno != ENOSYS) return std::string("clone3 not refused");
-    ::signal(SIGUSR2, SIG_IGN);
-    static volatile sig_atomic_t handled = 0;
-    struct sigaction action{};
-    action.sa_handler = [](int) { handled = 1; };
-    ::sigaction(SIGUSR1, &action, nullptr);
-    ended({.on_spawn = [](std::uint64_t pid) { ::kill(static_cast<pid_t>(pid), SIGUSR1); }});
-    if (handled != 0) return std::string("our handler ran");
-    return ended({.path = probe_path(), .arguments = {"report", (dir / "report").string()}});
-  });
-  ASSERT_EQ(started, "0");
-  EXPECT_EQ(json::parse(testing::read_text(dir / "report"))["ignored"], std::string(16, '0'));
 }
 
 // Until its exec the child runs in this process's memory: a handler of ours
