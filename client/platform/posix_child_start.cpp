@@ -74,66 +74,14 @@ ZORVI_CHILD_CODE inline void must(const Plan& plan, long result) {
   if (result < 0) report_and_leave(plan, result);
 }
 
-// 1 when `text` holds a whole SigIgn line, parsed into `ignored`; 0 when it
-// does not hold one yet; -1 when the line is malformed.
-ZORVI_CHILD_CODE inline int parse_ignored_line(const char* text, long length, unsigned long& ignored) {
-  constexpr char label[] = "\nSigIgn:";
-  constexpr long label_length = sizeof label - 1;
-  for (long at = 0; at + label_length <= length; ++at) {
-    long matched = 0;
-    while (matched < label_length && text[at + matched] == label[matched]) ++matched;
-    if (matched != label_length) continue;
-    long digit = at + label_length;
-    while (digit < length && (text[digit] == ' ' || text[digit] == '\t')) ++digit;
-    unsigned long value = 0;
-    int digits = 0;
-    for (; digit < length && digits < 16; ++digit, ++digits) {
-      const char c = text[digit];
-      const int nibble = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-      if (nibble < 0) break;
-      value = value << 4 | static_cast<unsigned long>(nibble);
-    }
-    if (digit >= length) return 0;
-    if (digits == 0 || text[digit] != '\n') return -1;
-    ignored = value;
-    return 1;
-  }
-  return 0;
-}
-
-// Where the kernel has already reset every handled signal (clone3 with
-// CLONE_CLEAR_SIGHAND), only ignored signals differ from the default. Their
-// set is the SigIgn line of this process's status file, read into a buffer on
-// this stack until the line is whole. False where it cannot be had.
-ZORVI_CHILD_CODE inline bool read_ignored_signals(unsigned long& ignored) {
-  const long file = raw_call(SYS_open, reinterpret_cast<long>("/proc/self/status"), O_RDONLY | O_CLOEXEC);
-  if (file < 0) return false;
-  char text[4096];
-  long length = 0;
-  int parsed = 0;
-  while (parsed == 0 && length < static_cast<long>(sizeof text)) {
-    const long count =
-        raw_call(SYS_read, file, reinterpret_cast<long>(text + length), static_cast<long>(sizeof text) - length);
-    if (count == -EINTR) continue;
-    if (count <= 0) break;
-    length += count;
-    parsed = parse_ignored_line(text, length, ignored);
-  }
-  raw_call(SYS_close, file);
-  return parsed == 1;
-}
-
 // The new image starts with default dispositions and nothing blocked: the
 // parent's Ctrl+C handling, an ignored SIGPIPE or a signal blocked around
 // the start are not the game's business. A parent handler must never run
 // here either, as it would run on the parent's memory.
-ZORVI_CHILD_CODE inline void reset_signals(bool handlers_cleared) {
-  unsigned long differing = ~0UL;
-  if (handlers_cleared && !read_ignored_signals(differing)) differing = ~0UL;
+ZORVI_CHILD_CODE inline void reset_signals() {
   const KernelAction standard{SIG_DFL, 0, nullptr, 0};
   for (int signal_number = 1; signal_number <= highest_signal; ++signal_number) {
-    const bool differs = ((differing >> (signal_number - 1)) & 1UL) != 0;
-    if (differs && signal_number != SIGKILL && signal_number != SIGSTOP)
+    if (signal_number != SIGKILL && signal_number != SIGSTOP)
       raw_call(SYS_rt_sigaction, signal_number, reinterpret_cast<long>(&standard), 0, kernel_set_size);
   }
   const unsigned long none = 0;
@@ -151,9 +99,9 @@ ZORVI_CHILD_CODE inline long read_activation(int descriptor, unsigned char& byte
 // The child's side of the start, in the order the parent relies on: nothing
 // observable happens before the activation byte, and every failure after it
 // reaches the parent as an error number on the start channel.
-[[noreturn]] ZORVI_UNINSTRUMENTED __attribute__((no_stack_protector)) void run_child(const Plan& plan,
-                                                                                     bool handlers_cleared) {
-  reset_signals(handlers_cleared);
+ZORVI_UNINSTRUMENTED __attribute__((no_stack_protector)) int run_child(void* argument) {
+  const Plan& plan = *static_cast<const Plan*>(argument);
+  reset_signals();
   // Kernels before 5.11 refuse the flag; there only our own descriptors,
   // which are all close-on-exec already, are protected.
   raw_call(SYS_close_range, 3, ~0U, CLOSE_RANGE_CLOEXEC);
@@ -181,86 +129,33 @@ ZORVI_CHILD_CODE inline long read_activation(int descriptor, unsigned char& byte
   report_and_leave(plan, result);
 }
 
-ZORVI_UNINSTRUMENTED __attribute__((no_stack_protector)) int run_cleared_child(void* argument) {
-  run_child(*static_cast<const Plan*>(argument), true);
-}
-
-ZORVI_UNINSTRUMENTED __attribute__((no_stack_protector)) int run_uncleared_child(void* argument) {
-  run_child(*static_cast<const Plan*>(argument), false);
-}
-
-// The kernel's first layout of clone3's arguments.
-struct CloneArguments {
-  std::uint64_t flags;
-  std::uint64_t pidfd;
-  std::uint64_t child_tid;
-  std::uint64_t parent_tid;
-  std::uint64_t exit_signal;
-  std::uint64_t stack;
-  std::uint64_t stack_size;
-  std::uint64_t tls;
-};
-constexpr std::uint64_t clear_signal_handlers = 0x100000000ULL;  // CLONE_CLEAR_SIGHAND, Linux 5.5
-
-// clone and clone3 without the library's wrappers, which thread sanitizers
-// intercept and treat as a fork. In the child, on the new stack, the call
-// runs `entry` and leaves with its result; the parent gets the pid or the
-// negated error. The entry sits in a register of its own, since rbp is
-// cleared for the child's first frame; the argument is moved before that.
-#define ZORVI_CHILD_TRAMPOLINE \
-  "syscall\n\t"                \
-  "test %%rax, %%rax\n\t"      \
-  "jnz 1f\n\t"                 \
-  "mov %[argument], %%rdi\n\t" \
-  "xor %%ebp, %%ebp\n\t"       \
-  "call *%[entry]\n\t"         \
-  "mov %%eax, %%edi\n\t"       \
-  "mov %[leave], %%eax\n\t"    \
-  "syscall\n\t"                \
-  "hlt\n"                      \
-  "1:"
-
+// clone without the library's wrapper, which thread sanitizers intercept
+// and treat as a fork. In the child, on the new stack, it calls `entry` and
+// leaves with its result; the parent gets the pid or the negated error.
 ZORVI_UNINSTRUMENTED long clone_onto(void* stack_top, unsigned long flags, int (*entry)(void*), void* argument) {
   long result = 0;
   register long child_tid asm("r10") = 0;
   register long thread_area asm("r8") = 0;
-  register int (*entry_register)(void*) asm("r9") = entry;
-  asm volatile(ZORVI_CHILD_TRAMPOLINE
-               : "=a"(result)
-               : "a"(SYS_clone), "D"(flags), "S"(stack_top), "d"(0), "r"(child_tid),
-                 "r"(thread_area), [entry] "r"(entry_register), [argument] "r"(argument), [leave] "i"(SYS_exit_group)
-               : "rcx", "r11", "memory");
-  return result;
-}
-
-ZORVI_UNINSTRUMENTED long clone3_onto(const CloneArguments& arguments, int (*entry)(void*), void* argument) {
-  long result = 0;
+  // The entry sits in a register of its own, since rbp is cleared for the
+  // child's first frame; the argument is moved before that.
   register int (*entry_register)(void*) asm("r9") = entry;
   asm volatile(
-      ZORVI_CHILD_TRAMPOLINE
+      "syscall\n\t"
+      "test %%rax, %%rax\n\t"
+      "jnz 1f\n\t"
+      "mov %[argument], %%rdi\n\t"
+      "xor %%ebp, %%ebp\n\t"
+      "call *%[entry]\n\t"
+      "mov %%eax, %%edi\n\t"
+      "mov %[leave], %%eax\n\t"
+      "syscall\n\t"
+      "hlt\n"
+      "1:"
       : "=a"(result)
-      : "a"(SYS_clone3), "D"(&arguments),
-        "S"(sizeof arguments), [entry] "r"(entry_register), [argument] "r"(argument), [leave] "i"(SYS_exit_group)
+      : "a"(SYS_clone), "D"(flags), "S"(stack_top), "d"(0), "r"(child_tid),
+        "r"(thread_area), [entry] "r"(entry_register), [argument] "r"(argument), [leave] "i"(SYS_exit_group)
       : "rcx", "r11", "memory");
   return result;
-}
-
-// The kernel clears the handlers where it can, which spares the child a
-// call for every signal; older kernels, and sandboxes that refuse clone3,
-// get the plain clone and a child that resets every signal itself.
-long clone_child(const Plan& plan, ChildStack& stack) {
-  void* argument = const_cast<Plan*>(&plan);
-  const CloneArguments arguments{CLONE_VM | clear_signal_handlers,
-                                 0,
-                                 0,
-                                 0,
-                                 SIGCHLD,
-                                 reinterpret_cast<std::uint64_t>(stack.base()),
-                                 stack.size(),
-                                 0};
-  const long result = clone3_onto(arguments, run_cleared_child, argument);
-  if (result >= 0 || result == -EAGAIN || result == -ENOMEM) return result;
-  return clone_onto(stack.top(), CLONE_VM | SIGCHLD, run_uncleared_child, argument);
 }
 
 }  // namespace
@@ -294,7 +189,7 @@ pid_t start(const Plan& plan, ChildStack& stack) {
   const unsigned long all = ~0UL;
   unsigned long saved = 0;
   if (::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &all, &saved, kernel_set_size) != 0) return -1;
-  const long result = clone_child(plan, stack);
+  const long result = clone_onto(stack.top(), CLONE_VM | SIGCHLD, run_child, const_cast<Plan*>(&plan));
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &saved, nullptr, kernel_set_size);
   if (result < 0) {
     errno = static_cast<int>(-result);

@@ -41,8 +41,6 @@ class ChildStack {
   ChildStack& operator=(const ChildStack&) = delete;
 
   explicit operator bool() const { return base_ != nullptr; }
-  void* base() const { return base_; }
-  std::size_t size() const { return size_; }
   void* top() const;
 
  private:
@@ -51,8 +49,7 @@ class ChildStack {
 };
 
 // Starts the child on `stack` with every signal blocked around the start;
-// the child's handlers are reset, by the kernel or by the child, and the
-// child resets its ignored signals and its mask before it can take one.
+// the child resets every disposition and its mask before it can take one.
 // `plan` must stay unchanged as long as `stack` must live. Returns the pid,
 // or -1 with errno.
 pid_t start(const Plan& plan, ChildStack& stack);
