@@ -1,6 +1,5 @@
 #include <sys/stat.h>
 
-
 #include <gtest/gtest.h>
 
 #include "client/platform/files.hpp"
