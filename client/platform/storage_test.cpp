@@ -27,9 +27,9 @@ StorageVolume volume_of(std::uint64_t capacity, std::uint64_t available, std::op
   return StorageVolume{"/srv/games", "device:42", unit, capacity, available, inodes, free_inodes};
 }
 
-// Each "key=value" of `spec` against the field's JSON text.
-void expect_fields(const json& actual, const std::string& spec) {
-  std::istringstream fields(spec);
+// Each "key=value" of `expected` against the field's JSON text.
+void expect_fields(const json& actual, const std::string& expected) {
+  std::istringstream fields(expected);
   for (std::string field; fields >> field;) {
     const std::size_t equals = field.find('=');
     EXPECT_EQ(actual[field.substr(0, equals)].dump(), field.substr(equals + 1)) << field;
