@@ -118,11 +118,7 @@ ZORVI_UNINSTRUMENTED __attribute__((no_stack_protector)) int run_child(void* arg
   raw_call(SYS_close, plan.activation_child);
   must(plan, raw_call(SYS_chdir, reinterpret_cast<long>(plan.directory)));
   must(plan, raw_call(SYS_dup2, plan.null_device, 0));
-  if (plan.null_device == 0) {
-    must(plan, raw_call(SYS_fcntl, 0, F_SETFD, 0));
-  } else {
-    raw_call(SYS_close, plan.null_device);
-  }
+  raw_call(SYS_close, plan.null_device);
   if (!plan.console) must(plan, raw_call(SYS_dup2, 2, 1));
   const long result = raw_call(SYS_execve, reinterpret_cast<long>(plan.path), reinterpret_cast<long>(plan.argv),
                                reinterpret_cast<long>(plan.envp));
@@ -160,7 +156,9 @@ ZORVI_UNINSTRUMENTED long clone_onto(void* stack_top, unsigned long flags, int (
 
 }  // namespace
 
-ChildStack::ChildStack() {
+ChildStack::ChildStack() { map(); }
+
+void ChildStack::map() {
   void* base = ::mmap(nullptr, stack_size + guard_size, PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
   if (base == MAP_FAILED) return;
@@ -175,6 +173,13 @@ ChildStack::ChildStack() {
 
 ChildStack::~ChildStack() {
   if (base_ != nullptr) ::munmap(base_, size_);
+}
+
+ChildStack& ChildStack::of_this_thread() {
+  thread_local ChildStack stack;
+  // A failed map is tried again at the next start.
+  if (!stack) stack.map();
+  return stack;
 }
 
 void* ChildStack::top() const { return static_cast<char*>(base_) + size_; }

@@ -23,7 +23,7 @@ struct Plan {
   int start_write;
   int activation_parent;
   int activation_child;
-  int null_device;
+  int null_device;  // never one of 0 to 2
   int interrupt_reader;  // -1 without an interrupt channel
   int interrupt_writer;
   bool console;
@@ -40,10 +40,18 @@ class ChildStack {
   ChildStack(const ChildStack&) = delete;
   ChildStack& operator=(const ChildStack&) = delete;
 
+  // The calling thread's own stack, mapped on its first start and kept: a
+  // start never returns while its child still runs on it, so the next
+  // start of the same thread may use it again, without a map, a guard
+  // page and an unmap each time.
+  static ChildStack& of_this_thread();
+
   explicit operator bool() const { return base_ != nullptr; }
   void* top() const;
 
  private:
+  void map();
+
   void* base_ = nullptr;
   std::size_t size_ = 0;
 };

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <string_view>
 #include <thread>
 
@@ -55,10 +56,11 @@ constexpr OverrideMessages launch_override_messages{
 constexpr OverrideMessages replacement_override_messages{"Invalid maintenance environment",
                                                          "Maintenance cannot inherit launcher interrupt authority"};
 
+// An entry that is a regular file without following links is also one when
+// links are followed, so one look at the entry answers both questions.
 bool is_plain_file(const std::filesystem::path& path) {
   std::error_code error;
-  return path.has_root_directory() && !std::filesystem::is_symlink(std::filesystem::symlink_status(path, error)) &&
-         std::filesystem::is_regular_file(std::filesystem::status(path, error));
+  return path.has_root_directory() && std::filesystem::is_regular_file(std::filesystem::symlink_status(path, error));
 }
 
 bool is_plain_directory(const std::filesystem::path& path) {
@@ -138,43 +140,52 @@ NativeVector argument_vector(const std::filesystem::path& path, const std::vecto
   return vector;
 }
 
-bool is_close_on_exec(const UniqueFd& descriptor) {
-  const int flags = ::fcntl(descriptor.get(), F_GETFD);
-  return flags >= 0 && (flags & FD_CLOEXEC) != 0;
-}
-
 void reap(pid_t pid) {
   int status = 0;
   retry_on_eintr([&] { return ::waitpid(pid, &status, 0); });
 }
 
+UniqueFd open_null_device() {
+  UniqueFd device(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  // Kept off 0 to 2, which a process that closed its standard streams
+  // would otherwise lose to it for good.
+  if (device && device.get() <= 2) device.reset(::fcntl(device.get(), F_DUPFD_CLOEXEC, 3));
+  return device;
+}
+
+// The game's input: one read-only null device for every start of this
+// process, since each child only duplicates it. Opened again after a failure.
+int shared_null_device() {
+  static std::mutex guard;
+  static UniqueFd device;
+  const std::lock_guard lock(guard);
+  if (!device) device = open_null_device();
+  require(static_cast<bool>(device), "process_start", "Cannot create game input stream");
+  return device.get();
+}
+
 struct StartChannels {
   UniqueFd start_read;
   UniqueFd start_write;
-  UniqueFd null_device;
+  int null_device = -1;
   UniqueFd activation_parent;
   UniqueFd activation_child;
 };
 
-// Every descriptor is made close-on-exec at creation, so that a fork in
-// another thread cannot carry one into a foreign image.
+// Every descriptor is created close-on-exec in the same call, so that a
+// fork in another thread cannot carry one into a foreign image.
 StartChannels open_start_channels() {
   StartChannels channels;
   int ends[2] = {-1, -1};
   require(::pipe2(ends, O_CLOEXEC) == 0, "process_start", "Cannot allocate process-start channel");
   channels.start_read.reset(ends[0]);
   channels.start_write.reset(ends[1]);
-  require(is_close_on_exec(channels.start_read) && is_close_on_exec(channels.start_write), "process_start",
-          "Cannot protect process-start channel");
-  channels.null_device.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-  require(static_cast<bool>(channels.null_device), "process_start", "Cannot create game input stream");
+  channels.null_device = shared_null_device();
+  // Linux has no SO_NOSIGPIPE; the activation send uses MSG_NOSIGNAL instead.
   require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "process_start",
           "Cannot allocate process activation channel");
   channels.activation_parent.reset(ends[0]);
   channels.activation_child.reset(ends[1]);
-  // Linux has no SO_NOSIGPIPE; the activation send uses MSG_NOSIGNAL instead.
-  require(is_close_on_exec(channels.activation_parent) && is_close_on_exec(channels.activation_child), "process_start",
-          "Cannot protect process activation channel");
   return channels;
 }
 
@@ -343,7 +354,7 @@ ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<
                                channels.start_write.get(),
                                channels.activation_parent.get(),
                                channels.activation_child.get(),
-                               channels.null_device.get(),
+                               channels.null_device,
                                interrupt_ends.reader,
                                interrupt_ends.writer,
                                console,
@@ -351,9 +362,7 @@ ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<
   // The child runs in this process's memory until its exec: the stack, the
   // plan and the texts above outlive it on every path below, which ends
   // with the exec seen or the child reaped.
-  posix_child::ChildStack stack;
-  const pid_t pid = posix_child::start(plan, stack);
-  channels.null_device.reset();
+  const pid_t pid = posix_child::start(plan, posix_child::ChildStack::of_this_thread());
   channels.start_write.reset();
   channels.activation_child.reset();
   if (interrupt) interrupt->close_reader();
