@@ -23,7 +23,7 @@ struct Plan {
   int start_write;
   int activation_parent;
   int activation_child;
-  int null_device;  // never one of 0 to 2
+  int null_device;       // never one of 0 to 2
   int interrupt_reader;  // -1 without an interrupt channel
   int interrupt_writer;
   bool console;
