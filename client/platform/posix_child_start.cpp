@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <linux/futex.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -128,9 +129,10 @@ ZORVI_UNINSTRUMENTED __attribute__((no_stack_protector)) int run_child(void* arg
 // clone without the library's wrapper, which thread sanitizers intercept
 // and treat as a fork. In the child, on the new stack, it calls `entry` and
 // leaves with its result; the parent gets the pid or the negated error.
-ZORVI_UNINSTRUMENTED long clone_onto(void* stack_top, unsigned long flags, int (*entry)(void*), void* argument) {
+ZORVI_UNINSTRUMENTED long clone_onto(void* stack_top, unsigned long flags, std::uint32_t* clear_word,
+                                     int (*entry)(void*), void* argument) {
   long result = 0;
-  register long child_tid asm("r10") = 0;
+  register std::uint32_t* child_tid asm("r10") = clear_word;
   register long thread_area asm("r8") = 0;
   // The entry sits in a register of its own, since rbp is cleared for the
   // child's first frame; the argument is moved before that.
@@ -194,13 +196,26 @@ pid_t start(const Plan& plan, ChildStack& stack) {
   const unsigned long all = ~0UL;
   unsigned long saved = 0;
   if (::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &all, &saved, kernel_set_size) != 0) return -1;
-  const long result = clone_onto(stack.top(), CLONE_VM | SIGCHLD, run_child, const_cast<Plan*>(&plan));
+  __atomic_store_n(&stack.occupied_, 1U, __ATOMIC_SEQ_CST);
+  const long result = clone_onto(stack.top(), CLONE_VM | CLONE_CHILD_CLEARTID | SIGCHLD, &stack.occupied_, run_child,
+                                 const_cast<Plan*>(&plan));
   ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &saved, nullptr, kernel_set_size);
   if (result < 0) {
+    __atomic_store_n(&stack.occupied_, 0U, __ATOMIC_SEQ_CST);
     errno = static_cast<int>(-result);
     return -1;
   }
   return static_cast<pid_t>(result);
+}
+
+bool ChildStack::wait_until_left() {
+  for (;;) {
+    const std::uint32_t word = __atomic_load_n(&occupied_, __ATOMIC_SEQ_CST);
+    if (word == 0) return true;
+    // Not a private futex: the kernel wakes this word as a shared one.
+    const long result = ::syscall(SYS_futex, &occupied_, FUTEX_WAIT, word, nullptr, nullptr, 0);
+    if (result != 0 && errno != EINTR && errno != EAGAIN) return false;
+  }
 }
 
 }  // namespace zorvi::posix_child

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 
 // Starting a supervised child without copying the parent's address space.
 // The child runs on a stack of its own inside the parent's memory until its
@@ -31,7 +32,7 @@ struct Plan {
 };
 
 // The memory the child runs on. It must outlive the child's use of the
-// parent's memory: until the start channel has shown the exec, or the child
+// parent's memory: until `wait_until_left` has returned true, or the child
 // has been reaped.
 class ChildStack {
  public:
@@ -49,11 +50,20 @@ class ChildStack {
   explicit operator bool() const { return base_ != nullptr; }
   void* top() const;
 
+  // Blocks until the child started on this stack has left this process's
+  // memory: the kernel clears the word and wakes its waiters as the child's
+  // exec replaces its memory, or as the child ends, whichever comes first.
+  // The exec is then past the point from which it can still fail back to
+  // the child. False if the wait itself cannot be made.
+  bool wait_until_left();
+
  private:
+  friend pid_t start(const Plan& plan, ChildStack& stack);
   void map();
 
   void* base_ = nullptr;
   std::size_t size_ = 0;
+  std::uint32_t occupied_ = 0;
 };
 
 // Starts the child on `stack` with every signal blocked around the start;

@@ -177,7 +177,9 @@ struct StartChannels {
 StartChannels open_start_channels() {
   StartChannels channels;
   int ends[2] = {-1, -1};
-  require(::pipe2(ends, O_CLOEXEC) == 0, "process_start", "Cannot allocate process-start channel");
+  // Not blocking: the report is read once the child is known to have
+  // written it or never to write one.
+  require(::pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0, "process_start", "Cannot allocate process-start channel");
   channels.start_read.reset(ends[0]);
   channels.start_write.reset(ends[1]);
   channels.null_device = shared_null_device();
@@ -217,10 +219,19 @@ bool send_activation(const UniqueFd& activation) {
   return retry_on_eintr([&] { return ::send(activation.get(), &activation_byte, 1, MSG_NOSIGNAL); }) == 1;
 }
 
-// 0 when the image was replaced (end of file), else the count of bytes or -1.
-ssize_t read_start_report(const UniqueFd& start_read) {
+// Once the child has left this process's memory, the start channel holds
+// its report if the exec failed: the child writes it before it ends. An
+// empty channel means the image was replaced; its write end closes on
+// return from the exec. 0 then, else the count of bytes or -1. Where the
+// child's departure cannot be awaited, the end of the channel is.
+ssize_t read_start_report(const UniqueFd& start_read, posix_child::ChildStack& stack) {
+  if (!stack.wait_until_left()) {
+    pollfd entry{start_read.get(), POLLIN, 0};
+    if (retry_on_eintr([&] { return ::poll(&entry, 1, -1); }) < 0) return -1;
+  }
   int report = 0;
   const FullRead got = read_full(start_read.get(), &report, sizeof report);
+  if (got.count == 0 && got.error == EAGAIN) return 0;
   return got.error != 0 ? -1 : static_cast<ssize_t>(got.count);
 }
 
@@ -362,7 +373,8 @@ ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<
   // The child runs in this process's memory until its exec: the stack, the
   // plan and the texts above outlive it on every path below, which ends
   // with the exec seen or the child reaped.
-  const pid_t pid = posix_child::start(plan, posix_child::ChildStack::of_this_thread());
+  posix_child::ChildStack& stack = posix_child::ChildStack::of_this_thread();
+  const pid_t pid = posix_child::start(plan, stack);
   channels.start_write.reset();
   channels.activation_child.reset();
   if (interrupt) interrupt->close_reader();
@@ -386,7 +398,7 @@ ChildProcess::ChildProcess(const std::filesystem::path& path, const std::vector<
     throw Error("process_start", "Cannot activate the prepared game");
   }
   channels.activation_parent.reset();
-  const ssize_t report = read_start_report(channels.start_read);
+  const ssize_t report = read_start_report(channels.start_read, stack);
   channels.start_read.reset();
   if (report != 0) {
     // A failed read leaves the child's fate open; make sure it is over.
