@@ -63,7 +63,7 @@ bool FlushAndHashPool::start_thread() {
   return !threads_.empty();
 }
 
-void FlushAndHashPool::drain(std::exception_ptr caller) {
+void FlushAndHashPool::drain(const std::exception_ptr& caller) {
   std::unique_lock lock(mutex_);
   ended_.wait(lock, [&] { return pending_ == 0; });
   if (failure_) std::rethrow_exception(failure_);

@@ -50,7 +50,7 @@ class FlushAndHashPool {
   void add(FinishedFile file);
   // Waits until every file added is done. Raises the earliest file's failure
   // if one failed, else `caller` if set.
-  void drain(std::exception_ptr caller = nullptr);
+  void drain(const std::exception_ptr& caller = nullptr);
 
  private:
   struct Task {
