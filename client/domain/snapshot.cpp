@@ -13,6 +13,7 @@
 
 #include "client/domain/bounded_zstd.hpp"
 #include "client/domain/error.hpp"
+#include "client/domain/flush_and_hash_pool.hpp"
 #include "client/domain/identifier.hpp"
 #include "client/platform/allocated_file.hpp"
 #include "client/platform/directory_chain.hpp"
@@ -193,6 +194,7 @@ struct Extraction {
   const ReservedTree* reserved_tree;
   BoundedZstd& decoder;
   struct archive* reader;
+  FlushAndHashPool& flushing;
   std::vector<char> buffer = std::vector<char>(data_chunk);
   std::uint64_t done = 0;
   // Entries come in path order, so most share the directory just proved
@@ -229,13 +231,9 @@ struct Extraction {
             : AllocatedFile(chain.parent(), chain.name(), chain.path(), listed.length, ReservationObserver());
     copy_data(file, listed.length);
     file.set_executable(listed.executable);
-    file.finish(true);
-    // Hashed from what is on stable storage now, reached from its directory.
-    const UniqueFd written(::openat(chain.parent().get(), chain.name().c_str(), file_open));
-    require(static_cast<bool>(written), "file_read",
-            "Could not open file for verification: " + path_utf8(chain.path()));
-    require(digest_open_file(written, "sha256", Progress()) == listed.sha256, "content_mismatch",
-            "Extracted file hash differs from manifest");
+    // The chain moves on to the next entry; the file keeps its own hold on
+    // its directory until it is flushed and hashed.
+    flushing.add(FinishedFile{std::move(file), chain.parent(), chain.name(), chain.path(), listed.sha256});
   }
 
   void run() {
@@ -324,7 +322,16 @@ void extract_snapshot(const SnapshotManifest& manifest, const std::filesystem::p
   const std::uint64_t limit = manifest.expanded_length + tar_overhead_per_file * manifest.files.size() + tar_overhead;
   BoundedZstd decoder(std::move(file), limit);
   const TarReader reader = open_tar_reader(decoder);
-  Extraction{manifest, staging, progress, reserved_tree, decoder, reader.get()}.run();
+  // Enough overlapping flushes for the journal to group them; more only adds
+  // open files and threads.
+  constexpr std::size_t flushing_files = 8;
+  FlushAndHashPool flushing(flushing_files);
+  try {
+    Extraction{manifest, staging, progress, reserved_tree, decoder, reader.get(), flushing}.run();
+  } catch (...) {
+    flushing.drain(std::current_exception());
+  }
+  flushing.drain();
   finish_after_tar(decoder, reader.get());
   verify_snapshot_tree(manifest, staging, progress);
   sync_tree_directories(staging);

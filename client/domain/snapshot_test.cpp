@@ -156,12 +156,12 @@ Action shell(const std::string& script) {
   };
 }
 // The same with a tar crafted by Python's tarfile.
-Action crafted(const json& entries) {
-  return [entries](Packed& p) {
+Action crafted(const json& entries, const Progress& progress = Progress()) {
+  return [entries, progress](Packed& p) {
     testing::craft_tar(p.dir / "crafted.tar", entries);
     testing::compress(p.dir / "crafted.tar", p.archive);
     p.manifest = testing::parsed_manifest(p.tree, p.archive);
-    p.extract();
+    p.extract(progress);
   };
 }
 json file_entry(const std::string& name, const std::string& content, int mode = 0644) {
@@ -189,6 +189,8 @@ std::vector<std::string> outside_staging(const fs::path& out) {
 
 TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
   const json game = file_entry("bin/game", "#!/bin/sh\n", 0755);
+  const json changed_game = file_entry("bin/game", "#!/bin/sX\n", 0755);
+  const std::string changed = "content_mismatch: Extracted file hash differs from manifest";
   const std::string tar_game = "tar --format=gnu -C tree -cf - bin/game";
   const std::string skippable = "printf '\\120\\52\\115\\030\\004\\000\\000\\000abcd'";
   const std::string behind_tar = "archive: Snapshot carries data after the end of its tar archive";
@@ -254,8 +256,14 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
       {"unlisted file", one_game, crafted({game, file_entry("data/extra", "x")}), unexpected},
       {"mode 0640", game_and_data, crafted({game, file_entry("data/a", "alpha", 0640)}), shape},
       {"longer file", game_and_data, crafted({game, file_entry("data/a", "alphabet")}), shape},
-      {"changed content", game_and_data, crafted({game, file_entry("data/a", "ALPHA")}),
-       "content_mismatch: Extracted file hash differs from manifest"},
+      {"changed content", game_and_data, crafted({game, file_entry("data/a", "ALPHA")}), changed},
+      // A file is flushed and hashed while later entries are read; its
+      // failure still comes before whatever a later entry raises.
+      {"changed file, then an unlisted one", one_game, crafted({changed_game, file_entry("data/extra", "x")}), changed},
+      {"changed file, then cancelled", game_and_data,
+       crafted({changed_game, file_entry("data/a", "alpha")}, [calls = 0](auto, auto) mutable { return ++calls < 3; }),
+       changed},
+      {"changed file, then the tar ends", game_and_data, crafted(json::array({changed_game})), changed},
       {"missing file", game_and_data, crafted(json::array({game})), incomplete},
       {"wrong length", one_game, [](Packed& p) { ++p.manifest.archive_length, p.extract(); }, unverified},
       {"wrong digest", one_game, [](Packed& p) { p.manifest.archive_sha256 = std::string(64, '0'), p.extract(); },

@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 
 #include "client/platform/durable_steps.hpp"
@@ -19,7 +20,12 @@ inline long kill_at = -1;
 inline long taken = 0;
 inline int count_file = -1;
 
+// Extraction flushes files on several threads: steps are counted one at a
+// time, so the count file ends with the true total.
+inline std::mutex counting;
+
 inline void step() {
+  const std::lock_guard lock(counting);
   ++taken;
   if (count_file >= 0) {
     const std::string text = std::to_string(taken) + "\n";
