@@ -56,7 +56,10 @@ class OrderedFileDigests {
   FileCheck next();
 
  private:
-  static constexpr std::size_t window = 32;
+  // Files claimed but not yet taken. Enough small files for the caller to
+  // keep hashing ahead through a scheduler slice in which the worker is
+  // preempted; little memory and little wasted work when a failure stops all.
+  static constexpr std::size_t window = 64;
   enum class SlotState : std::uint8_t { free, working, done, for_caller };
   struct Slot {
     SlotState state = SlotState::free;
