@@ -66,6 +66,7 @@ OrderedFileDigests::OrderedFileDigests(const SnapshotManifest& manifest, const D
   try {
     worker_ = std::thread([this, chain = DirectoryChain(std::move(own), root_path)]() mutable { run(chain); });
   } catch (const std::system_error&) {
+    // No thread to be had: the caller goes on alone.
   }
 }
 
