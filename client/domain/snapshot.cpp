@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <exception>
 #include <memory>
 #include <set>
 #include <utility>
@@ -15,6 +16,7 @@
 #include "client/domain/error.hpp"
 #include "client/domain/flush_and_hash_pool.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/domain/ordered_file_digests.hpp"
 #include "client/platform/allocated_file.hpp"
 #include "client/platform/directory_chain.hpp"
 #include "client/platform/directory_handle.hpp"
@@ -75,34 +77,21 @@ std::uint64_t walk_tree(const SnapshotManifest& manifest, const DirectoryHandle&
   return files;
 }
 
-// The listed file at `path`: the rules of safe_join from the held
-// directories, then its attributes, a link not followed. False when it is
-// missing or no regular file.
-bool find_listed(DirectoryChain& chain, const std::string& path, struct stat& status) {
-  chain.join(path, true);
-  return chain.open_parent() && chain.parent().entry_status(chain.name(), status) && S_ISREG(status.st_mode);
+// Reports inside one file as the bytes before it, `done` when the report is
+// made, plus the file's own.
+FileReport file_reports(const Progress& progress, const std::uint64_t& done, std::uint64_t total) {
+  if (!progress) return {};
+  return [&progress, &done, total](std::uint64_t file_done) { report(progress, done + file_done, total); };
 }
 
-// The digest of the file just found by the chain, opened from its held
-// directory; a file that is no longer the one looked at hashes to nothing.
-// With progress, reports stay inside the file's share of the total, and a
-// file that changes beyond its listed length is refused.
-std::string file_digest(const DirectoryChain& chain, const struct stat& status, const PackageFile& file,
-                        const Progress& progress, std::uint64_t done, std::uint64_t total) {
-  const UniqueFd opened(::openat(chain.parent().get(), chain.name().c_str(), file_open));
-  require(static_cast<bool>(opened), "file_read", "Could not open file for verification: " + path_utf8(chain.path()));
-  struct stat now{};
-  if (::fstat(opened.get(), &now) != 0 || now.st_dev != status.st_dev || now.st_ino != status.st_ino) return {};
-  Progress inner;
-  if (progress) {
-    inner = [&](std::uint64_t file_done, std::uint64_t file_total) {
-      require(file_total == file.length && file_done <= file.length, "content_mismatch",
-              "File changed beyond its declared verification bound");
-      report(progress, done + file_done, total);
-      return true;
-    };
+// A digest that failed is damage, unless it was cancelled or failed with
+// something other than an Error: those go on to the caller.
+void pass_on_cancellation(const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const Error& error) {
+    if (error.code == "cancelled") throw;
   }
-  return digest_open_file(opened, "sha256", inner);
 }
 
 // Children before their parents and `root` last, each from the walk's order.
@@ -269,15 +258,15 @@ void verify_snapshot_tree(const SnapshotManifest& manifest, const std::filesyste
     throw Error("unexpected_file", "Game tree contains an unmanaged file");
   });
   require(files == manifest.files.size(), "missing_file", "Game content is incomplete; repair is available");
-  DirectoryChain chain(top, root);
   std::uint64_t done = 0;
+  OrderedFileDigests digests(manifest, top, root, file_reports(progress, done, manifest.expanded_length));
   for (const auto& [path, file] : manifest.files) {
     report(progress, done, manifest.expanded_length);
-    struct stat status{};
-    const bool intact = find_listed(chain, path, status) && static_cast<std::uint64_t>(status.st_size) == file.length &&
-                        file_digest(chain, status, file, progress, done, manifest.expanded_length) == file.sha256;
-    require(intact, "content_mismatch", "Game content differs from the verified manifest: " + path);
-    require(!file.executable || (status.st_mode & S_IXUSR) != 0, "content_mode",
+    const FileCheck check = digests.next();
+    if (check.failure) std::rethrow_exception(check.failure);
+    require(check.found && check.digest == file.sha256, "content_mismatch",
+            "Game content differs from the verified manifest: " + path);
+    require(!file.executable || (check.status.st_mode & S_IXUSR) != 0, "content_mode",
             "Game executable permission is missing");
     done += file.length;
   }
@@ -293,21 +282,14 @@ DamagedFiles damaged_snapshot_files(const SnapshotManifest& manifest, const std:
   };
   const DirectoryHandle top = open_game_root(root);
   walk_tree(manifest, top, add_damage);
-  DirectoryChain chain(top, root);
   std::uint64_t done = 0;
+  OrderedFileDigests digests(manifest, top, root, file_reports(progress, done, manifest.expanded_length));
   for (const auto& [path, file] : manifest.files) {
     report(progress, done, manifest.expanded_length);
-    struct stat status{};
-    bool intact = find_listed(chain, path, status) && static_cast<std::uint64_t>(status.st_size) == file.length;
-    if (intact) {
-      try {
-        intact = file_digest(chain, status, file, progress, done, manifest.expanded_length) == file.sha256;
-      } catch (const Error& error) {
-        if (error.code == "cancelled") throw;
-        intact = false;
-      }
-    }
-    if (!intact || (file.executable && (status.st_mode & S_IXUSR) == 0)) add_damage(path);
+    const FileCheck check = digests.next();
+    if (check.failure) pass_on_cancellation(check.failure);
+    const bool intact = check.found && !check.failure && check.digest == file.sha256;
+    if (!intact || (file.executable && (check.status.st_mode & S_IXUSR) == 0)) add_damage(path);
     done += file.length;
   }
   report(progress, done, manifest.expanded_length);

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <functional>
@@ -374,6 +375,75 @@ TEST(SnapshotVerification, DamageListsExactlyWhatWasDamaged) {
   fs::create_symlink("/etc/passwd", root / "bin/link");
   expect_error([&] { damaged_snapshot_files(tree.manifest, root, Progress(), 10); }, "unsafe_path",
                "Game tree contains a symbolic link");
+}
+
+// One large file first, hashed by the caller in turn, and many small ones
+// behind it, of every length class: empty, one whole read, several reads.
+std::vector<TreeFile> large_and_small() {
+  std::vector<TreeFile> files{{"a.pak", random_bytes(5 << 20, 3)}, {"bin/game", "#!/bin/sh\n", true}};
+  files.push_back({"data/exact", std::string(65536, 'e')});
+  for (unsigned index = 0; index < 40; ++index)
+    files.push_back({"data/f" + std::to_string(index), random_bytes(index * 4099 % 140000, index)});
+  return files;
+}
+
+// What checking the files one after another reports: each file's offset,
+// then inside it every 64 KiB read and its end (twice when it ends on a read
+// boundary), and the total last.
+std::vector<std::uint64_t> reports_in_turn(const SnapshotManifest& manifest) {
+  std::vector<std::uint64_t> expected;
+  std::uint64_t done = 0;
+  for (const auto& [path, file] : manifest.files) {
+    expected.push_back(done);
+    for (std::uint64_t read = 0; read <= file.length; read += 65536) expected.push_back(done + read);
+    expected.push_back(done += file.length);
+  }
+  expected.push_back(done);
+  return expected;
+}
+
+// Records each report's done, or a marker when it came from another thread
+// or with another total; stops after `limit`.
+Progress recorder(std::vector<std::uint64_t>& calls, std::uint64_t total, std::uint64_t limit = ~0ULL) {
+  return [&calls, total, limit, caller = std::this_thread::get_id()](std::uint64_t done, std::uint64_t of) {
+    calls.push_back(std::this_thread::get_id() == caller && of == total ? done : ~0ULL);
+    return done < limit;
+  };
+}
+
+std::size_t threads() { return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/task"), {})); }
+
+TEST(SnapshotVerification, ReportsAndFailuresComeInPathOrderWhateverIsHashedFirst) {
+  Packed packed(large_and_small());
+  const std::uint64_t total = packed.manifest.expanded_length;
+  const std::vector<std::uint64_t> expected = reports_in_turn(packed.manifest);
+  for (int run = 0; run < 3; ++run) {
+    std::vector<std::uint64_t> verified, inventoried;
+    verify_snapshot_tree(packed.manifest, packed.tree, recorder(verified, total));
+    EXPECT_EQ(damaged_snapshot_files(packed.manifest, packed.tree, recorder(inventoried, total), 5).count, 0U);
+    EXPECT_EQ(verified, expected);
+    EXPECT_EQ(inventoried, expected);
+  }
+  // Cancelled among the small files the worker hashed ahead: at the same
+  // report, with the worker gone before the failure arrives.
+  const std::size_t before = threads();
+  std::vector<std::uint64_t> cancelled;
+  const std::uint64_t stop = (5 << 20) + 300000;
+  expect_error([&] { verify_snapshot_tree(packed.manifest, packed.tree, recorder(cancelled, total, stop)); },
+               "cancelled", "Operation cancelled at a safe boundary");
+  const auto last = std::find_if(expected.begin(), expected.end(), [&](auto done) { return done >= stop; });
+  EXPECT_EQ(cancelled, std::vector<std::uint64_t>(expected.begin(), last + 1));
+  EXPECT_EQ(threads(), before);
+  // The worker meets the damage in a small file while the caller still
+  // hashes the large one: the large one, first in path order, is reported.
+  std::string bytes = testing::read_text(packed.tree / "a.pak");
+  bytes.back() ^= 1;
+  testing::write_text(packed.tree / "a.pak", bytes);
+  testing::write_text(packed.tree / "data/f1", "changed");
+  expect_error([&] { verify_snapshot_tree(packed.manifest, packed.tree, Progress()); }, "content_mismatch",
+               "Game content differs from the verified manifest: a.pak");
+  EXPECT_EQ(damaged_snapshot_files(packed.manifest, packed.tree, Progress(), 5).paths,
+            (std::vector<std::string>{"a.pak", "data/f1"}));
 }
 
 }  // namespace
