@@ -14,6 +14,7 @@ namespace zorvi {
 namespace {
 
 void flush_and_hash(FinishedFile& finished) {
+  finished.file.set_executable(finished.executable);
   finished.file.finish(true);
   // Hashed from what is on stable storage now, reached from its directory.
   const UniqueFd written(

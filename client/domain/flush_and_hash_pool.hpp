@@ -16,11 +16,12 @@
 
 namespace zorvi {
 
-// A file whose bytes are all written and whose mode is set. What is left is
-// to bring it to stable storage and to prove, from what storage now holds,
-// that it has its listed digest.
+// A file whose bytes are all written. What is left is to set its mode, to
+// bring it to stable storage and to prove, from what storage now holds, that
+// it has its listed digest.
 struct FinishedFile {
   AllocatedFile file;
+  bool executable;
   DirectoryHandle parent;  // keeps the directory open after its writer moved on
   std::string name;        // the file's entry in `parent`
   std::filesystem::path path;

@@ -18,7 +18,7 @@ TEST(FlushAndHashPool, EarliestFileFailureWinsWhateverFailsFirstInTime) {
   const auto finished = [&](const std::string& name, std::uint64_t length, std::uint64_t written) {
     AllocatedFile file(parent, name, dir / name, length, ReservationObserver());
     file.write(std::string(written, 'x'));
-    return FinishedFile{std::move(file), parent, name, dir / name, std::string(64, '0')};
+    return FinishedFile{std::move(file), false, parent, name, dir / name, std::string(64, '0')};
   };
   const std::uint64_t large = 32 << 20;
   {

@@ -219,10 +219,10 @@ struct Extraction {
             ? AllocatedFile(chain.parent(), chain.name(), reserved_tree->file(path, listed.length))
             : AllocatedFile(chain.parent(), chain.name(), chain.path(), listed.length, ReservationObserver());
     copy_data(file, listed.length);
-    file.set_executable(listed.executable);
     // The chain moves on to the next entry; the file keeps its own hold on
     // its directory until it is flushed and hashed.
-    flushing.add(FinishedFile{std::move(file), chain.parent(), chain.name(), chain.path(), listed.sha256});
+    flushing.add(
+        FinishedFile{std::move(file), listed.executable, chain.parent(), chain.name(), chain.path(), listed.sha256});
   }
 
   void run() {
