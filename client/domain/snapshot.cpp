@@ -45,7 +45,6 @@ bool status_of(const std::filesystem::path& path, struct stat& status) { return 
 // ---- Verification -------------------------------------------------------
 
 constexpr TreeWalkWording game_walk{"Game directory entry count exceeds bounds", "Cannot walk game content directory"};
-constexpr int file_open = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 DirectoryHandle open_game_root(const std::filesystem::path& root) {
   struct stat top{};
