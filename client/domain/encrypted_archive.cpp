@@ -7,18 +7,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <condition_variable>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <openssl/crypto.h>
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/domain/read_ahead.hpp"
 #include "client/platform/eintr.hpp"
 #include "client/platform/full_io.hpp"
 #include "client/platform/unique_fd.hpp"
@@ -91,98 +89,23 @@ std::uint64_t file_size(int descriptor, const std::filesystem::path& path) {
 
 // Reads the records ahead on a thread of its own while the caller decrypts,
 // so that the copy out of the page cache and the cipher overlap instead of
-// taking turns. Batches of whole records pass through a small ring; a read
-// failure reaches the caller after every batch read before it.
-class RecordReader {
- public:
-  RecordReader(int descriptor, const std::filesystem::path& path, std::uint64_t record_bytes)
-      : descriptor_(descriptor), path_(path), left_(record_bytes) {
-    for (auto& slot : slots_) slot.resize(records_per_batch * record_size);
-    thread_ = std::thread([this] { run(); });
-  }
-  ~RecordReader() {
-    {
-      const std::lock_guard lock(mutex_);
-      stopping_ = true;
-    }
-    changed_.notify_all();
-    thread_.join();
-  }
-  RecordReader(const RecordReader&) = delete;
-  RecordReader& operator=(const RecordReader&) = delete;
-
-  // The next batch, valid until the following call; empty after the last.
-  std::string_view next() {
-    std::unique_lock lock(mutex_);
-    if (taken_) {
-      ++consumed_;
-      taken_ = false;
-      changed_.notify_all();
-    }
-    changed_.wait(lock, [this] { return produced_ > consumed_ || finished_; });
-    if (produced_ == consumed_) {
-      if (failure_) std::rethrow_exception(failure_);
-      return {};
-    }
-    taken_ = true;
-    const auto index = static_cast<std::size_t>(consumed_ % batch_slots);
-    return {slots_[index].data(), sizes_[index]};
-  }
-
- private:
-  void run() {
-    try {
-      while (left_ > 0) {
-        std::size_t index = 0;
-        {
-          std::unique_lock lock(mutex_);
-          changed_.wait(lock, [this] { return produced_ - consumed_ < batch_slots || stopping_; });
-          if (stopping_) return;
-          index = static_cast<std::size_t>(produced_ % batch_slots);
-        }
-        const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(left_, slots_[index].size()));
-        require(read_archive(descriptor_, slots_[index].data(), want, path_) == want, "encrypted_format",
-                "Encrypted archive length differs from its header");
-        left_ -= want;
-        sizes_[index] = want;
-        publish([this] { ++produced_; });
-      }
-      char extra = 0;
-      require(read_archive(descriptor_, &extra, 1, path_) == 0, "encrypted_format",
-              "Encrypted archive length differs from its header");
-      publish([this] { finished_ = true; });
-    } catch (...) {
-      publish([this, failure = std::current_exception()] {
-        failure_ = failure;
-        finished_ = true;
-      });
-    }
-  }
-
-  template <typename Change>
-  void publish(const Change& change) {
-    {
-      const std::lock_guard lock(mutex_);
-      change();
-    }
-    changed_.notify_all();
-  }
-
-  const int descriptor_;
-  const std::filesystem::path& path_;
-  std::uint64_t left_;
-  std::array<std::vector<char>, batch_slots> slots_;
-  std::array<std::size_t, batch_slots> sizes_{};
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::uint64_t produced_ = 0;
-  std::uint64_t consumed_ = 0;
-  bool taken_ = false;
-  bool finished_ = false;
-  bool stopping_ = false;
-  std::exception_ptr failure_;
-  std::thread thread_;
-};
+// taking turns. Batches of whole records pass through a small ring.
+ReadAhead record_reader(int descriptor, const std::filesystem::path& path, std::uint64_t record_bytes) {
+  return ReadAhead(batch_slots, records_per_batch * record_size,
+                   [descriptor, &path, left = record_bytes](char* bytes, std::size_t capacity) mutable {
+                     if (left == 0) {
+                       char extra = 0;
+                       require(read_archive(descriptor, &extra, 1, path) == 0, "encrypted_format",
+                               "Encrypted archive length differs from its header");
+                       return std::size_t{0};
+                     }
+                     const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(left, capacity));
+                     require(read_archive(descriptor, bytes, want, path) == want, "encrypted_format",
+                             "Encrypted archive length differs from its header");
+                     left -= want;
+                     return want;
+                   });
+}
 
 }  // namespace
 
@@ -206,7 +129,7 @@ void decrypt_archive_file(const std::filesystem::path& path, AeadKey key, const 
           "Encrypted archive length differs from its header");
 
   const auto plaintext = std::make_unique<PlaintextBuffer>();
-  RecordReader reader(file.get(), path, size - encrypted_archive_header);
+  ReadAhead reader = record_reader(file.get(), path, size - encrypted_archive_header);
   std::uint64_t done = 0;
   std::uint64_t index = 0;
   for (std::string_view batch = reader.next(); !batch.empty(); batch = reader.next()) {
