@@ -14,23 +14,29 @@ namespace zorvi {
 
 // Streams one ordinary Zstandard frame out of an archive file into the tar
 // reader, never delivering more than `limit` decoded bytes and never
-// accepting a window above 64 MiB or anything behind the frame. Memory is
-// two fixed 64 KiB buffers and the decoder's bounded window.
+// accepting a window above 64 MiB or anything behind the frame.
+//
+// A thread of its own decodes up to 16 blocks ahead of the reader, so that
+// decompression overlaps what the reader does with the bytes. Blocks, and a
+// failure in their place, reach the reader in stream order, exactly as one
+// thread would produce them. Memory is bounded: the ring of 64 KiB blocks,
+// one 64 KiB input buffer and the decoder's bounded window.
 class BoundedZstd {
  public:
   BoundedZstd(const std::filesystem::path& path, std::uint64_t limit);
   // Decodes from a file the caller has already opened and proved, from its
   // first byte, so that what is decoded is what the caller looked at.
   BoundedZstd(UniqueFd stream, std::uint64_t limit);
+  // Stops the decoding thread and waits for it.
   ~BoundedZstd();
   BoundedZstd(const BoundedZstd&) = delete;
   BoundedZstd& operator=(const BoundedZstd&) = delete;
 
-  // Decodes up to 65,536 bytes into `output()`; 0 once the frame has ended.
+  // The next block of up to 65,536 bytes into `output()`; 0 once the frame
+  // has ended. A decoding failure is raised at its place in the stream, and
+  // again on every later call.
   std::size_t read();
   std::string_view output() const;
-  // Refills the input buffer from the file.
-  void fill();
   // Raises a failure seen inside the tar reader's callback, then drains the
   // frame, so that anything after it is refused.
   void finish();

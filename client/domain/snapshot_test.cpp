@@ -340,14 +340,30 @@ TEST(BoundedZstdDecoder, DeliversExactlyTheLimitAndNoMore) {
   testing::compress(dir / "plain", dir / "plain.zst");
   BoundedZstd exact(dir / "plain.zst", content.size());
   std::string decoded;
+  std::vector<std::size_t> blocks;
   for (std::size_t count = exact.read(); count != 0; count = exact.read()) {
     EXPECT_LE(count, 65536u);
     decoded += exact.output();
+    blocks.push_back(count);
   }
   EXPECT_EQ(decoded, content);
   EXPECT_NO_THROW(exact.finish());
-  expect_error([&] { BoundedZstd(dir / "plain.zst", content.size() - 1).finish(); }, "size_limit",
-               "Decoded tar stream exceeds authenticated expansion bounds");
+  // The decoding thread runs ahead; its failure still comes after every
+  // block before it, and again on any later call.
+  BoundedZstd short_by_one(dir / "plain.zst", content.size() - 1);
+  std::vector<std::size_t> delivered;
+  const auto drain = [&] {
+    while (const std::size_t count = short_by_one.read()) delivered.push_back(count);
+  };
+  const std::string bound = "size_limit: Decoded tar stream exceeds authenticated expansion bounds";
+  EXPECT_EQ(testing::outcome(drain), bound);
+  blocks.pop_back();
+  EXPECT_EQ(delivered, blocks);
+  EXPECT_EQ(testing::outcome([&] { short_by_one.finish(); }), bound);
+  // A decoder dropped while its thread waits for room in a full ring stops it.
+  testing::write_text(dir / "zeros", std::string(std::size_t{8} << 20, '\0'));
+  testing::compress(dir / "zeros", dir / "zeros.zst");
+  for (int round = 0; round < 20; ++round) EXPECT_EQ(BoundedZstd(dir / "zeros.zst", 8u << 20).read(), 65536u);
 }
 
 // Damage is listed, not raised: every kind at once, the list cut at its
