@@ -195,22 +195,33 @@ TEST(Files, FullVolumeIsInsufficientSpaceAndOtherVolumesRefuseMoves) {
 }
 
 // The order that makes a replace durable: data, flush of the data, rename,
-// flush of the name. Nothing else may flush.
-TEST(Files, DurableReplaceFlushesExactlyTwice) {
+// flush of the name; an exchange flushes both parents. Nothing else may flush.
+TEST(Files, DurableStepsFlushExactlyWhatTheyChanged) {
   TempDir dir;
-  const fs::path target = dir / "doc.json";
+  const fs::path target = dir / "doc.json", first = dir / "p1" / "a", second = dir / "p2" / "b";
   testing::write_text(target, "old");
-  const testing::TracedRun traced = testing::run_traced(
-      {files_probe, "atomic_write", target.string(), "new"},
-      "write,pwrite64,writev,fsync,fdatasync,sync,syncfs,sync_file_range,msync,rename,renameat,renameat2,link,linkat");
-  ASSERT_EQ(traced.result.out, "ok\n") << traced.result.err;
-  std::string steps;  // every flush, and every call on a path in the folder
-  for (const std::string& line : traced.calls)
-    if (line.find("sync") != std::string::npos || line.find(dir.path().string()) != std::string::npos)
-      steps += masked(line) + "\n";
-  const std::string temporary = target.string() + ".ID.tmp";
-  EXPECT_EQ(steps, "write(<" + temporary + ">, \"new\", 3) = 3\nfsync(<" + temporary + ">) = 0\nrename(\"" + temporary +
-                       "\", \"" + target.string() + "\") = 0\nfsync(<" + dir.path().string() + ">) = 0\n");
+  private_directory(first);
+  private_directory(second);
+  // Every flush, and every call on a path in the folder.
+  const auto steps = [&](const std::vector<std::string>& argv) {
+    const testing::TracedRun traced = testing::run_traced(
+        argv,
+        "write,pwrite64,writev,fsync,fdatasync,sync,syncfs,sync_file_range,msync,rename,renameat,renameat2,"
+        "link,linkat");
+    std::string text = traced.result.out;
+    for (const std::string& line : traced.calls)
+      if (line.find("sync") != std::string::npos || line.find(dir.path().string()) != std::string::npos)
+        text += masked(line) + "\n";
+    return text;
+  };
+  const std::string temporary = target.string() + ".ID.tmp", p1 = dir.path().string() + "/p1>",
+                    p2 = dir.path().string() + "/p2>";
+  EXPECT_EQ(steps({files_probe, "atomic_write", target.string(), "new"}),
+            "ok\nwrite(<" + temporary + ">, \"new\", 3) = 3\nfsync(<" + temporary + ">) = 0\nrename(\"" + temporary +
+                "\", \"" + target.string() + "\") = 0\nfsync(<" + dir.path().string() + ">) = 0\n");
+  EXPECT_EQ(steps({files_probe, "exchange", first.string(), second.string()}),
+            "ok\nrenameat2(<" + p1 + ", \"a\", <" + p2 + ", \"b\", RENAME_EXCHANGE) = 0\nfsync(<" + p1 +
+                ") = 0\nfsync(<" + p2 + ") = 0\n");
 }
 
 // A writer killed after any durable step leaves the old document or the

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <regex>
 
 #include <gtest/gtest.h>
 
@@ -153,11 +154,20 @@ TEST(PrivateDirectory, AnOrdinaryUserGetsTheSameRules) {
   fs::permissions(dir.path(), static_cast<fs::perms>(0755));
   fs::create_directory(dir / "home");
   ASSERT_EQ(::chown((dir / "home").c_str(), 65534, 65534), 0);
+  // Each folder made is flushed into its parent; root's folder is someone else's to this user.
   std::string out;
-  for (const fs::path& path : {dir / "home" / "data", dir / "home", dir / "not-mine", dir.path()})
-    out += as_nobody({(testing::binary_dir() / "files_probe").string(), "private_directory", path.string()}).out;
-  // Root's folder is someone else's to this user.
-  EXPECT_EQ(out, "ok\nok\npermissions: Cannot reserve a new macOS private directory\n" + not_private + "\n");
+  for (const fs::path& path : {dir / "home" / "data", dir / "home", dir / "not-mine", dir.path()}) {
+    const testing::TracedRun run =
+        testing::run_traced({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                             (testing::binary_dir() / "files_probe").string(), "private_directory", path.string()},
+                            "mkdir,mkdirat,fsync");
+    for (const std::string& call : run.calls) out += std::regex_replace(call, std::regex("[0-9]+<"), "<") + "\n";
+    out += run.result.out;
+  }
+  const std::string home = "<" + dir.path().string() + "/home>";
+  EXPECT_EQ(out, "mkdirat(" + home + ", \"data\", 0700) = 0\nfsync(" + home + ") = 0\nok\nok\nmkdirat(<" +
+                     dir.path().string() + ">, \"not-mine\", 0700) = -1 EACCES (Permission denied)\n" +
+                     "permissions: Cannot reserve a new macOS private directory\n" + not_private + "\n");
   EXPECT_EQ(fs::status(dir / "home").permissions(), fs::perms::owner_all);
 }
 
