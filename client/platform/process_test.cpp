@@ -312,32 +312,27 @@ TEST(ChildProcess, ConcurrentStartsKeepTheirOwnOutcomes) {
 
 TEST(ChildProcess, ExitCodesStickTerminationEscalatesAndTheInterruptPipeReachesAnIsolatedChild) {
   testing::TempDir dir;
+  // Reaped, only the stored code can answer a poll.
   ChildProcess child = shell("exit 7").start();
-  EXPECT_EQ(child.wait(), 7);
-  EXPECT_FALSE(child.ended_by_signal());
-  EXPECT_EQ(child.poll(), 7);  // reaped: only the stored code can answer
+  EXPECT_EQ((std::tuple{child.wait(), child.ended_by_signal(), child.poll()}), std::tuple(7, false, 7));
   ChildProcess polite = shell("exec sleep 60").start();
-  EXPECT_EQ(polite.poll(), std::nullopt);
-  EXPECT_TRUE(polite.terminate(2000));
-  EXPECT_EQ(polite.exit_code(), 128 + SIGTERM);
-  EXPECT_TRUE(polite.ended_by_signal() && polite.terminate(0));
+  EXPECT_EQ((std::tuple{polite.poll(), polite.terminate(2000), polite.exit_code(), polite.ended_by_signal(),
+                        polite.terminate(0)}),
+            std::tuple(std::nullopt, true, 128 + SIGTERM, true, true));
   ChildProcess stubborn = shell("trap '' TERM; echo > " + (dir / "ready").string() + "; exec sleep 60").start();
   ASSERT_TRUE(testing::eventually([&] { return fs::exists(dir / "ready"); }));
-  EXPECT_TRUE(stubborn.terminate(0));
-  EXPECT_EQ(stubborn.exit_code(), 128 + SIGKILL);
+  EXPECT_EQ((std::pair{stubborn.terminate(0), stubborn.exit_code()}), std::pair(true, 128 + SIGKILL));
 
   const Launch interruptible{.path = probe_path(),
                              .arguments = {"interruptible"},
                              .streams = ChildStreams::Console,
                              .group = ChildGroup::Isolated,
                              .control = ChildControl::Interrupt};
-  ChildProcess asked = interruptible.start();
+  ChildProcess asked = interruptible.start(), plain = Launch().start();
   int calls = 0;
-  EXPECT_EQ(asked.wait([&] { return ++calls >= 3; }), 0);
-  EXPECT_FALSE(asked.request_interrupt());
-  ChildProcess plain = Launch().start();
-  EXPECT_FALSE(plain.request_interrupt());
-  EXPECT_EQ(plain.wait(), 0);
+  EXPECT_EQ((std::tuple{asked.wait([&] { return ++calls >= 3; }), asked.request_interrupt(), plain.request_interrupt(),
+                        plain.wait()}),
+            std::tuple(0, false, false, 0));
   // The destructor neither signals nor waits: the child runs on, reads end
   // of file and leaves without having been asked.
   const auto pid = static_cast<pid_t>(interruptible.start().pid());
