@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <regex>
 
 #include <gtest/gtest.h>
 
@@ -161,7 +160,8 @@ TEST(PrivateDirectory, AnOrdinaryUserGetsTheSameRules) {
         testing::run_traced({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                              (testing::binary_dir() / "files_probe").string(), "private_directory", path.string()},
                             "mkdir,mkdirat,fsync");
-    for (const std::string& call : run.calls) out += std::regex_replace(call, std::regex("[0-9]+<"), "<") + "\n";
+    for (const std::string& call : run.calls)  // without the descriptor number
+      out += call.substr(0, call.find('(') + 1) + call.substr(call.find('<')) + "\n";
     out += run.result.out;
   }
   const std::string home = "<" + dir.path().string() + "/home>";
