@@ -29,6 +29,8 @@ struct stat status_of(const fs::path& path) {
   return status;
 }
 
+const ReservationObserver none;
+
 // Puts a different private file at the path while the original stays open.
 void replace_at(const fs::path& path, const std::string& content) {
   testing::write_text(path.string() + ".stranger", content);
@@ -45,10 +47,9 @@ TEST(AllocatedFile, RecordedBeforeSpaceFinishedDurablyAndReopenedOnlyWhenTheSame
     EXPECT_EQ(fs::file_size(path), 0u);  // nothing is claimed yet
   });
   const struct stat status = status_of(path);
-  EXPECT_EQ(std::tuple(seen->path, seen->length, seen->device, seen->inode, seen->preallocated),
-            std::tuple(path, 10u, static_cast<std::uint64_t>(status.st_dev), status.st_ino, false));
+  EXPECT_EQ(std::tuple(seen->path, seen->length, seen->device, seen->inode, seen->preallocated, status.st_mode & 07777),
+            std::tuple(path, 10u, static_cast<std::uint64_t>(status.st_dev), status.st_ino, false, 0600u));
   EXPECT_TRUE(file.reservation().preallocated && file.allocated_bytes() >= 10 && status.st_size == 10);
-  EXPECT_EQ(status.st_mode & 07777, 0600u);
   file.write("hello");
   file.write("wor");
   expect_error([&] { file.finish(true); }, "length_mismatch", "File data is shorter than its authenticated length");
@@ -59,22 +60,22 @@ TEST(AllocatedFile, RecordedBeforeSpaceFinishedDurablyAndReopenedOnlyWhenTheSame
   file.finish(true);
   EXPECT_EQ(testing::read_text(path) + std::to_string(status_of(path).st_mode & 07777), "helloworld448");  // 0700
 
-  AllocatedFile(dir / "abandoned", 4, ReservationObserver());
-  AllocatedFile(dir / "discarded", 4, ReservationObserver()).discard();
-  AllocatedFile kept(dir / "kept", 4, ReservationObserver());
+  AllocatedFile(dir / "abandoned", 4, none);
+  AllocatedFile(dir / "discarded", 4, none).discard();
+  AllocatedFile kept(dir / "kept", 4, none);
   kept.write("ab");
   kept.preserve();
-  AllocatedFile shorter(dir / "short", 4, ReservationObserver());
+  AllocatedFile shorter(dir / "short", 4, none);
   shorter.write("abc");
   shorter.finish(false);
-  AllocatedFile empty(dir / "empty", 0, ReservationObserver());
+  AllocatedFile empty(dir / "empty", 0, none);
   EXPECT_TRUE(empty.reservation().preallocated && empty.allocated_bytes() == 0);
   empty.finish(true);
   EXPECT_EQ(testing::modes(dir.path()), "./download.partial 700\n./empty 600\n./kept 600\n./short 600\n");
   EXPECT_EQ(testing::read_text(dir / "short") + std::to_string(fs::file_size(dir / "kept")), "abc4");
 
   // A retained reservation reopens the same file, and resumes after its verified prefix.
-  FileReservation reservation = AllocatedFile(dir / "f", 6, ReservationObserver()).retain_reservation();
+  FileReservation reservation = AllocatedFile(dir / "f", 6, none).retain_reservation();
   AllocatedFile reopened(reservation);
   reopened.write("abc");
   reopened.preserve();
@@ -96,8 +97,7 @@ TEST(AllocatedFile, RecordedBeforeSpaceFinishedDurablyAndReopenedOnlyWhenTheSame
   EXPECT_EQ(testing::read_text(dir / "f"), "abcdef");
   // The same through a held parent directory.
   const DirectoryHandle parent = DirectoryHandle::private_directory(dir / "held");
-  const FileReservation held =
-      AllocatedFile(parent, "file", dir / "held" / "file", 1, ReservationObserver()).retain_reservation();
+  const FileReservation held = AllocatedFile(parent, "file", dir / "held" / "file", 1, none).retain_reservation();
   AllocatedFile(parent, "file", held).discard();
   EXPECT_TRUE(fs::is_empty(dir / "held"));
   struct stat held_status{};
@@ -111,15 +111,14 @@ TEST(AllocatedFile, FailureTable) {
   fs::create_directory_symlink(dir / "real", dir / "link");
   testing::write_text(dir / "taken", "");
   {
-    AllocatedFile moved(dir / "moved", 6, ReservationObserver()),
-        renamed_over(dir / "renamed", 6, ReservationObserver()), shared(dir / "shared", 4, ReservationObserver()),
-        linked(dir / "linked", 4, ReservationObserver());
+    AllocatedFile moved(dir / "moved", 6, none), renamed_over(dir / "renamed", 6, none),
+        shared(dir / "shared", 4, none), linked(dir / "linked", 4, none);
     fs::rename(dir / "moved", dir / "aside");  // ours keeps its one link; a stranger takes the name
     testing::write_text(dir / "moved", "stranger's");
     replace_at(dir / "renamed", "stranger's");  // the open file loses its last link
     fs::permissions(dir / "shared", static_cast<fs::perms>(0644));
     fs::create_hard_link(dir / "linked", dir / "second");
-    const FileReservation reservation = AllocatedFile(dir / "kept", 5, ReservationObserver()).retain_reservation();
+    const FileReservation reservation = AllocatedFile(dir / "kept", 5, none).retain_reservation();
     ::truncate((dir / "kept").c_str(), 4);  // preallocated, yet no longer its length
     replace_at(dir / "cache", "12");
     const FileReservation cached = AllocatedFile::inspect_file(dir / "cache");
@@ -151,11 +150,10 @@ TEST(AllocatedFile, FailureTable) {
          changed + "New allocation changed while recording ownership"},
         {[&] { AllocatedFile again(reservation); }, changed + replaced},
         {[&] { AllocatedFile again(replaced_cache, 1); }, changed + replaced},
-        {[&] { AllocatedFile(dir / "f", std::uint64_t{1} << 63, ReservationObserver()); },
+        {[&] { AllocatedFile(dir / "f", std::uint64_t{1} << 63, none); },
          "size_limit: File allocation exceeds native length bounds"},
-        {[&] { AllocatedFile(dir / "link/f", 1, ReservationObserver()); },
-         unsafe + "Allocation requires an ordinary parent directory"},
-        {[&] { AllocatedFile(dir / "taken", 1, ReservationObserver()); },
+        {[&] { AllocatedFile(dir / "link/f", 1, none); }, unsafe + "Allocation requires an ordinary parent directory"},
+        {[&] { AllocatedFile(dir / "taken", 1, none); },
          unsafe + "Cannot exclusively create or reopen a prepared allocation (17)"},
         {[&] { AllocatedFile again(gone); }, unsafe + "Cannot exclusively create or reopen a prepared allocation (2)"},
         {[&] { AllocatedFile::verify_identity(cached); }, "ok"},
@@ -179,7 +177,7 @@ TEST(AllocatedFile, ReservationRefusedForAnotherReasonKeepsItsNumber) {
   ASSERT_EQ(::statfs(dir.path().c_str(), &volume), 0);
   if (volume.f_type != EXT4_SUPER_MAGIC) GTEST_SKIP() << "needs ext4, whose files stop below 16 TiB";
   // ext4 refuses to reserve past its largest file with EFBIG: not a lack of space.
-  expect_error([&] { AllocatedFile(dir / "huge", std::uint64_t{1} << 45, ReservationObserver()); }, "space_reservation",
+  expect_error([&] { AllocatedFile(dir / "huge", std::uint64_t{1} << 45, none); }, "space_reservation",
                "Native file allocation failed (27)");
   EXPECT_FALSE(fs::exists(dir / "huge"));
 }

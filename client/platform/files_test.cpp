@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -48,8 +47,8 @@ TEST(Files, WritersReadersAndMovesDoTheirWork) {
             "./export 750\n./export/file 600\n./new 700\n./new/created 600\n./new/marker 600\n./new/state 700\n"
             "./new/state/doc.json 600\n");
   std::uint64_t size = 0;
-  EXPECT_EQ(read_file(dir / "new" / "state" / "doc.json", 10), "0123456789");
-  EXPECT_EQ(read_file_tail(dir / "new" / "state" / "doc.json", 9, &size), "123456789");
+  const fs::path doc = dir / "new" / "state" / "doc.json";
+  EXPECT_EQ(read_file(doc, 10) + "|" + read_file_tail(doc, 9, &size), "0123456789|123456789");
   EXPECT_EQ(size, 10u);
   sync_file(dir / "new" / "marker");
   sync_directory(dir / "new");
@@ -196,26 +195,33 @@ TEST(Files, FullVolumeIsInsufficientSpaceAndOtherVolumesRefuseMoves) {
 }
 
 // The order that makes a replace durable: data, flush of the data, rename,
-// flush of the name. Nothing else may flush.
-TEST(Files, DurableReplaceFlushesExactlyTwice) {
+// flush of the name; an exchange flushes both parents. Nothing else may flush.
+TEST(Files, DurableStepsFlushExactlyWhatTheyChanged) {
   TempDir dir;
-  const fs::path target = dir / "doc.json", log = dir.path().string() + ".strace";
+  const fs::path target = dir / "doc.json", first = dir / "p1" / "a", second = dir / "p2" / "b";
   testing::write_text(target, "old");
-  const testing::CommandResult traced =
-      testing::run_command({"strace", "-E", "ASAN_OPTIONS=detect_leaks=0", "-qq", "-a1", "-y", "-o", log.string(), "-e",
-                            "trace=write,pwrite64,writev,fsync,fdatasync,sync,syncfs,sync_file_range,msync,rename,"
-                            "renameat,renameat2,link,linkat",
-                            files_probe, "atomic_write", target.string(), "new"});
-  std::istringstream lines(masked(testing::read_text(log)));
-  fs::remove(log);
-  ASSERT_EQ(traced.out, "ok\n") << traced.err;
-  std::string steps;  // every flush, and every call on a path in the folder
-  for (std::string line; std::getline(lines, line);)
-    if (line.find("sync") != std::string::npos || line.find(dir.path().string()) != std::string::npos)
-      steps += line + "\n";
-  const std::string temporary = target.string() + ".ID.tmp";
-  EXPECT_EQ(steps, "write(<" + temporary + ">, \"new\", 3) = 3\nfsync(<" + temporary + ">) = 0\nrename(\"" + temporary +
-                       "\", \"" + target.string() + "\") = 0\nfsync(<" + dir.path().string() + ">) = 0\n");
+  private_directory(first);
+  private_directory(second);
+  // Every flush, and every call on a path in the folder.
+  const auto steps = [&](const std::vector<std::string>& argv) {
+    const testing::TracedRun traced = testing::run_traced(
+        argv,
+        "write,pwrite64,writev,fsync,fdatasync,sync,syncfs,sync_file_range,msync,rename,renameat,renameat2,"
+        "link,linkat");
+    std::string text = traced.result.out;
+    for (const std::string& line : traced.calls)
+      if (line.find("sync") != std::string::npos || line.find(dir.path().string()) != std::string::npos)
+        text += masked(line) + "\n";
+    return text;
+  };
+  const std::string temporary = target.string() + ".ID.tmp", p1 = dir.path().string() + "/p1>",
+                    p2 = dir.path().string() + "/p2>";
+  EXPECT_EQ(steps({files_probe, "atomic_write", target.string(), "new"}),
+            "ok\nwrite(<" + temporary + ">, \"new\", 3) = 3\nfsync(<" + temporary + ">) = 0\nrename(\"" + temporary +
+                "\", \"" + target.string() + "\") = 0\nfsync(<" + dir.path().string() + ">) = 0\n");
+  EXPECT_EQ(steps({files_probe, "exchange", first.string(), second.string()}),
+            "ok\nrenameat2(<" + p1 + ", \"a\", <" + p2 + ", \"b\", RENAME_EXCHANGE) = 0\nfsync(<" + p1 +
+                ") = 0\nfsync(<" + p2 + ") = 0\n");
 }
 
 // A writer killed after any durable step leaves the old document or the

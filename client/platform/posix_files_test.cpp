@@ -153,11 +153,21 @@ TEST(PrivateDirectory, AnOrdinaryUserGetsTheSameRules) {
   fs::permissions(dir.path(), static_cast<fs::perms>(0755));
   fs::create_directory(dir / "home");
   ASSERT_EQ(::chown((dir / "home").c_str(), 65534, 65534), 0);
+  // Each folder made is flushed into its parent; root's folder is someone else's to this user.
   std::string out;
-  for (const fs::path& path : {dir / "home" / "data", dir / "home", dir / "not-mine", dir.path()})
-    out += as_nobody({(testing::binary_dir() / "files_probe").string(), "private_directory", path.string()}).out;
-  // Root's folder is someone else's to this user.
-  EXPECT_EQ(out, "ok\nok\npermissions: Cannot reserve a new macOS private directory\n" + not_private + "\n");
+  for (const fs::path& path : {dir / "home" / "data", dir / "home", dir / "not-mine", dir.path()}) {
+    const testing::TracedRun run =
+        testing::run_traced({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                             (testing::binary_dir() / "files_probe").string(), "private_directory", path.string()},
+                            "mkdir,mkdirat,fsync");
+    for (const std::string& call : run.calls)  // without the descriptor number
+      out += call.substr(0, call.find('(') + 1) + call.substr(call.find('<')) + "\n";
+    out += run.result.out;
+  }
+  const std::string home = "<" + dir.path().string() + "/home>";
+  EXPECT_EQ(out, "mkdirat(" + home + ", \"data\", 0700) = 0\nfsync(" + home + ") = 0\nok\nok\nmkdirat(<" +
+                     dir.path().string() + ">, \"not-mine\", 0700) = -1 EACCES (Permission denied)\n" +
+                     "permissions: Cannot reserve a new macOS private directory\n" + not_private + "\n");
   EXPECT_EQ(fs::status(dir / "home").permissions(), fs::perms::owner_all);
 }
 
@@ -169,13 +179,12 @@ TEST(Reserve, AllocatesWhatIsMissingAndSetsTheLength) {
   const UniqueFd empty(::open((dir / "empty").c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_EQ(posix_files::reserve(empty.get(), 1 << 20), 0);
   struct stat status{};
-  ASSERT_EQ(::fstat(empty.get(), &status), 0);
-  EXPECT_EQ(status.st_size, 1 << 20);
-  EXPECT_GE(status.st_blocks * 512, 1 << 20);
-  EXPECT_EQ(posix_files::reserve(holding.get(), 4096), 0);
-  EXPECT_EQ(posix_files::reserve(holding.get(), 0), 0);  // changes nothing, not even the length
+  EXPECT_TRUE(::fstat(empty.get(), &status) == 0 && status.st_size == 1 << 20 && status.st_blocks * 512 >= 1 << 20);
+  // A length of 0 changes nothing, not even the length.
+  EXPECT_EQ((std::tuple{posix_files::reserve(holding.get(), 4096), posix_files::reserve(holding.get(), 0),
+                        posix_files::reserve(holding.get(), std::uint64_t{1} << 63)}),
+            std::tuple(0, 0, EFBIG));
   EXPECT_EQ(testing::read_text(dir / "holding"), std::string(4096, 'x'));
-  EXPECT_EQ(posix_files::reserve(holding.get(), std::uint64_t{1} << 63), EFBIG);
 }
 
 }  // namespace

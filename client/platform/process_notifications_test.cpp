@@ -98,9 +98,8 @@ TEST(ProcessNotifications, FollowsTheWantedSet) {
   recorder.notifications.stop();
   auto events = recorder.seen();
   std::sort(events.begin(), events.end());
-  std::vector<std::string> expected(7, "");
-  expected.push_back("Native process identity could not be watched");
-  EXPECT_EQ(events, expected);
+  EXPECT_EQ(events,
+            (std::vector<std::string>{"", "", "", "", "", "", "", "Native process identity could not be watched"}));
 }
 
 TEST(ProcessNotifications, RefusesWhatItCannotTake) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "client/domain/error.hpp"
+#include "tests/support/files_support.hpp"
 #include "tests/support/snapshot_support.hpp"
 
 namespace zorvi {
@@ -14,16 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::TempDir;
-
-std::string listing(const fs::path& root) {
-  std::vector<std::string> entries;
-  for (const auto& entry : fs::recursive_directory_iterator(root))
-    entries.push_back(entry.path().lexically_relative(root).string());
-  std::sort(entries.begin(), entries.end());
-  std::string text;
-  for (const std::string& entry : entries) text += entry + " ";
-  return text;
-}
 
 void plain_tree(const fs::path& root) {
   testing::write_tree(root, {{"bin/game", "12345", true}, {"data/a/b", "123"}, {"data/empty", ""}});
@@ -47,7 +38,8 @@ TEST(ManagedTree, CountsRemovesAndRetiresPlainTrees) {
   retire_snapshot_files(retired, dir / "whole", [&] { ++calls; });
   remove_plain_tree(dir / "tree");
   remove_plain_tree(dir / "tree");
-  EXPECT_EQ(listing(dir.path()), "version version/data version/data/a version/data/a/saved-game ");
+  EXPECT_EQ(testing::modes(dir.path()),
+            "./version 755\n./version/data 755\n./version/data/a 755\n./version/data/a/saved-game 644\n");
   EXPECT_EQ(calls, 11);
 }
 
@@ -72,7 +64,7 @@ TEST(ManagedTree, FailureTable) {
     fs::remove(root / "data/a/b");
     ::mkfifo((root / "data/a/b").c_str(), 0600);
   };
-  const std::string before = listing(dir.path()), unsafe = "unsafe_path: ";
+  const std::string before = testing::tree_state(dir.path()), unsafe = "unsafe_path: ";
   for (const auto& [action, expected] : std::vector<std::pair<std::function<void()>, std::string>>{
            {[&] { tree_bytes(root, 5); }, "size_limit: Directory entry count exceeds bounds"},
            {[&] { tree_bytes(dir / "link", 10); }, unsafe + "Expected a plain directory"},
@@ -87,7 +79,7 @@ TEST(ManagedTree, FailureTable) {
            {[&] { validate_snapshot_retirement(retired, dir / "relinked"); },
             unsafe + "Managed path contains a symbolic link"}})
     EXPECT_EQ(testing::outcome(action), expected);
-  EXPECT_EQ(listing(dir.path()), before);
+  EXPECT_EQ(testing::tree_state(dir.path()), before);
   // A path changed after validation is preserved with the rest of the tree.
   EXPECT_EQ(testing::outcome([&] { retire_snapshot_files(retired, root, fifo_at_b); }),
             unsafe + "Changed managed paths were preserved");
@@ -108,7 +100,7 @@ TEST(NativeFiles, RenameAndRemove) {
                         "Cannot remove " + (dir / "tree").string());
   native_files::remove_after_exit(dir / "tree");
   native_files::remove_after_exit(dir / "tree");
-  EXPECT_EQ(listing(dir.path()), "");
+  EXPECT_TRUE(fs::is_empty(dir.path()));
   EXPECT_EQ(native_files::temporary_directory(dir / "x"), dir / "x");
 }
 
