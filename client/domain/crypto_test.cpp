@@ -15,6 +15,7 @@
 namespace zorvi {
 namespace {
 
+using testing::expect_outcomes;
 using testing::outcome;
 using Calls = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
 
@@ -50,7 +51,7 @@ TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
   const auto file = directory / "file";
   testing::write_text(file, pattern(2 * 65536 + 1));
   const std::string unsupported = "unsupported_hash: Only SHA-256 and SHA-512 hashes are supported";
-  const std::vector<std::pair<std::function<void()>, std::string>> rows = {
+  expect_outcomes({
       {[] { unhex("ABcd", 3); }, "invalid_hex: Invalid hexadecimal data"},  // the bound counts characters
       {[] { unhex("abc", 8); }, "invalid_hex: Invalid hexadecimal data"},
       {[&] { digest_file(directory / "absent", "sha256"); },
@@ -59,8 +60,7 @@ TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
       {[] { digest("x", "SHA256"); }, unsupported},
       {[] { DigestState state("sha384"); }, unsupported},
       {[&] { digest_file(file, std::string_view("sha256\0", 7)); }, unsupported},
-  };
-  for (std::size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(outcome(rows[i].first), rows[i].second) << i;
+  });
   // The characters right beside each accepted range, in either place of a pair.
   for (const char c : std::string("/:@G`g \0\xff", 9))
     for (const std::string& text : {std::string("0") + c, std::string(1, c) + "0"})

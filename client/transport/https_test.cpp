@@ -1,5 +1,13 @@
 #include "client/transport/https.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdio>
+#include <set>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "client/domain/crypto.hpp"
@@ -54,7 +62,7 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
   const std::string token(64, 'a');
   AllocatedFile whole = partial(dir / "whole", 4, 4), empty = partial(dir / "empty", 0, 4);
   // clang-format off
-  const std::vector<std::pair<std::function<void()>, std::string>> rows{
+  expect_outcomes({
       {make("HTTPS://h/"), "https_required: Zorvi service URLs must use HTTPS"},
       {make("https://h /"), "invalid_url: Invalid service URL"},
       {make("https://u:p@h/"), "invalid_url: Service URL must not contain credentials, query, or fragment"},
@@ -74,10 +82,8 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
       {budgeted(11, false, 9), "discovery_budget: Optional update check exhausted its response budget"},
       {budgeted(0, true, 9), "cancelled: Optional update check cancelled"},
       {budgeted(0, false, 31), "discovery_timeout: Optional update check exhausted its time budget"},
-  };
+  });
   // clang-format on
-  for (std::size_t index = 0; index < rows.size(); ++index)
-    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
   EXPECT_EQ(quote_url("a b/c\xff~", false), "a%20b%2Fc%FF~");
 }
 
@@ -187,7 +193,10 @@ TEST(HttpsTransport, RefusesHostileServers) {
             "discovery_timeout: Optional update check exhausted its time budget; use Check for updates when ready");
 }
 
-TEST(HttpsTransport, PostsJsonAndUploadsReports) {
+// A post and an upload reach the server as sent. The named snapshot may be
+// swapped for a directory of its size between the check of its name and the
+// open: such an upload is refused, never read from what the name held then.
+TEST(HttpsTransport, PostsJsonAndUploadsReportsButNeverASwappedSnapshot) {
   TempDir dir;
   HostileServer server("full", "");
   HttpsTransport transport(server.base_url(), server.ca_bundle(), 0, nullptr);
@@ -202,6 +211,25 @@ TEST(HttpsTransport, PostsJsonAndUploadsReports) {
   const Progress progress = [&](std::uint64_t now, std::uint64_t) { return (sent = now), true; };
   EXPECT_EQ(transport.upload_report("report", dir / "report", bytes.size(), std::string(64, 'c'), progress), 201);
   EXPECT_EQ(sent, bytes.size());
+
+  std::filesystem::create_directory(dir / "swap");
+  write_text(dir / "swap/entry", "");
+  struct stat folder{};
+  ASSERT_EQ(::stat((dir / "swap").c_str(), &folder), 0);
+  const auto size = static_cast<std::uint64_t>(folder.st_size);
+  write_text(dir / "report", std::string(size, 'r'));
+  std::atomic<bool> done = false;
+  std::thread swapper([&] {
+    while (!done) ::renameat2(AT_FDCWD, (dir / "report").c_str(), AT_FDCWD, (dir / "swap").c_str(), RENAME_EXCHANGE);
+  });
+  std::set<std::string> seen;
+  for (int attempt = 0; attempt < 100; ++attempt)
+    seen.insert(outcome([&] { transport.upload_report("r", dir / "report", size, std::string(64, 'c'), {}); }));
+  done = true;
+  swapper.join();
+  seen.erase("ok");
+  seen.erase("crash_changed: Frozen upload snapshot is invalid");
+  EXPECT_EQ(seen, std::set<std::string>{});
 }
 
 }  // namespace
