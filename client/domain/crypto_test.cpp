@@ -36,7 +36,9 @@ std::string coreutils_digest(const std::string& name, const std::filesystem::pat
   return out.substr(0, out.find(' '));
 }
 
-TEST(Hex, ReadsEitherCaseWritesLowerCaseAsPythonDoes) {
+// Hexadecimal is read in either case and written in lower case as Python
+// writes it; a random id is 32 such digits and fresh each time.
+TEST(Hex, ReadsEitherCaseWritesLowerCaseAsPythonDoesAndMakesFreshIds) {
   std::vector<std::uint8_t> bytes(256);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i);
   const std::string lower = testing::run_python("print(bytes(range(256)).hex(), end='')");
@@ -44,6 +46,10 @@ TEST(Hex, ReadsEitherCaseWritesLowerCaseAsPythonDoes) {
   std::string upper = lower;
   std::ranges::transform(upper, upper.begin(), ::toupper);
   EXPECT_EQ(unhex(upper, 512), bytes);
+  std::set<std::string> seen;
+  for (int i = 0; i < 64; ++i) seen.insert(random_id());
+  EXPECT_EQ(seen.size(), 64u);
+  for (const std::string& id : seen) EXPECT_TRUE(id.size() == 32 && hex(unhex(id, 32)) == id) << id;
 }
 
 TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
@@ -115,13 +121,6 @@ TEST(Digest, MatchesCoreutilsWithTheCallbackAtEveryRead) {
   }
   // Files of /proc claim a size of 0: without a callback nothing bounds the read.
   EXPECT_EQ(digest_file("/proc/version", "sha512"), coreutils_digest("sha512", "/proc/version"));
-}
-
-TEST(RandomId, IsThirtyTwoLowerCaseHexDigitsAndFresh) {
-  std::set<std::string> seen;
-  for (int i = 0; i < 64; ++i) seen.insert(random_id());
-  EXPECT_EQ(seen.size(), 64u);
-  for (const std::string& id : seen) EXPECT_TRUE(id.size() == 32 && hex(unhex(id, 32)) == id) << id;
 }
 
 }  // namespace
