@@ -19,6 +19,13 @@ struct LauncherUpdate : ::testing::Test {
     client.refresh();
     install.store.stage(client, {}, {}, false);
   }
+  // A start of the real bootstrap, which must succeed: the launcher line it logged last.
+  std::string started(const std::vector<std::string>& arguments = {"--gui"}, const std::string& mode = "",
+                      const std::map<std::string, std::string>& extra = {}) const {
+    const CommandResult run = install.start(arguments, mode, extra);
+    EXPECT_EQ(run.status, 0) << run.err;
+    return install.starts().empty() ? "" : install.starts().back();
+  }
   std::string ran(const std::string& how, const std::string& build, const std::string& rest = "") const {
     return how + " " + build + " --data-dir " + install.root.string() + rest;
   }
@@ -31,23 +38,19 @@ struct LauncherUpdate : ::testing::Test {
 TEST_F(LauncherUpdate, ANewReleaseIsKeptWithTheOldAsRollbackAndAFailedOneFallsBackToActiveRollbackOrDisk) {
   install.seed(first);
   // A first launcher is tried like any candidate, with nothing behind it.
-  CommandResult run = install.start();
-  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(started(), ran("trial", "1.0.0"));
   EXPECT_EQ(install.slots(), "1.0.0 - - -");
 
   second.publish(repository);
-  run = install.stage(repository);  // refresh, find, budget, download, extract, name the candidate
+  CommandResult run = install.stage(repository);  // refresh, find, budget, download, extract, name the candidate
   ASSERT_EQ(run.status, 0) << run.out;
   EXPECT_EQ(json::parse(run.out)["manifest_sha256"], second.reference["manifest_sha256"]);
   EXPECT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
   EXPECT_TRUE(fs::is_empty(install.root / "launcher/staging"));
-  run = install.start({"--gui", "--game", "star-harbor"});
-  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(started({"--gui", "--game", "star-harbor"}), ran("trial", "2.0.0", " --launch star-harbor"));
   EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - -");
-  run = install.start({"--json", "list"});
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(install.starts(), (Lines{ran("trial", "1.0.0"), ran("trial", "2.0.0", " --launch star-harbor"),
-                                     ran("start", "2.0.0", " --json list")}));
+  EXPECT_EQ(started({"--json", "list"}), ran("start", "2.0.0", " --json list"));
+  EXPECT_EQ(install.starts().size(), 3u);
   install.expect_intact(first.reference);
 
   const SampleRelease third(repository.dir.path(), "3.0.0");
@@ -58,11 +61,9 @@ TEST_F(LauncherUpdate, ANewReleaseIsKeptWithTheOldAsRollbackAndAFailedOneFallsBa
     SCOPED_TRACE(mode);
     stage_here();
     const std::size_t before = install.starts().size();
-    run = install.start({"--gui"}, mode, quick);
-    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(started({"--gui"}, mode, quick), ran("start", "2.0.0"));
     EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
     EXPECT_EQ(install.starts().size(), before + 2);  // the trial, then the active version
-    EXPECT_EQ(install.starts().back(), ran("start", "2.0.0"));
   }
 
   // Damaged files are never started: a wrong size is seen by the cheap
@@ -85,9 +86,7 @@ TEST_F(LauncherUpdate, ANewReleaseIsKeptWithTheOldAsRollbackAndAFailedOneFallsBa
   // With active and rollback both gone, the newest usable version on disk runs.
   fs::resize_file(install.store.payload(first.reference) / "bin/zorvi-gui", 100);
   write_text(candidate_gui, read_text(install.store.payload(third.reference) / "bin/zorvi"));
-  run = install.start();
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(install.starts().back(), ran("start", "3.0.0"));
+  EXPECT_EQ(started(), ran("start", "3.0.0"));
 }
 
 TEST_F(LauncherUpdate, TheHelperStartsTheRealBootstrapWhichStartsTheLauncher) {

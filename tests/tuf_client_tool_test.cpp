@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "tests/support/https_server.hpp"
+#include "tests/support/tuf_support.hpp"
 
 namespace zorvi::testing {
 namespace {
@@ -21,13 +21,10 @@ Names listing(const fs::path& directory) {
 }
 
 TEST(TufClientTool, InitRefreshDownloadAndRefuseWhatItCannotTrust) {
-  const TempDir dir;
-  for (const std::string words : {"build consistent=1", "target a.bin 1000", "target dir/b.bin 70000"}) {
-    const CommandResult made = run_command(
-        {"sh", "-c", "python3 \"$0\" \"$1\" $2", source_dir() / "tests/tuf_repository.py", dir / "repo", words});
-    ASSERT_EQ(made.status, 0) << made.err;
-  }
-  const std::string trust = dir / "trust";
+  TufRepository repository("consistent=1");  // its own server and trust folder stay unused
+  for (const char* words : {"target a.bin 1000", "target dir/b.bin 70000"}) repository.run(words);
+  const TempDir& dir = repository.dir;
+  const std::string trust = dir / "tool-trust";
   const auto tool = [&](Names words) {
     words.insert(words.begin(), {binary_dir() / "zorvi-tuf-client", "--metadata-dir", trust});
     return run_command(words);
@@ -46,7 +43,7 @@ TEST(TufClientTool, InitRefreshDownloadAndRefuseWhatItCannotTrust) {
   };
   result = tool({"--metadata-url", server.base_url() + "metadata", "refresh"});
   ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_TRUE(fs::exists(dir / "trust/snapshot.json"));
+  EXPECT_TRUE(fs::exists(dir / "tool-trust/snapshot.json"));
   result = tool(download({"a.bin", "dir/b.bin"}));
   ASSERT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(listing(dir / "out"), (Names{"a.bin", "dir", "dir/b.bin"}));

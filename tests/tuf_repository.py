@@ -154,8 +154,7 @@ def attack(st, name):  # the timestamp changes in every attack, signed by the ri
         stamp.snapshot_meta = MetaFile(stamp.snapshot_meta.version - 1)
     if name == "freeze":
         stamp.expires = expiry(-1)
-    keys = {"threshold-short": st["keys"]["timestamp"][1:], "unknown-key": [new_key(st["kind"])],
-            "revoked-key": st["revoked"].get("timestamp"), "duplicate-signature": st["keys"]["timestamp"][:1]}.get(name)
+    keys = {"revoked-key": st["revoked"].get("timestamp"), "duplicate-signature": st["keys"]["timestamp"][:1]}.get(name)
     sign(st, "timestamp", keys, ["timestamp.json"])
     if name == "duplicate-signature":
         doc = md["timestamp"].to_dict()

@@ -38,6 +38,13 @@ std::string path_of_length(const fs::path& base, std::size_t length, const std::
   return path + "/" + std::string(length - path.size() - 1 - name_end.size(), 'b') + name_end;
 }
 
+// The exit status and each line the helper showed: "1 | message".
+std::string ended(const HelperRun& run) {
+  std::string text = std::to_string(run.status);
+  for (const std::string& line : shown_lines(run.err)) text += " | " + line;
+  return text;
+}
+
 // A profile seeded but never started has a candidate and nothing active.
 TEST(ShortcutHelper, StartsTheBootstrapForEachKindOfDocument) {
   for (const std::string game : {"star-harbor", ""}) {
@@ -45,8 +52,7 @@ TEST(ShortcutHelper, StartsTheBootstrapForEachKindOfDocument) {
     const std::string root = install.root().native();
     const auto run = run_helper(
         install, {{"ZORVI_LAUNCH_DOCUMENT", install.document("game.zorvi-launch", game)}, {"LD_ZORVI_PROBE", "1"}});
-    EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(shown_lines(run.err), Lines{});
+    EXPECT_EQ(ended(run), "0") << run.err;
     const std::vector<json> runs = install.runs();
     ASSERT_EQ(runs.size(), 1u);
     json arguments = {"--data-dir", root, "--gui"};
@@ -83,18 +89,14 @@ TEST(ShortcutHelper, RefusesArgumentsAndWaitsOnlyFiveSecondsForADocument) {
   // A video driver that does not exist proves that SDL is never asked.
   const auto usage =
       run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {install.document("g.zorvi-launch", "g")});
-  EXPECT_EQ(usage.status, 2);
-  EXPECT_EQ(usage.err, "Open a Zorvi launch document with this helper.\n");
-  const auto none = run_helper(install, {});
-  EXPECT_EQ(none.status, 1);
-  EXPECT_EQ(shown_lines(none.err), Lines{"No launch document arrived"});
+  EXPECT_EQ(std::to_string(usage.status) + " " + usage.err, "2 Open a Zorvi launch document with this helper.\n");
+  EXPECT_EQ(ended(run_helper(install, {})), "1 | No launch document arrived");
   EXPECT_TRUE(install.runs().empty());
   // The lifetime lock comes before the arguments: while an update holds it,
   // even a usage mistake is refused by the lock.
   const NativeFileLock update = update_lock(install);
   const auto locked = run_helper(install, {}, {"x"});
-  EXPECT_EQ(locked.status, 1);
-  EXPECT_EQ(locked.err, "Another worker owns this native installation\n");
+  EXPECT_EQ(std::to_string(locked.status) + " " + locked.err, "1 Another worker owns this native installation\n");
 }
 
 // The checks the helper makes itself, each once; the storage and installation
@@ -116,23 +118,19 @@ TEST(ShortcutHelper, RefusesDocumentsAndImagesWithoutStartingAChild) {
       {install.document("rollback.zorvi-launch", "g", rollback_only.root()), "Install a verified launcher in this profile before opening its shortcut"},
   };
   // clang-format on
-  for (const auto& [document, message] : cases) {
-    const auto run = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}});
-    EXPECT_EQ(run.status, 1) << document;
-    EXPECT_EQ(shown_lines(run.err), Lines{message}) << document;
-  }
+  for (const auto& [document, message] : cases)
+    EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}})), "1 | " + message) << document;
   // The bootstrap's own image passes the installation check, not the bundle check.
   const std::string document = install.document("g.zorvi-launch", "g");
   fs::copy_file(install.bootstrap(), install.bin() / "real-bootstrap");
   fs::remove(install.bootstrap());
   fs::copy_file(install.helper(), install.bootstrap());
-  const auto as_bootstrap = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}}, {}, install.bootstrap());
-  EXPECT_EQ(as_bootstrap.err, "zorvi: Launch-document handler needs its installed app bundle\n");
+  EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}}, {}, install.bootstrap())),
+            "1 | Launch-document handler needs its installed app bundle");
   fs::remove(install.bootstrap());
   fs::create_symlink("real-bootstrap", install.bootstrap());
-  const auto linked = run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}});
-  EXPECT_EQ(linked.err, "zorvi: The signed helper's stable bootstrap is missing\n");
-  EXPECT_EQ(as_bootstrap.status + linked.status, 2);
+  EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}})),
+            "1 | The signed helper's stable bootstrap is missing");
   EXPECT_TRUE(install.runs().empty());
 }
 

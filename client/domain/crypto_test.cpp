@@ -15,6 +15,7 @@
 namespace zorvi {
 namespace {
 
+using testing::expect_outcomes;
 using testing::outcome;
 using Calls = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
 
@@ -35,7 +36,9 @@ std::string coreutils_digest(const std::string& name, const std::filesystem::pat
   return out.substr(0, out.find(' '));
 }
 
-TEST(Hex, ReadsEitherCaseWritesLowerCaseAsPythonDoes) {
+// Hexadecimal is read in either case and written in lower case as Python
+// writes it; a random id is 32 such digits and fresh each time.
+TEST(Hex, ReadsEitherCaseWritesLowerCaseAsPythonDoesAndMakesFreshIds) {
   std::vector<std::uint8_t> bytes(256);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i);
   const std::string lower = testing::run_python("print(bytes(range(256)).hex(), end='')");
@@ -43,6 +46,10 @@ TEST(Hex, ReadsEitherCaseWritesLowerCaseAsPythonDoes) {
   std::string upper = lower;
   std::ranges::transform(upper, upper.begin(), ::toupper);
   EXPECT_EQ(unhex(upper, 512), bytes);
+  std::set<std::string> seen;
+  for (int i = 0; i < 64; ++i) seen.insert(random_id());
+  EXPECT_EQ(seen.size(), 64u);
+  for (const std::string& id : seen) EXPECT_TRUE(id.size() == 32 && hex(unhex(id, 32)) == id) << id;
 }
 
 TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
@@ -50,7 +57,7 @@ TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
   const auto file = directory / "file";
   testing::write_text(file, pattern(2 * 65536 + 1));
   const std::string unsupported = "unsupported_hash: Only SHA-256 and SHA-512 hashes are supported";
-  const std::vector<std::pair<std::function<void()>, std::string>> rows = {
+  expect_outcomes({
       {[] { unhex("ABcd", 3); }, "invalid_hex: Invalid hexadecimal data"},  // the bound counts characters
       {[] { unhex("abc", 8); }, "invalid_hex: Invalid hexadecimal data"},
       {[&] { digest_file(directory / "absent", "sha256"); },
@@ -59,8 +66,7 @@ TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
       {[] { digest("x", "SHA256"); }, unsupported},
       {[] { DigestState state("sha384"); }, unsupported},
       {[&] { digest_file(file, std::string_view("sha256\0", 7)); }, unsupported},
-  };
-  for (std::size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(outcome(rows[i].first), rows[i].second) << i;
+  });
   // The characters right beside each accepted range, in either place of a pair.
   for (const char c : std::string("/:@G`g \0\xff", 9))
     for (const std::string& text : {std::string("0") + c, std::string(1, c) + "0"})
@@ -115,13 +121,6 @@ TEST(Digest, MatchesCoreutilsWithTheCallbackAtEveryRead) {
   }
   // Files of /proc claim a size of 0: without a callback nothing bounds the read.
   EXPECT_EQ(digest_file("/proc/version", "sha512"), coreutils_digest("sha512", "/proc/version"));
-}
-
-TEST(RandomId, IsThirtyTwoLowerCaseHexDigitsAndFresh) {
-  std::set<std::string> seen;
-  for (int i = 0; i < 64; ++i) seen.insert(random_id());
-  EXPECT_EQ(seen.size(), 64u);
-  for (const std::string& id : seen) EXPECT_TRUE(id.size() == 32 && hex(unhex(id, 32)) == id) << id;
 }
 
 }  // namespace

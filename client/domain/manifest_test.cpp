@@ -89,6 +89,8 @@ TEST(SnapshotManifest, EachRuleAndBound) {
       {[](json& d) { d["files"] = json::array(); }, count},
       {[](json& d) { d = many_files(100000); }, "ok"},
       {[](json& d) { d = many_files(100001); }, count},
+      {[](json& d) { d["files"][1]["path"] = "data/a?"; },
+       "unsafe_path: Path is not portable across supported platforms"},
       {[](json& d) { d["files"][1]["path"] = "data/a\x7f"; },
        "invalid_manifest: The v1 package profile requires ASCII file paths"},
       {[](json& d) { d["files"][1]["mode"] = 755; }, "invalid_manifest: Package modes must be 0644 or 0755"},

@@ -7,6 +7,7 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,8 +23,7 @@ namespace {
 // Bytes a careless copy would lose: a NUL and a high byte inside the text.
 const std::string message("{\"signed\":{\"a\":\"\0\xff\",\"version\":1}}", 34);
 
-struct Case {
-  std::string label;
+struct Signed {
   json key;
   std::string signature;  // hexadecimal
 };
@@ -65,16 +65,9 @@ rows = [['ed25519', 'ed25519', ed.public_key().public_bytes_raw().hex(), ed.sign
 print(json.dumps({'rows': rows, 'rsa': pem(rsa_key), 'max_salt': pss(padding.PSS.MAX_LENGTH)}))
 )";
 
-Case find(const std::vector<Case>& cases, const std::string& label) {
-  for (const Case& c : cases)
-    if (c.label == label) return c;
-  ADD_FAILURE() << "no row " << label;
-  return {};
-}
-
 struct Material {
-  std::vector<Case> accepted;  // every row of the key table, from both peers
-  std::vector<Case> refused;   // each for one reason
+  std::map<std::string, Signed> accepted;               // every row of the key table, from both peers
+  std::vector<std::pair<std::string, Signed>> refused;  // each for one reason
   std::string encrypted_pem;
 };
 
@@ -106,36 +99,34 @@ Material make_material() {
 
   const std::string ed_pem = generate("ed", {"-algorithm", "ED25519"});
   const std::string ed_der = openssl({"pkey", "-in", key_file("ed"), "-pubout", "-outform", "DER"});
-  accepted.push_back({"openssl ed25519", tuf_key("ed25519", "ed25519", hex_of(ed_der.substr(ed_der.size() - 32))),
-                      sign_raw("ed", message)});
+  accepted["openssl ed25519"] = {tuf_key("ed25519", "ed25519", hex_of(ed_der.substr(ed_der.size() - 32))),
+                                 sign_raw("ed", message)};
   const std::string rsa = generate("rsa", {"-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048"});
   for (const std::string bits : {"256", "384", "512"})
-    accepted.push_back(
-        {"openssl rsa sha" + bits, tuf_key("rsa", "rsassa-pss-sha" + bits, rsa), sign("rsa", "sha" + bits, pss)});
+    accepted["openssl rsa sha" + bits] = {tuf_key("rsa", "rsassa-pss-sha" + bits, rsa), sign("rsa", "sha" + bits, pss)};
   for (const auto& [curve, scheme, md] :
        std::vector<std::array<std::string, 3>>{{"P-256", "ecdsa-sha2-nistp256", "sha256"},
                                                {"P-384", "ecdsa-sha2-nistp384", "sha384"},
                                                {"P-521", "ecdsa-sha2-nistp521", "sha512"}})
-    accepted.push_back(
-        {"openssl " + scheme,
-         tuf_key("ecdsa", scheme, generate(curve, {"-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:" + curve})),
-         sign(curve, md, {})});
+    accepted["openssl " + scheme] = {
+        tuf_key("ecdsa", scheme, generate(curve, {"-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:" + curve})),
+        sign(curve, md, {})};
   // ML-DSA signs "tuf", a version byte and SHA-512 of the message.
   const std::string prehash = std::string("tuf\x01", 4) + openssl({"dgst", "-sha512", "-binary"}, message);
   for (const std::string level : {"44", "65", "87"})
-    accepted.push_back({"openssl ml-dsa-" + level,
-                        tuf_key("ml-dsa", "ml-dsa-" + level + "/1", generate(level, {"-algorithm", "ML-DSA-" + level})),
-                        sign_raw(level, prehash)});
+    accepted["openssl ml-dsa-" + level] = {
+        tuf_key("ml-dsa", "ml-dsa-" + level + "/1", generate(level, {"-algorithm", "ML-DSA-" + level})),
+        sign_raw(level, prehash)};
   testing::write_text(directory / "message", message);
   const json python = json::parse(testing::run_python(python_peer, {(directory / "message").string()}));
   for (const json& row : python["rows"])
-    accepted.push_back({"python " + row[1].get<std::string>(), tuf_key(row[0], row[1], row[2]), row[3]});
+    accepted["python " + row[1].get<std::string>()] = {tuf_key(row[0], row[1], row[2]), row[3]};
 
-  const std::string rsa_sha256 = find(accepted, "openssl rsa sha256").signature;
-  const Case p256 = find(accepted, "openssl ecdsa-sha2-nistp256");
+  const std::string rsa_sha256 = accepted.at("openssl rsa sha256").signature;
+  const Signed p256 = accepted.at("openssl ecdsa-sha2-nistp256");
   const std::string p256_public = p256.key["keyval"]["public"];
   const auto refuse = [&](std::string label, json key, std::string signature) {
-    refused.push_back({std::move(label), std::move(key), std::move(signature)});
+    refused.push_back({std::move(label), {std::move(key), std::move(signature)}});
   };
   refuse("python rsa, longest salt", tuf_key("rsa", "rsassa-pss-sha256", python["rsa"]), python["max_salt"]);
   refuse("rsa salt of 20 bytes", tuf_key("rsa", "rsassa-pss-sha256", rsa),
@@ -149,16 +140,16 @@ Material make_material() {
   refuse("2047-bit rsa", tuf_key("rsa", "rsassa-pss-sha256", weak), sign("rsa2047", "sha256", pss));
   const std::string pss_typed = generate("rsapss", {"-algorithm", "RSA-PSS", "-pkeyopt", "rsa_keygen_bits:2048"});
   refuse("rsa-pss typed key", tuf_key("rsa", "rsassa-pss-sha256", pss_typed), sign("rsapss", "sha256", pss));
-  const std::string p384_public = find(accepted, "openssl ecdsa-sha2-nistp384").key["keyval"]["public"];
+  const std::string p384_public = accepted.at("openssl ecdsa-sha2-nistp384").key["keyval"]["public"];
   refuse("p-384 key under nistp256", tuf_key("ecdsa", "ecdsa-sha2-nistp256", p384_public), sign("P-384", "sha256", {}));
   refuse("rsa key under ecdsa", tuf_key("ecdsa", "ecdsa-sha2-nistp256", rsa), rsa_sha256);
   refuse("ec key under rsa", tuf_key("rsa", "rsassa-pss-sha256", p256_public), p256.signature);
   refuse("ecdsa scheme under keytype rsa", tuf_key("rsa", "ecdsa-sha2-nistp256", p256_public), p256.signature);
-  refuse("ed25519 key in pem form", tuf_key("ed25519", "ed25519", ed_pem), accepted[0].signature);
-  const Case ml_65 = find(accepted, "openssl ml-dsa-65");
+  refuse("ed25519 key in pem form", tuf_key("ed25519", "ed25519", ed_pem), accepted.at("openssl ed25519").signature);
+  const Signed ml_65 = accepted.at("openssl ml-dsa-65");
   refuse("ml-dsa-65 key under ml-dsa-44/1", tuf_key("ml-dsa", "ml-dsa-44/1", ml_65.key["keyval"]["public"]),
          ml_65.signature);
-  refuse("ml-dsa over the plain message", find(accepted, "openssl ml-dsa-44").key, sign_raw("44", message));
+  refuse("ml-dsa over the plain message", accepted.at("openssl ml-dsa-44").key, sign_raw("44", message));
   encrypted_pem = openssl({"rsa", "-in", key_file("rsa"), "-traditional", "-aes128", "-passout", "pass:secret"});
   refuse("encrypted pem", tuf_key("rsa", "rsassa-pss-sha256", encrypted_pem), rsa_sha256);
   return material;
@@ -174,20 +165,21 @@ const Material& material() {
 TEST(Signature, EveryRowAcceptsBothPeersAndRefusesAnyOtherSignature) {
   ASSERT_EQ(material().accepted.size(), 13u);
   ERR_clear_error();
-  for (const Case& c : material().accepted) {
-    EXPECT_TRUE(verify_signature(c.key, message, c.signature)) << c.label;
+  for (const auto& [label, c] : material().accepted) {
+    EXPECT_TRUE(verify_signature(c.key, message, c.signature)) << label;
     for (const std::size_t at : {std::size_t{0}, c.signature.size() / 2, c.signature.size() - 1}) {
       std::string signature = c.signature, changed = message;
       signature[at] = signature[at] == '0' ? '1' : '0';
       changed[at % message.size()] ^= 0x10;
-      EXPECT_FALSE(verify_signature(c.key, message, signature)) << c.label << " at " << at;
-      EXPECT_FALSE(verify_signature(c.key, changed, c.signature)) << c.label << " at " << at;
+      EXPECT_FALSE(verify_signature(c.key, message, signature)) << label << " at " << at;
+      EXPECT_FALSE(verify_signature(c.key, changed, c.signature)) << label << " at " << at;
     }
   }
   // Failed checks must not leave entries on OpenSSL's error queue either: a
   // later TLS call would take them for its own.
   ASSERT_EQ(material().refused.size(), 15u);
-  for (const Case& c : material().refused) EXPECT_FALSE(verify_signature(c.key, message, c.signature)) << c.label;
+  for (const auto& [label, c] : material().refused)
+    EXPECT_FALSE(verify_signature(c.key, message, c.signature)) << label;
   EXPECT_EQ(ERR_peek_error(), 0u);
 }
 
@@ -196,7 +188,7 @@ TEST(Signature, EveryRowAcceptsBothPeersAndRefusesAnyOtherSignature) {
 // past 16384 characters; keys a byte short or long, past the bound, of the
 // wrong shape, each member missing and of each wrong type.
 TEST(Signature, MalformedKeysAndSignaturesAreRefusedWithoutRaising) {
-  const Case ed = find(material().accepted, "openssl ed25519");
+  const Signed ed = material().accepted.at("openssl ed25519");
   const std::string sig = ed.signature, pub = ed.key["keyval"]["public"];
   std::vector<std::pair<json, std::string>> refused;
   for (const std::string& bad : {std::string(), sig.substr(1), sig.substr(0, 126) + "g0", sig.substr(2), sig + "00",
@@ -229,7 +221,7 @@ TEST(Signature, MalformedKeysAndSignaturesAreRefusedWithoutRaising) {
   extended["keyval"]["private"] = "";
   EXPECT_TRUE(verify_signature(extended, message, upper_sig));
   // The PEM bound counts the whole text, trailing line ends included.
-  const Case ml = find(material().accepted, "openssl ml-dsa-87");
+  const Signed ml = material().accepted.at("openssl ml-dsa-87");
   std::string pem = ml.key["keyval"]["public"];
   pem.resize(16384, '\n');
   EXPECT_TRUE(verify_signature(tuf_key("ml-dsa", "ml-dsa-87/1", pem), message, ml.signature));

@@ -57,6 +57,7 @@ TEST(Theme, RefusesEachFaultWithItsOwnSentence) {
       {R"({"images": {"icon": {"file": "linked.bmp"}}})"_json,
        "Theme file is missing or not a plain file: " + (dir / "linked.bmp").string()},
       {R"({"images": {"icon": {"file": "padded.bmp"}}})"_json, "Theme images are BMP files"},
+      {R"({"images": {"icon": {"pixel_art": 1}}})"_json, "Theme pixel_art is true or false"},
       {R"({"images": {"icon": {"file": "deep.bmp"}}})"_json, "Theme images must be uncompressed 24-bit BMP files"},
       {R"({"images": {"icon": {"file": "wide.bmp"}}})"_json, "Theme image is larger than 256×256 pixels"},
       {R"({"colors": {"button": "#8090a0"}})"_json, "Theme contrast is below 4.5:1 for text on button"},

@@ -54,7 +54,7 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
   const std::string token(64, 'a');
   AllocatedFile whole = partial(dir / "whole", 4, 4), empty = partial(dir / "empty", 0, 4);
   // clang-format off
-  const std::vector<std::pair<std::function<void()>, std::string>> rows{
+  expect_outcomes({
       {make("HTTPS://h/"), "https_required: Zorvi service URLs must use HTTPS"},
       {make("https://h /"), "invalid_url: Invalid service URL"},
       {make("https://u:p@h/"), "invalid_url: Service URL must not contain credentials, query, or fragment"},
@@ -74,10 +74,8 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
       {budgeted(11, false, 9), "discovery_budget: Optional update check exhausted its response budget"},
       {budgeted(0, true, 9), "cancelled: Optional update check cancelled"},
       {budgeted(0, false, 31), "discovery_timeout: Optional update check exhausted its time budget"},
-  };
+  });
   // clang-format on
-  for (std::size_t index = 0; index < rows.size(); ++index)
-    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
   EXPECT_EQ(quote_url("a b/c\xff~", false), "a%20b%2Fc%FF~");
 }
 

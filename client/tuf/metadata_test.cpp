@@ -14,6 +14,7 @@
 namespace zorvi {
 namespace {
 
+using testing::expect_outcomes;
 using testing::outcome;
 
 const std::string h64(64, 'a');
@@ -113,7 +114,7 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
                     layout = "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp";
   const std::string short_of = "signature_threshold: Metadata does not meet its authorized signature threshold";
   // clang-format off
-  const std::vector<std::pair<std::function<void()>, std::string>> rows = {
+  expect_outcomes({
       {shaped("root", "/signed/_type", gone), "invalid_metadata: Metadata is missing a required field or has an invalid field type"},
       {shaped("root", "/signed", none), "invalid_metadata: Metadata must contain a signed object and signature array"},
       {shaped("root", "/signatures/1", json{{"keyid", h64}, {"sig", "11"}}), "invalid_metadata: Metadata repeats a signature key ID"},
@@ -163,10 +164,8 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
       {target("t", "/hashes", json::object()), "invalid_hashes: Target has no authenticated hashes"},
       {target("link", "", nullptr), "unsafe_path: Target is not an ordinary file"},
       {target("", "", nullptr), "unsafe_path: Target is not an ordinary file"},
-  };
+  });
   // clang-format on
-  for (std::size_t index = 0; index < rows.size(); ++index)
-    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
 }
 
 TEST(Metadata, PathPatternsNeverCrossSlashesAndStayLinear) {

@@ -76,29 +76,30 @@ TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
 }
 
 // Every name made, replaced or removed in the target folder is flushed there
-// before the download says it is complete: a power cut leaves a state the
-// next attempt can read.
+// before the download says it is complete, with or without a resume scope: a
+// power cut leaves a state the next attempt can read.
 TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
-  TufRepository repository("targets=1");
-  std::filesystem::create_directories(repository.out);
-  const TracedRun traced =
-      run_traced({(binary_dir() / "tuf_fetch").string(), repository.trust.string(), repository.server->base_url(),
-                  repository.server->ca_bundle().string(), repository.out.string(), "file0.bin", "0"},
-                 "fsync,fdatasync,rename,renameat,renameat2,unlink,unlinkat");
-  ASSERT_EQ(traced.result.out, "complete\n") << traced.result.err;
-  std::vector<std::string> steps;  // calls on paths in the folder, in order
-  for (const std::string& call : traced.calls)
-    if (call.find(repository.out.string()) != std::string::npos) steps.push_back(call);
-  const std::string flushed = "<" + repository.out.string() + ">) = 0";
-  int changes = 0;
-  for (std::size_t index = 0; index < steps.size(); ++index) {
-    if (!steps[index].starts_with("rename") && !steps[index].starts_with("unlink")) continue;
-    ++changes;
-    EXPECT_TRUE(index + 1 < steps.size() && steps[index + 1].starts_with("fsync(") &&
-                steps[index + 1].ends_with(flushed))
-        << steps[index];
+  // Two checkpoints, the finished file and the retired marker; in one go, the finished file.
+  for (const auto& [scope, expected] : std::vector<std::pair<std::string, int>>{{"s", 4}, {"", 1}}) {
+    TufRepository repository("targets=1");
+    std::filesystem::create_directories(repository.out);
+    const TracedRun traced = run_traced(repository.fetch_command("file0.bin", "0", scope),
+                                        "fsync,fdatasync,rename,renameat,renameat2,unlink,unlinkat");
+    ASSERT_EQ(traced.result.out, "complete\n") << traced.result.err;
+    std::vector<std::string> steps;  // calls on paths in the folder, in order
+    for (const std::string& call : traced.calls)
+      if (call.find(repository.out.string()) != std::string::npos) steps.push_back(call);
+    const std::string flushed = "<" + repository.out.string() + ">) = 0";
+    int changes = 0;
+    for (std::size_t index = 0; index < steps.size(); ++index) {
+      if (!steps[index].starts_with("rename") && !steps[index].starts_with("unlink")) continue;
+      ++changes;
+      EXPECT_TRUE(index + 1 < steps.size() && steps[index + 1].starts_with("fsync(") &&
+                  steps[index + 1].ends_with(flushed))
+          << steps[index];
+    }
+    EXPECT_EQ(changes, expected) << scope;
   }
-  EXPECT_EQ(changes, 4);  // two checkpoints, the finished file, and the retired marker
 }
 
 // One target through a run of refusals, each row leaving the folder as the next expects.
@@ -128,7 +129,7 @@ TEST(ResumableDownload, Failures) {
     fetch("other")();
   };
   // clang-format off
-  const std::vector<std::pair<std::function<void()>, std::string>> rows{
+  expect_outcomes({
       {fetch(std::string(4097, 's')), "size_limit: Download resume scope exceeds its bounded contract"},
       {[&] { write_text(served, original + "!"); fetch("s")(); }, "length_mismatch: Server length differs from the authenticated download bound"},
       {[&] { write_text(served, std::string(64, 'x')); fetch("")(); }, mismatch},
@@ -140,10 +141,8 @@ TEST(ResumableDownload, Failures) {
       {[&] { std::filesystem::remove_all(repository.out); fetch("m", meddle)(); }, "download_resume_changed: Resume marker changed before checkpoint"},
       {[&] { std::filesystem::remove_all(repository.out); fill(); }, "download_resume_capacity: Retained partial downloads reached their capacity"},
       {fetch("7"), "ok"},
-  };
+  });
   // clang-format on
-  for (std::size_t index = 0; index < rows.size(); ++index)
-    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
 }
 
 TEST(ResumableDownload, SurvivesKillsOverHttps) {
@@ -156,9 +155,8 @@ TEST(ResumableDownload, SurvivesKillsOverHttps) {
   // The last round's server ignores ranges, so the resume starts again from byte 0.
   for (int round = 0; round <= rounds; ++round) {
     if (round == rounds) repository.serve("max_ranges 0;");
-    ProgramChild child(
-        "tuf_fetch", {repository.trust.string(), repository.server->base_url(), repository.server->ca_bundle().string(),
-                      repository.out.string(), "big.bin", "16777216"});
+    const std::vector<std::string> fetch = repository.fetch_command("big.bin", "16777216");
+    ProgramChild child("tuf_fetch", {fetch.begin() + 1, fetch.end()});
     if (round < rounds) {
       std::this_thread::sleep_for(std::chrono::milliseconds(200 + random() % 800));
       child.kill(SIGKILL);

@@ -98,10 +98,7 @@ TEST(TufClient, ForgetsRotatedStateInADurableOrder) {
   TufRepository repository("targets=1");
   repository.client().refresh();
   atomic_write(repository.trust / "root-invalidation.json", R"({"version":1})");
-  const TracedRun traced =
-      run_traced({(binary_dir() / "tuf_fetch").string(), repository.trust.string(), repository.server->base_url(),
-                  repository.server->ca_bundle().string(), repository.out.string(), "file0.bin", "0"},
-                 "fsync,unlink,unlinkat");
+  const TracedRun traced = run_traced(repository.fetch_command("file0.bin"), "fsync,unlink,unlinkat");
   ASSERT_EQ(traced.result.out, "complete\n") << traced.result.err;
   std::string steps;  // each call on the trust folder or a name in it: "unlink timestamp.json"
   for (const std::string& call : traced.calls) {
@@ -144,7 +141,7 @@ TEST(TufClient, Failures) {
   const std::string malformed =
       "invalid_trusted_metadata: Stored snapshot metadata is malformed; preserve and restore trusted state";
   // clang-format off
-  const std::vector<std::pair<std::function<void()>, std::string>> rows{
+  expect_outcomes({
       {[&] { TufClient::initialize(repository.trust, "{}"); }, "already_initialized: Trusted root is already initialized"},
       {fetch("2.root.json", 500), "http_status: Could not download next trusted root"},
       {fetch("snapshot.json", 404), "http_status: Could not download metadata for role snapshot"},
@@ -157,10 +154,8 @@ TEST(TufClient, Failures) {
       // Parses, but has no meta to compare against.
       {[&] { write_text(repository.trust / "snapshot.json", R"({"signed":{}})"); repository.client().target("set0/file0.bin"); }, malformed},
       {replay_root, "rollback: Root version is not exactly the next version"},
-  };
+  });
   // clang-format on
-  for (std::size_t index = 0; index < rows.size(); ++index)
-    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << index;
 }
 
 }  // namespace

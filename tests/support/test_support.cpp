@@ -129,6 +129,11 @@ std::string outcome(const std::function<void()>& action) {
   }
 }
 
+void expect_outcomes(const OutcomeRows& rows) {
+  for (std::size_t index = 0; index < rows.size(); ++index)
+    EXPECT_EQ(outcome(rows[index].first), rows[index].second) << "row " << index;
+}
+
 Error caught(const std::function<void()>& action) {
   try {
     action();

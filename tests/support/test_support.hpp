@@ -69,6 +69,11 @@ void write_text(const std::filesystem::path& path, std::string_view text);
 // "code: message" of the Error that `action` raises, or "ok".
 std::string outcome(const std::function<void()>& action);
 
+// Actions run in order, each beside the outcome it must have; a failure
+// names the row's index.
+using OutcomeRows = std::vector<std::pair<std::function<void()>, std::string>>;
+void expect_outcomes(const OutcomeRows& rows);
+
 // The Error an action raises; a test failure (and an empty Error) if it raises none.
 Error caught(const std::function<void()>& action);
 // Expects the action to raise exactly this code and message.

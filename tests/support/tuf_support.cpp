@@ -29,6 +29,11 @@ void TufRepository::serve(const std::string& nginx) {
   targets.emplace(server->base_url() + "targets/", server->ca_bundle(), 0, nullptr);
 }
 
+std::vector<std::string> TufRepository::fetch_command(const std::string& target, const std::string& rate,
+                                                      const std::string& scope) const {
+  return {binary_dir() / "tuf_fetch", trust, server->base_url(), server->ca_bundle(), out, target, rate, scope};
+}
+
 TufClient TufRepository::client(std::uint64_t rotations, std::uint64_t delegations) {
   return TufClient(trust, *metadata, *targets, {1 << 20, 1 << 16, 1 << 22, rotations, delegations}, {});
 }

@@ -14,6 +14,9 @@ struct TufRepository {
   void run(const std::string& command) const;  // one more fixture-script command, words split at blanks
   void serve(const std::string& nginx = "");   // restarts the server with this configuration
   TufClient client(std::uint64_t rotations = 8, std::uint64_t delegations = 8);
+  // tests/programs/tuf_fetch fetching `target` into `out`: the program's path, then its arguments.
+  std::vector<std::string> fetch_command(const std::string& target, const std::string& rate = "0",
+                                         const std::string& scope = "crash-test") const;
 
   TempDir dir;
   std::filesystem::path repo = dir / "repo", trust = dir / "trust", out = dir / "out";
