@@ -98,7 +98,6 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
   // unprivileged user cannot finish.
   const fs::path records = dir / "records", stuck = install(dir / "stuck").data_root;
   fs::create_directories(records / "native");
-  testing::write_text(records / "native/setup-status.json", R"({"schema_version": 2})");
   testing::run_command({"chown", "-R", "65534:65534", stuck});
   fs::create_directories(stuck / "native/held/x");
   fs::permissions(dir.path(), fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
@@ -107,6 +106,12 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
                                                   testing::binary_dir() / "install_entry", "--uninstall", target})
                                 .out;
     throw Error(out.substr(0, out.find(':')), out.substr(out.find(": ") + 2, out.size() - out.find(": ") - 3));
+  };
+  const auto status_of = [&](const std::string& record) {
+    return [&, record] {
+      testing::write_text(records / "native/setup-status.json", record);
+      NativeInstaller::status(records);
+    };
   };
   // Cancels once the install has begun to unpack into its staging folder.
   const auto unpacking = [](const fs::path& target) {
@@ -133,13 +138,10 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
       {[&] { NativeInstaller::uninstall({empty}, {}); }, "not_installed: Zorvi is not installed in " + empty.string()},
       {[&] { NativeInstaller::uninstall({data}, {{}, [] { return true; }, {}}); }, "cancelled: Setup was cancelled"},
       {[&] { as_nobody(stuck); }, "file_remove: Cannot remove " + (stuck / "native/held/x").string()},
-      {[&] { NativeInstaller::status(records); }, "unsupported_schema: Unsupported setup status record"},
-      {[&] {
-         testing::write_text(records / "native/setup-status.json",
-                             R"({"schema_version": 1, "kind": "zorvi-setup-status"})");
-         NativeInstaller::status(records);
-       },
+      {status_of(R"({"schema_version": 2})"), "unsupported_schema: Unsupported setup status record"},
+      {status_of(R"({"schema_version": 1, "kind": "zorvi-setup-status"})"),
        "unsupported_schema: Setup status record is malformed: " + (records / "native/setup-status.json").string()},
+      {status_of(std::string(65537, ' ')), "size_limit: File exceeds read limit"},  // one byte past its bound
   };
   for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
   EXPECT_FALSE(fs::exists(dir / "new") || fs::exists(dir / "t"));  // a failed install into a new folder leaves none
