@@ -19,25 +19,11 @@ using testing::run_command;
 // Installations made by the real installer from a package of a python-tuf
 // repository served by nginx, updated by the real zorvi-bootstrap.
 struct BootstrapUpdate : ::testing::Test {
-  struct Shared {
-    testing::TufRepository repository;
-    testing::TempDir dir;
-    fs::path package = dir / "package";
-    std::string seal;
-  };
-  static inline Shared* shared = nullptr;
-
+  static inline testing::SamplePackage* shared = nullptr;
   static void SetUpTestSuite() {
-    shared = new Shared;
-    release("1.0.0");
-    testing::SampleRelease(shared->repository.dir.path(), "1.0.0").publish(shared->repository);
-    std::string origin = shared->repository.server->base_url();
-    origin.pop_back();
-    const CommandResult built =
-        run_command({testing::source_dir() / "tools/zorvi-package", "build", shared->repository.repo, shared->package,
-                     "--origin", origin, "--ca-bundle", shared->repository.server->ca_bundle()});
-    ASSERT_EQ(built.status, 0) << built.err;
-    shared->seal = built.out.substr(0, 64);
+    shared = new testing::SamplePackage("1.0.0");
+    const std::string origin = shared->repository.server->base_url();
+    ASSERT_EQ(shared->build(origin.substr(0, origin.size() - 1)).status, 0);
   }
   static void TearDownTestSuite() { delete shared; }
   // Published at once; the repository takes each release once.
@@ -148,16 +134,12 @@ TEST_F(BootstrapUpdate, AKillAtEveryDurableStepLeavesAWholeBootstrap) {
   // Runs the crash-test build of the staging (or the apply) from `from`, killed after step `kill_at` (never at 0).
   const auto entry = [&](const fs::path& from, bool apply, long kill_at) {
     if (!from.empty()) fs::remove_all(data), run_command({"cp", "-a", from, data});
-    std::vector<std::string> words{"env",
-                                   "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
+    const testing::HttpsServer& server = *shared->repository.server;
+    std::vector<std::string> words{"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
                                    "ZORVI_TEST_STEP_COUNT=" + steps.string(),
-                                   testing::binary_dir() / "bootstrap_update_entry",
-                                   "stage",
-                                   data / "trust",
-                                   shared->repository.server->base_url(),
-                                   shared->repository.server->ca_bundle(),
-                                   data};
-    if (apply) words.resize(6), words[4] = "apply", words[5] = bootstrap;
+                                   testing::binary_dir() / "bootstrap_update_entry"};
+    if (apply) words.insert(words.end(), {"apply", bootstrap});
+    else words.insert(words.end(), {"stage", data / "trust", server.base_url(), server.ca_bundle(), data});
     return run_command(words).status == 0 ? std::atol(testing::read_text(steps).c_str()) : -1;
   };
   release("4.0.0");

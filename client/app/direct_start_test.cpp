@@ -82,9 +82,7 @@ TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
     install_game(dir.path(), change);
     return outcome([&] { locate_installed_game(dir.path(), "star-harbor"); });
   };
-  const struct {
-    std::string got, expected;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
       {after({.record = {{"installed", false}}}), "not_installed: The game is not installed"},
       {after({.record = {{"active", {{"manifest_ref", std::string(63, 'a')}}}}}),
        "invalid_state: Installed manifest reference is malformed"},
@@ -94,7 +92,7 @@ TEST(DirectStart, StartsTheInstalledGameWithoutALauncherAndRefusesEachFault) {
       {after({.program = "#!/bin/sh\n"}), "content_mismatch: The game's program is missing or changed"},
       {std::to_string(orphan.status) + " " + orphan.err, "1 " + announced + "zorvi: The game's program is missing\n"},
   };
-  for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
+  for (const auto& [got, expected] : rows) EXPECT_EQ(got, expected);
 }
 
 }  // namespace

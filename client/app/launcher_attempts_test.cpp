@@ -41,10 +41,7 @@ TEST(LauncherAttempts, AnAttemptEndsByItsLauncherDyingOrByProof) {
   };
   testing::ProgramChild launcher("files_probe", {"hold_lock", store.startup_lease_path(first).native(), "shared"});
   ASSERT_EQ(launcher.read_line(), "locked");
-  const struct {
-    std::function<void()> call;
-    std::string expected;
-  } rows[] = {
+  const std::pair<std::function<void()>, std::string> rows[] = {
       {[&] { store.recover_attempt(); },
        "launcher_running: The unfinished launcher is still using its startup attempt; close it before restarting"},
       {[&] { confirm({{"nonce", std::string(32, 'f')}, {"reference", reference}}); },
@@ -68,8 +65,8 @@ TEST(LauncherAttempts, AnAttemptEndsByItsLauncherDyingOrByProof) {
        "launcher_recovery_uncertain: This launcher version has an unknown contract; preserve its content"},
   };
   const std::string stored = testing::read_text(store.launcher_directory() / "installation.json");
-  for (const auto& row : rows) {
-    EXPECT_EQ(testing::outcome(row.call), row.expected);
+  for (const auto& [call, expected] : rows) {
+    EXPECT_EQ(testing::outcome(call), expected);
     EXPECT_EQ(testing::read_text(store.launcher_directory() / "installation.json"), stored);
   }
   launcher.kill(SIGKILL);

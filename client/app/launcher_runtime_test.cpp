@@ -14,6 +14,7 @@ namespace zorvi {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::outcome;
 using testing::ProgramChild;
 
 // A real store whose one version is the probe program three times over: the
@@ -70,15 +71,15 @@ TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {
   std::string deep = "/";
   for (int level = 0; level < 257; ++level) deep += "d/";
   const auto helper = [&](const fs::path& image, const char* role, const char* build = "1.0.0") {
-    return testing::outcome([=] { launcher_helper_guard(image, role, build); });
+    return outcome([=] { launcher_helper_guard(image, role, build); });
   };
   const auto launcher = [&](const fs::path& image, const std::map<std::string, std::string>& changes) {
     return in.run(image, {"launcher", "gui", "1.0.0", in.data}, attempt, changes)->read_line();
   };
   const std::pair<std::string, std::string> rows[] = {
-      {testing::outcome([&] { managed_version(deep + "z"); }),
+      {outcome([&] { managed_version(deep + "z"); }),
        "launcher_identity: Native executable ancestry exceeds its bound"},
-      {testing::outcome([&] { managed_version("/d/launcher/versions/" + std::string(64, 'A') + "/z"); }),
+      {outcome([&] { managed_version("/d/launcher/versions/" + std::string(64, 'A') + "/z"); }),
        "launcher_state: Launcher manifest identity is invalid"},
       {helper(staged, "crash-handler"),
        "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
@@ -117,20 +118,16 @@ TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {
 TEST(LauncherRuntime, LeasesLastUntilExitAndOnlyStoredImagesTakeThem) {
   Installed in;
   fs::copy_file(in.payload / "bin/zorvi", in.dir / "zorvi");
-  const struct {
-    fs::path image;
-    std::vector<std::string> args;
-    std::string line;
-  } rows[] = {
+  const std::tuple<fs::path, std::vector<std::string>, std::string> rows[] = {
       {in.payload / "bin/zorvi", {"launcher", "cli", "1.0.0", in.data}, "attached"},
       {in.payload / "bin/zz-crash", {"helper", "crash-handler", "1.0.0"}, "attached"},
       {in.dir / "zorvi", {"launcher", "cli", "1.0.0", in.data}, "empty"},
       {in.dir / "zorvi", {"helper", "crash-handler", "1.0.0"}, "empty"},
   };
-  for (const auto& row : rows) {
-    const auto child = in.run(row.image, row.args);
-    EXPECT_EQ(child->read_line(), row.line);
-    EXPECT_EQ(busy(in.guard), row.line == "attached");
+  for (const auto& [image, args, line] : rows) {
+    const auto child = in.run(image, args);  // alive while its lease is looked at
+    EXPECT_EQ(child->read_line(), line);
+    EXPECT_EQ(busy(in.guard), line == "attached");
   }
   EXPECT_TRUE(fs::is_empty(in.store.launcher_directory() / "health") &&
               fs::is_empty(in.store.launcher_directory() / "leases/attempts"));

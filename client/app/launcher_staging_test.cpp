@@ -63,12 +63,9 @@ struct Releases {
 
 struct LauncherStaging : ::testing::Test, Releases {};
 
-std::string staged(const json& reference) {
-  return json{{"staged", true},
-              {"activated", false},
-              {"build_id", reference["build_id"]},
-              {"manifest_sha256", reference["manifest_sha256"]}}
-      .dump();
+std::string staged(json reference) {
+  reference.update({{"staged", true}, {"activated", false}});
+  return reference.dump();
 }
 std::string skipped(const std::string& reason) { return R"({"skipped":")" + reason + R"(","staged":false})"; }
 const std::string current = R"({"already_current":true,"build_id":"1.0.0","staged":false})";

@@ -55,9 +55,8 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
   EXPECT_EQ(store.status()["installed"], false);
   const json seeded = store.seed_initial(version.bytes, version.archive, {});
   const json base = LauncherStore::existing(dir / "data").load();
-  EXPECT_EQ(base["generation"], 1);
-  EXPECT_EQ(base["candidate"], seeded);
-  EXPECT_EQ(base["active"], nullptr);  // only a confirmed first start makes it active
+  // Only a confirmed first start makes it active.
+  EXPECT_EQ(json({base["generation"], base["candidate"], base["active"]}), json({1, seeded, nullptr}));
   verify_snapshot_tree(store.manifest(seeded).snapshot, store.payload(seeded), {});
 
   const json tampered = launcher_reference(digest("stored", "sha256"), "1.0.0");
@@ -69,21 +68,12 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
     return state;
   };
   const auto load = [&] { store.load(); };
-  const auto save = [&](const json& patch) {
-    return [&, patch] {
-      json state = with(patch);
-      store.save(state);
-    };
-  };
+  const auto save = [&](const json& patch) { return [&, state = with(patch)]() mutable { store.save(state); }; };
   const std::string malformed = "launcher_state: Launcher installation record is malformed; it was preserved",
                     identity = "launcher_state: Launcher manifest identity is invalid",
                     contradictory = "launcher_state: Launcher candidate/startup state is contradictory";
   const json nonce = std::string(32, 'a');
-  const struct {
-    json stored;
-    std::function<void()> call;
-    std::string expected;
-  } rows[] = {
+  const std::vector<std::tuple<json, std::function<void()>, std::string>> rows = {
       {with({{"schema_version", 2}}), load, "unsupported_schema: Unknown launcher state was preserved"},
       {with({{"extra", nullptr}}), load, malformed},
       {with({{"active", {{"manifest_sha256", std::string(64, 'a')}, {"build", "b"}}}}), load, identity},
@@ -108,11 +98,11 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
       {base, [&] { LauncherStore::existing(dir.path()); }, "unsafe_path: Cannot inspect prepared directory identity"},
   };
   const fs::path file = store.launcher_directory() / "installation.json";
-  for (const auto& row : rows) {
-    atomic_write(file, row.stored.dump());
-    EXPECT_EQ(outcome(row.call), row.expected) << row.stored;
-    EXPECT_EQ(testing::read_text(file), row.stored.dump());
-    EXPECT_TRUE(row.call.target_type() != typeid(load) || !store.selection()) << row.stored;
+  for (const auto& [stored, call, expected] : rows) {
+    atomic_write(file, stored.dump());
+    EXPECT_EQ(outcome(call), expected) << stored;
+    EXPECT_EQ(testing::read_text(file), stored.dump());
+    EXPECT_TRUE(call.target_type() != typeid(load) || !store.selection()) << stored;
   }
   EXPECT_EQ(testing::caught([&] { fresh.fallback_active(); }).details, std::vector<std::string>{"self status"});
   fs::remove(file);

@@ -120,44 +120,42 @@ TEST_F(Maintenance, TheWindowedHelperIsHandedOverOnceReadyAndItsRemovalOutwaitsA
 }
 
 TEST(MaintenanceRuntime, Refusals) {
+  using testing::outcome;
   testing::TempDir dir;
+  const fs::path data = dir / "data";
   const auto with_variable = [](const char* name, const std::function<void()>& action) {
     ::setenv(name, "x", 1);
-    const std::string got = testing::outcome(action);
+    const std::string got = outcome(action);
     return ::unsetenv(name), got;
   };
+  const auto control = [&](const std::vector<std::string>& words) {
+    return outcome([&] { native_maintenance_control(data, words, {}); });
+  };
+  const auto cli = [&] { run_cli_maintenance(data, {"self", "uninstall"}, "1.0.0", {}); };
   const std::string shortcut = "usage: Use self shortcut create [--game GAME] or self shortcut remove";
-  const struct {
-    std::string got, expected;
-  } rows[] = {
-      {testing::outcome([] { maintenance_arguments({"self", "uninstall", "--remove-data", "--remove-data"}, "d"); }),
+  const std::pair<std::string, std::string> rows[] = {
+      {outcome([] { maintenance_arguments({"self", "uninstall", "--remove-data", "--remove-data"}, "d"); }),
        "usage: Use self uninstall [--remove-data]"},
-      {testing::outcome(
-           [&] { native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "no way"}, {}); }),
-       shortcut},
-      {testing::outcome([&] {
-         native_maintenance_control(dir / "data", {"self", "shortcut", "create", "--game", "--json", "g1"}, {});
-       }),
-       shortcut},
-      {testing::outcome([&] {
+      {control({"self", "shortcut", "create", "--game", "no way"}), shortcut},
+      {control({"self", "shortcut", "create", "--game", "--json", "g1"}), shortcut},
+      {outcome([&] {
          prepare_console_maintenance(
-             LauncherStore(dir / "data", true), json(), {"self", "uninstall"}, [] { return true; }, false);
+             LauncherStore(data, true), json(), {"self", "uninstall"}, [] { return true; }, false);
        }),
        "cancelled: Uninstall cancelled"},
-      {testing::outcome([] { require_maintenance_runtime_image("/tmp/zorvi-maintenance-1/bin/zorvi"); }),
+      {outcome([] { require_maintenance_runtime_image("/tmp/zorvi-maintenance-1/bin/zorvi"); }),
        "maintenance_copy: A temporary maintenance helper cannot start Zorvi"},
       {with_variable("ZORVI_MAINTENANCE_COPY", [] { MaintenanceRuntime::attach("maintenance", "1.0.0"); }),
        "maintenance_copy: Maintenance helper copy path is invalid"},
-      {testing::outcome([&] { prepare_gui_maintenance(dir / "data", "1.0.0", {}); }),
+      {outcome([&] { prepare_gui_maintenance(data, "1.0.0", {}); }),
        "maintenance_unavailable: Start the installed Zorvi GUI or use the external installer to review removal"},
-      {with_variable("ZORVI_LAUNCHER_HEALTH_NONCE",
-                     [&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }),
+      {with_variable("ZORVI_LAUNCHER_HEALTH_NONCE", cli),
        "maintenance_unavailable: Start native maintenance through the installed bootstrap to release startup "
        "ownership"},
-      {testing::outcome([&] { run_cli_maintenance(dir / "data", {"self", "uninstall"}, "1.0.0", {}); }),
+      {outcome(cli),
        "maintenance_unavailable: Installed maintenance needs a managed launcher image; use the external installer"},
   };
-  for (const auto& row : rows) EXPECT_EQ(row.got, row.expected);
+  for (const auto& [got, expected] : rows) EXPECT_EQ(got, expected);
   EXPECT_EQ(maintenance_arguments({"--json", "self", "uninstall", "--remove-data"}, "d"),
             (std::vector<std::string>{"self", "uninstall", "--data-dir", fs::current_path() / "d", "--remove-data"}));
 }

@@ -44,6 +44,14 @@ class NativeInstall : public ::testing::Test {
                      {1 << 20, 1 << 16, 1 << 22, 8, 8}, {});
     EXPECT_NO_THROW(client.refresh());
   }
+  // The crash-test build of setup run with `words`, killed after its durable step `kill_at` (0: never); it
+  // counts its steps into dir/steps.
+  testing::CommandResult entry(int kill_at, std::vector<std::string> words) const {
+    words.insert(words.begin(),
+                 {"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
+                  "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(), testing::binary_dir() / "install_entry"});
+    return testing::run_command(words);
+  }
 
   static inline testing::SamplePackage* shared = nullptr;
   TempDir dir;
@@ -77,11 +85,8 @@ TEST_F(NativeInstall, InstallsAPackageThatStartsAndRepairsOnlyWhatIsDamaged) {
 
 TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
   const fs::path empty = dir / "empty", notes = dir / "notes", earlier = dir / "earlier", link = dir / "link";
-  fs::create_directories(empty);
-  fs::create_directories(earlier / "userdata");
-  fs::create_directories(notes);
-  testing::write_text(notes / "notes.txt", "mine");
-  testing::write_text(earlier / "notes.txt", "mine");
+  for (const fs::path& folder : {empty, earlier / "userdata", notes}) fs::create_directories(folder);
+  for (const fs::path& folder : {notes, earlier}) testing::write_text(folder / "notes.txt", "mine");
   fs::create_directory_symlink(empty, link);
   // A package changed after it was sealed.
   const fs::path tampered = dir / "tampered";
@@ -93,7 +98,6 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
   // unprivileged user cannot finish.
   const fs::path records = dir / "records", stuck = install(dir / "stuck").data_root;
   fs::create_directories(records / "native");
-  testing::write_text(records / "native/setup-status.json", R"({"schema_version": 2})");
   testing::run_command({"chown", "-R", "65534:65534", stuck});
   fs::create_directories(stuck / "native/held/x");
   fs::permissions(dir.path(), fs::perms::owner_all | fs::perms::others_read | fs::perms::others_exec);
@@ -102,6 +106,12 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
                                                   testing::binary_dir() / "install_entry", "--uninstall", target})
                                 .out;
     throw Error(out.substr(0, out.find(':')), out.substr(out.find(": ") + 2, out.size() - out.find(": ") - 3));
+  };
+  const auto status_of = [&](const std::string& record) {
+    return [&, record] {
+      testing::write_text(records / "native/setup-status.json", record);
+      NativeInstaller::status(records);
+    };
   };
   // Cancels once the install has begun to unpack into its staging folder.
   const auto unpacking = [](const fs::path& target) {
@@ -128,13 +138,10 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
       {[&] { NativeInstaller::uninstall({empty}, {}); }, "not_installed: Zorvi is not installed in " + empty.string()},
       {[&] { NativeInstaller::uninstall({data}, {{}, [] { return true; }, {}}); }, "cancelled: Setup was cancelled"},
       {[&] { as_nobody(stuck); }, "file_remove: Cannot remove " + (stuck / "native/held/x").string()},
-      {[&] { NativeInstaller::status(records); }, "unsupported_schema: Unsupported setup status record"},
-      {[&] {
-         testing::write_text(records / "native/setup-status.json",
-                             R"({"schema_version": 1, "kind": "zorvi-setup-status"})");
-         NativeInstaller::status(records);
-       },
+      {status_of(R"({"schema_version": 2})"), "unsupported_schema: Unsupported setup status record"},
+      {status_of(R"({"schema_version": 1, "kind": "zorvi-setup-status"})"),
        "unsupported_schema: Setup status record is malformed: " + (records / "native/setup-status.json").string()},
+      {status_of(std::string(65537, ' ')), "size_limit: File exceeds read limit"},  // one byte past its bound
   };
   for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
   EXPECT_FALSE(fs::exists(dir / "new") || fs::exists(dir / "t"));  // a failed install into a new folder leaves none
@@ -155,20 +162,14 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
 // next setup always ends with a working installation, and the user's data
 // stays as it was. ZORVI_CRASH_ROUNDS repeats the campaign.
 TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheNextRepair) {
-  const auto entry = [&](const fs::path& folder, int kill_at, bool repair) {
-    std::vector<std::string> argv{"env",
-                                  "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
-                                  "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(),
-                                  testing::binary_dir() / "install_entry",
-                                  shared->seal,
-                                  shared->package,
-                                  folder};
-    if (repair) argv.emplace_back("--repair");
-    return testing::run_command(argv);
+  const auto setup = [&](const fs::path& folder, int kill_at, bool repair) {
+    std::vector<std::string> words{shared->seal, shared->package, folder};
+    if (repair) words.emplace_back("--repair");
+    return entry(kill_at, words);
   };
   const fs::path folder = dir / "folder", saved = folder / "userdata/save.dat", damaged = dir / "damaged";
   // A complete installation with all three parts damaged, for the repair road.
-  ASSERT_EQ(entry(damaged, 0, false).status, 0);
+  ASSERT_EQ(setup(damaged, 0, false).status, 0);
   fs::remove_all(damaged / "launcher");
   fs::remove(damaged / "trust/root.json");
   fs::resize_file(damaged / "native/bootstrap/bin/zorvi-bootstrap", 10);
@@ -182,17 +183,17 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheN
   for (int round = 0; round < (rounds ? std::atoi(rounds) : 1); ++round) {
     for (const bool repair : {false, true}) {
       fresh(repair);
-      ASSERT_EQ(entry(folder, 0, repair).status, 0);
+      ASSERT_EQ(setup(folder, 0, repair).status, 0);
       const int total = std::stoi(testing::read_text(dir / "steps"));
       ASSERT_GT(total, 20);
       RecordProperty(repair ? "repair_steps" : "install_steps", total);
       for (int step = 1; step < total; ++step) {
         SCOPED_TRACE((repair ? "repair, step " : "install, step ") + std::to_string(step));
         fresh(repair);
-        ASSERT_EQ(entry(folder, step, repair).status, 128 + 9);
+        ASSERT_EQ(setup(folder, step, repair).status, 128 + 9);
         const bool begun =
             entry_present(folder / ".zorvi-setup-incomplete") || entry_present(folder / "native/installation.json");
-        const testing::CommandResult next = entry(folder, 0, begun);
+        const testing::CommandResult next = setup(folder, 0, begun);
         ASSERT_EQ(next.status, 0) << next.out;
         expect_working(folder);
         EXPECT_EQ(testing::read_text(saved), "level 7");
@@ -224,12 +225,7 @@ TEST_F(NativeInstall, UninstallKeepsUserDataAndEditedShortcutsUnlessAskedToRemov
 // Kills an uninstall after each of its durable steps: what it leaves starts
 // nothing, and the next uninstall finishes the work.
 TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnUninstallIsFinishedByTheNextOne) {
-  const auto entry = [&](int kill_at) {
-    return testing::run_command({"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
-                                 "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(),
-                                 testing::binary_dir() / "install_entry", "--uninstall", data})
-        .status;
-  };
+  const auto uninstall = [&](int kill_at) { return entry(kill_at, {"--uninstall", data}).status; };
   const fs::path installed = install(dir / "installed").data_root;
   testing::write_text(installed / "settings.json", "{}");
   // Each name that goes from the folder is flushed away before the next one
@@ -251,12 +247,12 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnUninstallIsFinishedByTheNextOne
   for (int step = 0, total = 1; step < total; ++step) {
     SCOPED_TRACE(step);
     testing::run_command({"cp", "-aT", installed, data});
-    ASSERT_EQ(entry(step), step == 0 ? 0 : 128 + 9);
+    ASSERT_EQ(uninstall(step), step == 0 ? 0 : 128 + 9);
     if (step == 0) total = std::stoi(testing::read_text(dir / "steps"));
     EXPECT_TRUE(!entry_present(data / ".zorvi-setup-incomplete") ||
                 (NativeInstaller::status(data).incomplete &&
                  testing::caught([&] { require_complete_native_install(data); }).code == "native_install_incomplete"));
-    EXPECT_EQ(entry(0), step == 0 ? 1 : 0);  // after a finished uninstall there is nothing to remove
+    EXPECT_EQ(uninstall(0), step == 0 ? 1 : 0);  // after a finished uninstall there is nothing to remove
     EXPECT_EQ(testing::read_text(data / "settings.json"), "{}");
   }
 }

@@ -89,8 +89,11 @@ struct Edit {
     descriptor[at]["length"] = bytes.size();
     descriptor[at]["sha256"] = digest(bytes, "sha256");
   }
-  json manifest(const char* name) const {
-    return parse_json(testing::read_text(dir / descriptor[name]["path"].get<std::string>()), 1 << 20);
+  // The manifest resource `name` rewritten with the value at `at` changed.
+  void change(const std::string& name, const json::json_pointer& at, const json& value) {
+    json manifest = parse_json(testing::read_text(dir / descriptor[name]["path"].get<std::string>()), 1 << 20);
+    manifest[at] = value;
+    replace(json::json_pointer("/" + name), manifest.dump());
   }
 };
 
@@ -147,12 +150,8 @@ TEST_F(NativePackageTest, EachFailureRowIsReached) {
        bad + "Featured game name must be 1 to 80 bytes"},
       {patch(R"({"schema_version": 2})"), full, "unsupported_schema: Unsupported initial package schema"},
       {patch(R"({"platform": "macos-aarch64"})"), full, "launcher_incompatible: This package is for another platform"},
-      {[](Edit& e) {
-         json m = e.manifest("launcher_manifest");
-         m["platform"] = "macos-aarch64";
-         e.replace("/launcher_manifest"_json_pointer, m.dump());
-       },
-       full, "launcher_incompatible: Package images are for another platform"},
+      {[](Edit& e) { e.change("launcher_manifest", "/platform"_json_pointer, "macos-aarch64"); }, full,
+       "launcher_incompatible: Package images are for another platform"},
       {patch(R"({"origin": "https://127.0.0.1:8443/zorvi"})"), full,
        "invalid_origin: The package origin must be a plain HTTPS origin"},
       {[](Edit& e) {
@@ -162,12 +161,8 @@ TEST_F(NativePackageTest, EachFailureRowIsReached) {
        },
        full, "expired_metadata: The initial package's TUF root has expired"},
       {patch(R"({"root": {"length": 0}})"), full, "size_limit: Initial package resource exceeds its size limit"},
-      {[](Edit& e) {
-         json m = e.manifest("bootstrap_manifest");
-         m["archive"]["length"] = (1u << 30) + 1u;
-         e.replace("/bootstrap_manifest"_json_pointer, m.dump());
-       },
-       full, "size_limit: Initial package payload is too large"},
+      {[](Edit& e) { e.change("bootstrap_manifest", "/archive/length"_json_pointer, (1u << 30) + 1u); }, full,
+       "size_limit: Initial package payload is too large"},
       {[](Edit& e) {
          for (auto& [name, file] : e.descriptor["brand"]["theme"]["files"].items()) file["length"] = 4194304;
        },

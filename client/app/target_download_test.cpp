@@ -16,17 +16,12 @@ const std::string hex32 = std::string(32, 'e');
 
 // A launcher release manifest naming `bytes` as its archive.
 std::string manifest_for(const std::string& bytes) {
-  return json{
-      {"schema_version", 1},
-      {"kind", "zorvi-launcher-release"},
-      {"build_id", "1.0.0"},
-      {"platform", "linux-x86_64"},
-      {"executable", "bin/zorvi"},
-      {"expanded_length", 1},
-      {"archive",
-       {{"format", "tar.zst-v1"}, {"target", archive}, {"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}}},
-      {"files", {{{"path", "bin/zorvi"}, {"length", 1}, {"mode", 493}, {"sha256", std::string(64, '0')}}}}}
-      .dump();
+  json manifest = R"({"schema_version": 1, "kind": "zorvi-launcher-release", "build_id": "1.0.0", "expanded_length": 1,
+      "platform": "linux-x86_64", "executable": "bin/zorvi", "files": [{"path": "bin/zorvi", "length": 1, "mode": 493}],
+      "archive": {"format": "tar.zst-v1", "target": "launcher.tar.zst"}})"_json;
+  manifest["files"][0]["sha256"] = std::string(64, '0');
+  manifest["archive"].update({{"length", bytes.size()}, {"sha256", digest(bytes, "sha256")}});
+  return manifest.dump();
 }
 
 json described(const std::string& bytes) {
@@ -91,9 +86,9 @@ TEST(TargetDownloads, ReceiptsFollowARealDownloadThroughCancelResumeAndRetiremen
   EXPECT_EQ(store.group(descriptor).at("phase"), "complete");
   // Only a durable manifest authorises removal.
   const TargetDownloads downloads = target_download_receipts(store.dir.path());
-  expect_rows({{[&] { downloads.retire(store.reference); },
-                owned + "Download retirement requires durable matching native manifest authority"}},
-              store.dir.path());
+  const auto retire = [&] { downloads.retire(store.reference); };
+  const auto refused = [&](const std::string& message) { expect_rows({{retire, owned + message}}, store.dir.path()); };
+  refused("Download retirement requires durable matching native manifest authority");
   EXPECT_EQ(store.fetch(archive), "ok");
   EXPECT_EQ(store.group(archive).at("phase"), "complete");
   EXPECT_TRUE(store.group(archive).at("resume_files").empty());
@@ -104,18 +99,17 @@ TEST(TargetDownloads, ReceiptsFollowARealDownloadThroughCancelResumeAndRetiremen
                  partial = store.dir / "downloads" /
                            (archive + "." + store.group(archive).at("nonce").get<std::string>() + ".partial");
   const std::string bytes = read_text(file), other(32, 'b');
-  const auto retire = [&] { downloads.retire(store.reference); };
   write_text(cache, store.manifest + " ");
-  expect_rows({{retire, owned + "Descriptor cache differs from its durable manifest"}}, store.dir.path());
+  refused("Descriptor cache differs from its durable manifest");
   write_text(cache, store.manifest);
   write_text(partial, "");
-  expect_rows({{retire, owned + "A completed download temporary file reappeared"}}, store.dir.path());
+  refused("A completed download temporary file reappeared");
   fs::remove(partial);
   write_text(file, bytes.substr(1));
-  expect_rows({{retire, owned + "Download ownership changed before retirement"}}, store.dir.path());
+  refused("Download ownership changed before retirement");
   write_text(file, bytes);
   store.observe(archive, store.reference, bytes.substr(1), other, true);
-  expect_rows({{retire, owned + "Download retirement lost its immutable authority"}}, store.dir.path());
+  refused("Download retirement lost its immutable authority");
   fs::remove(store.dir / "download-intents" / (other + ".json"));
   retire();
   retire();
@@ -178,16 +172,15 @@ TEST(TargetDownloads, InterruptedWritesAreExplainedAndAnythingElseIsPreserved) {
 TEST(TargetDownloads, Failures) {
   Store store;
   const std::string bytes = read_text(store.repository.repo / "targets" / archive), n1(32, '1'), n2(32, '2');
-  const json receipt = {{"schema_version", 1},
-                        {"kind", "zorvi-launcher-download"},
-                        {"nonce", n1},
-                        {"target", archive},
-                        {"temporary", archive + "." + n1 + ".partial"},
-                        {"authorization", described(bytes)},
-                        {"reference", store.reference},
-                        {"phase", "prepared"}};
-  const auto changed = [&](const json& patch) {
-    return [&, patch] { validate_target_download_receipt(receipt.patch(patch)); };
+  json receipt = R"({"schema_version": 1, "kind": "zorvi-launcher-download", "phase": "prepared"})"_json;
+  receipt.update({{"nonce", n1}, {"target", archive}, {"temporary", archive + "." + n1 + ".partial"}});
+  receipt.update({{"authorization", described(bytes)}, {"reference", store.reference}});
+  // `document` with the value at `path` replaced (or, as `op` says, added).
+  const auto edited = [](const json& document, const std::string& path, const json& value, const char* op = "replace") {
+    return document.patch(json::array({{{"op", op}, {"path", path}, {"value", value}}}));
+  };
+  const auto changed = [&](const std::string& path, const json& value, const char* op = "replace") {
+    return [=] { validate_target_download_receipt(edited(receipt, path, value, op)); };
   };
   const auto group = [&](const std::string& nonce, const json& files) {
     return [=] { parse_target_download_receipt_group(nonce, files); };
@@ -196,36 +189,33 @@ TEST(TargetDownloads, Failures) {
     return json{{"name", name}, {"text", document.dump()}};
   };
   const std::string marker_name = archive + "." + n1 + ".partial.resume.json";
-  json marker = json::parse(R"({"schema_version":1,"kind":"zorvi-target-resume","identity":[1,2],"received":0})");
-  marker.update({{"target", archive},
-                 {"temporary", archive + "." + n1 + ".partial"},
-                 {"authorization", described(bytes)},
-                 {"prefix_sha256", std::string(64, '0')},
-                 {"scope_sha256", digest(launcher_download_resume_scope(archive, store.reference), "sha256")}});
+  json marker = R"({"schema_version": 1, "kind": "zorvi-target-resume", "identity": [1, 2], "received": 0})"_json;
+  marker.update({{"target", archive}, {"temporary", archive + "." + n1 + ".partial"}});
+  marker.update({{"authorization", described(bytes)}, {"prefix_sha256", std::string(64, '0')}});
+  marker["scope_sha256"] = digest(launcher_download_resume_scope(archive, store.reference), "sha256");
   const auto resume = [&](const json& files) {
     return [&, files] { parse_target_download_resume_files(receipt, files); };
   };
-  json other_identity = marker, tmp = marker;
-  other_identity["identity"] = {1, 3};
-  const std::string tmp_name = marker_name + "." + hex32 + ".tmp";
   const auto observe = [&](const std::string& nonce, const std::string& target = archive) {
     return [&, nonce, target] { store.observe(target, store.reference, bytes, nonce, false); };
   };
+  const auto observed = [&](const char* event, const std::string& name) {
+    return [&, event, name] {
+      target_download_receipts(store.dir.path()).observer(archive, store.reference)(event, described(bytes), name);
+    };
+  };
   expect_rows(
       {
-          {changed(R"([{"op":"add","path":"/extra","value":1}])"_json),
-           owned + "Unknown target download receipt was preserved"},
-          {changed(R"([{"op":"replace","path":"/temporary","value":"launcher.tar.zst.partial"}])"_json),
-           owned + "Download temporary path differs from its owned nonce"},
-          {changed(R"([{"op":"add","path":"/authorization/hashes/md5","value":"00"}])"_json),
+          {changed("/extra", 1, "add"), owned + "Unknown target download receipt was preserved"},
+          {changed("/temporary", archive + ".partial"), owned + "Download temporary path differs from its owned nonce"},
+          {changed("/authorization/hashes/md5", "00", "add"),
            owned + "Download authorization exceeds its known bounds"},
-          {changed(R"([{"op":"replace","path":"/authorization/hashes","value":{"md5":"00"}}])"_json),
-           owned + "Unknown download hash contract was preserved"},
-          {changed(R"([{"op":"replace","path":"/reference","value":null}])"_json),
-           owned + "Archive download has no known manifest identity"},
-          {changed(json::array(
-               {{{"op", "replace"}, {"path", "/target"}, {"value", descriptor}},
-                {{"op", "replace"}, {"path", "/temporary"}, {"value", descriptor + "." + n1 + ".partial"}}})),
+          {changed("/authorization/hashes", {{"md5", "00"}}), owned + "Unknown download hash contract was preserved"},
+          {changed("/reference", nullptr), owned + "Archive download has no known manifest identity"},
+          {[&] {
+             validate_target_download_receipt(
+                 edited(edited(receipt, "/target", descriptor), "/temporary", descriptor + "." + n1 + ".partial"));
+           },
            owned + "Descriptor download must not invent an installed reference"},
           {group(n1, json::array()), owned + "Invalid frozen download receipt group"},
           {group(n1, json(65, file(n1 + ".json", receipt))), owned + "Invalid frozen download receipt group"},
@@ -234,33 +224,22 @@ TEST(TargetDownloads, Failures) {
           {group(n2, json::array({file(n2 + ".json", receipt)})),
            owned + "Download receipt filename differs from its ownership identity"},
           {group(n1, {file(n1 + ".json", receipt),
-                      file(n1 + ".json." + hex32 + ".tmp",
-                           receipt.patch(R"([{"op":"replace","path":"/authorization/length","value":1}])"_json))}),
+                      file(n1 + ".json." + hex32 + ".tmp", edited(receipt, "/authorization/length", 1))}),
            owned + "Atomic receipt writes disagree about their owned download"},
-          {resume(json::array({file(marker_name, marker), file(tmp_name, other_identity)})),
+          {resume(
+               {file(marker_name, marker), file(marker_name + "." + hex32 + ".tmp", edited(marker, "/identity/1", 3))}),
            owned + "Resume checkpoints disagree about native file ownership"},
           {resume(json::array({file(archive + "." + n2 + ".partial.resume.json", marker)})),
            owned + "Unowned resume evidence was preserved"},
-          {resume(json::array({file(
-               marker_name,
-               marker.patch(
-                   R"([{"op":"replace","path":"/scope_sha256","value":"0000000000000000000000000000000000000000000000000000000000000000"}])"_json))})),
+          {resume(json::array({file(marker_name, edited(marker, "/scope_sha256", std::string(64, '0')))})),
            owned + "Resume metadata differs from its owning receipt"},
-          {resume(
-               json::array({file(marker_name, marker.patch(R"([{"op":"replace","path":"/kind","value":"x"}])"_json))})),
+          {resume(json::array({file(marker_name, edited(marker, "/kind", "x"))})),
            owned + "Unknown resume metadata was preserved"},
           {resume(json(65, file(marker_name, marker))), "size_limit: Frozen resume evidence exceeds its bound"},
           {observe("not-a-nonce"), owned + "TUF download did not supply its exact owned staging name"},
-          {[&] {
-             target_download_receipts(store.dir.path())
-                 .observer(archive, store.reference)("resumed", described(bytes), archive + "." + n1 + ".partial");
-           },
+          {observed("resumed", archive + "." + n1 + ".partial"),
            owned + "Resume requires the unchanged prepared receipt and matching checkpoint"},
-          {[&] {
-             target_download_receipts(store.dir.path())
-                 .observer(archive, store.reference)("complete", described(bytes), "");
-           },
-           owned + "Download ownership changed before verification completed"},
+          {observed("complete", ""), owned + "Download ownership changed before verification completed"},
       },
       store.dir.path());
   observe(n1)();
