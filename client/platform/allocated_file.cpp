@@ -23,6 +23,10 @@ namespace zorvi {
 namespace {
 
 constexpr std::size_t io_piece = 65536;
+// A long file starts the write-back of each finished window while its later
+// bytes still arrive, so that its flush waits for little more than the last
+// window instead of the whole file.
+constexpr std::uint64_t writeback_window = std::uint64_t{8} << 20;
 constexpr int open_flags = O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
 
 [[noreturn]] void changed(const char* message) { throw Error("allocation_changed", message); }
@@ -42,6 +46,8 @@ bool is_space_error(int error) { return error == ENOSPC || error == EDQUOT; }
 struct AllocatedFile::Impl {
   FileReservation reservation;
   std::uint64_t written = 0;
+  // Whole write-back windows whose write-back has been started.
+  std::uint64_t written_back = 0;
   bool owned = false;
   bool identified = false;
   bool private_file = true;
@@ -251,6 +257,14 @@ void AllocatedFile::write(std::string_view bytes) {
     require(result > 0, "file_write", "Cannot advance staged file data");
     file.written += static_cast<std::uint64_t>(result);
     bytes.remove_prefix(static_cast<std::size_t>(result));
+  }
+  const std::uint64_t windows = file.written / writeback_window;
+  if (windows != file.written_back) {
+    // Only a request to start: whether the bytes reached storage is the
+    // flush's to prove and report.
+    ::sync_file_range(file.descriptor.get(), static_cast<off_t>(file.written_back * writeback_window),
+                      static_cast<off_t>((windows - file.written_back) * writeback_window), SYNC_FILE_RANGE_WRITE);
+    file.written_back = windows;
   }
 }
 
