@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,7 +32,7 @@ struct ContextFree {
 [[noreturn]] void archive_failure(const char* message) { throw Error("archive", message); }
 
 // The file, the Zstandard context and the input buffer: everything the
-// decoding thread alone touches once it runs.
+// decoding thread works on, one block at a time under the decoder's lock.
 class FrameDecoder {
  public:
   FrameDecoder(UniqueFd stream, std::uint64_t limit) : stream_(std::move(stream)), limit_(limit) {
@@ -79,9 +80,7 @@ class FrameDecoder {
     return out.pos;
   }
 
- private:
-  bool input_used_up() const { return input_position_ == input_fill_; }
-
+  // Reads the next input from the file, in place of what is left of the last.
   void fill() {
     const ssize_t count = retry_on_eintr(
         [&] { return ::pread(stream_.get(), input_.data(), input_.size(), static_cast<off_t>(read_offset_)); });
@@ -90,6 +89,9 @@ class FrameDecoder {
     input_position_ = 0;
     input_fill_ = static_cast<std::size_t>(count);
   }
+
+ private:
+  bool input_used_up() const { return input_position_ == input_fill_; }
 
   UniqueFd stream_;
   std::unique_ptr<ZSTD_DCtx, ContextFree> context_{ZSTD_createDCtx()};
@@ -111,6 +113,8 @@ struct BoundedZstd::Impl {
         }) {}
 
   FrameDecoder frame;
+  // Held by the decoding thread for each block and by `fill`.
+  std::mutex frame_mutex;
   std::string_view current;
   std::uint64_t delivered = 0;
   std::uint64_t content_end = 0;
@@ -137,6 +141,11 @@ std::size_t BoundedZstd::read() {
   if (last_nonzero != std::string_view::npos) state.content_end = state.delivered + last_nonzero + 1;
   state.delivered += state.current.size();
   return state.current.size();
+}
+
+void BoundedZstd::fill() {
+  const std::lock_guard lock(impl_->frame_mutex);
+  impl_->frame.fill();
 }
 
 std::string_view BoundedZstd::output() const { return impl_->current; }

@@ -37,6 +37,9 @@ class BoundedZstd {
   // again on every later call.
   std::size_t read();
   std::string_view output() const;
+  // Refills the decoder's input from the file, in place of what is left of
+  // the last input. The decoding thread does this itself as it goes.
+  void fill();
   // Raises a failure seen inside the tar reader's callback, then drains the
   // frame, so that anything after it is refused.
   void finish();
