@@ -7,6 +7,7 @@
 
 #include "client/domain/error.hpp"
 #include "client/domain/identifier.hpp"
+#include "client/platform/file_identity.hpp"
 #include "client/platform/unique_fd.hpp"
 
 namespace zorvi {
@@ -29,7 +30,7 @@ std::string open_digest(const DirectoryChain& chain, const struct stat& status, 
   const UniqueFd opened(::openat(chain.parent().get(), chain.name().c_str(), file_open));
   require(static_cast<bool>(opened), "file_read", "Could not open file for verification: " + path_utf8(chain.path()));
   struct stat now{};
-  if (::fstat(opened.get(), &now) != 0 || now.st_dev != status.st_dev || now.st_ino != status.st_ino) return {};
+  if (::fstat(opened.get(), &now) != 0 || !same_entry(now, status)) return {};
   return digest_open_file(opened, "sha256", inner);
 }
 
