@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <mutex>
-#include <random>
 
 #include "client/platform/process.hpp"
 #include "client/platform/process_identity.hpp"
@@ -48,27 +47,6 @@ struct Recorder {
   std::vector<std::string> events;
   ProcessNotifications notifications;
 };
-
-TEST(ProcessNotifications, SixteenChildrenEndingInRandomOrder) {
-  std::vector<std::unique_ptr<Watched>> children;
-  json identities = json::array();
-  for (int i = 0; i < 16; ++i) identities.push_back(children.emplace_back(new Watched("/bin/sleep"))->identity);
-  Recorder recorder;
-  recorder.notifications.update(identities);
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::shuffle(children.begin(), children.end(), std::mt19937(seed));
-  for (std::size_t done = 0; done < children.size(); ++done) {
-    children[done]->end();
-    ASSERT_TRUE(recorder.reaches(done + 1)) << done;
-    EXPECT_EQ(recorder.seen().size(), done + 1);
-    // The same set once more, in another order, is no change.
-    std::reverse(identities.begin(), identities.end());
-    recorder.notifications.update(identities);
-  }
-  recorder.notifications.stop();
-  EXPECT_EQ(recorder.seen(), std::vector<std::string>(16, ""));
-}
 
 TEST(ProcessNotifications, FollowsTheWantedSet) {
   Watched a("/bin/sleep"), b("/bin/sleep"), c("/bin/sleep");
