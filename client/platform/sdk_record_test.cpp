@@ -9,27 +9,15 @@
 namespace zorvi {
 namespace {
 
-// Starts the sample game as the client starts a game; the record it left and
-// what the client knows of the session.
-std::pair<json, ExpectedSdkSession> run_game(const testing::TempDir& dir) {
-  ChildProcess child(testing::binary_dir() / "sample_game", {}, dir.path(), {{"ZORVI_SAMPLE_GAME_SESSION", "s-1"}},
-                     ChildStreams::Separated, ChildEnvironment::Inherited);
-  EXPECT_EQ(child.wait(), 0);
-  const std::string text = read_file(dir / "session.json", max_sdk_record_bytes);
-  return {parse_json(text, max_sdk_record_bytes), {"s-1", "nonce", "sample-game", "1.0.0", child.pid()}};
-}
-
-// Rows change the record of a real game, which passes as it stands.
+// Rows change the record a real game left, which passes as it stands.
 TEST(SdkRecord, RealGamesAndFailureTable) {
   const testing::TempDir dir;
-  const auto [record, expected] = run_game(dir);
+  ChildProcess child(testing::binary_dir() / "sample_game", {}, dir.path(), {{"ZORVI_SAMPLE_GAME_SESSION", "s-1"}},
+                     ChildStreams::Separated, ChildEnvironment::Inherited);
+  ASSERT_EQ(child.wait(), 0);
+  const json record = parse_json(read_file(dir / "session.json", max_sdk_record_bytes), max_sdk_record_bytes);
+  const ExpectedSdkSession expected{"s-1", "nonce", "sample-game", "1.0.0", child.pid()};
   EXPECT_EQ(validate_sdk_record(record, expected, 3), record);
-  const json as_json = {{"session_id", "s-1"},
-                        {"nonce", "nonce"},
-                        {"game_id", "sample-game"},
-                        {"build_id", "1.0.0"},
-                        {"pid", expected.pid}};
-  EXPECT_EQ(validate_sdk_record(record, as_json, 3), record);
   const std::string mismatch = "invalid_session: Readiness record does not match the expected game/process/session";
   std::string longest(1009, 'a');  // the longest attachment path: 1024 bytes in 100-byte names
   for (std::size_t at = 100; at < longest.size(); at += 101) longest[at] = '/';
@@ -48,7 +36,6 @@ TEST(SdkRecord, RealGamesAndFailureTable) {
       {{{"attachments", {{{"kind", "core"}, {"path", "a"}}}}}, "invalid_session: SDK attachment is invalid"},
       {{{"attachments", {{{"kind", "video"}, {"path", longest}}}}}, "ok"},
       {{{"attachments", {{{"kind", "video"}, {"path", longest + "b"}}}}}, "invalid_session: SDK attachment is invalid"},
-      {{{"attachments", {{{"kind", "log"}, {"path", "../a"}}}}}, "unsafe_path: Path contains an unsafe component"},
       {{{"native_capture_id", "0123456789abcdef0123456789ABCDEF"}},
        "invalid_session: Native capture identity is invalid"},
       {{{"native_capture_problem", std::string(129, 'p')}},
@@ -61,8 +48,6 @@ TEST(SdkRecord, RealGamesAndFailureTable) {
     changed.merge_patch(patch);
     EXPECT_EQ(testing::outcome([&] { validate_sdk_record(changed, expected, 3); }), result) << patch.dump();
   }
-  // The same session written by another process: told apart by its pid alone.
-  EXPECT_EQ(testing::outcome([&] { validate_sdk_record(run_game(dir).first, expected, 0); }), mismatch);
 }
 
 }  // namespace
