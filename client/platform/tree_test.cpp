@@ -38,6 +38,11 @@ TEST(ManagedTree, CountsRemovesAndRetiresPlainTrees) {
   retire_snapshot_files(retired, dir / "whole", [&] { ++calls; });
   remove_plain_tree(dir / "tree");
   remove_plain_tree(dir / "tree");
+  plain_tree(dir / "exited");
+  native_files::remove_after_exit(dir / "exited");
+  testing::write_text(dir / "new", "new");
+  native_files::rename_replace(dir / "new", dir / "whole");  // the retired root is gone by now
+  native_files::remove_or_trash(dir / "whole", dir / "trash");
   EXPECT_EQ(testing::modes(dir.path()),
             "./version 755\n./version/data 755\n./version/data/a 755\n./version/data/a/saved-game 644\n");
   EXPECT_EQ(calls, 11);
@@ -71,6 +76,10 @@ TEST(ManagedTree, FailureTable) {
            {[&] { tree_bytes(dir / "piped", 100); }, unsafe + "Tree contains a link or special file"},
            {[&] { remove_plain_tree(dir / "linked"); }, unsafe + "Managed path contains a symbolic link"},
            {[&] { remove_plain_tree(dir / "file"); }, unsafe + "Tree cleanup requires an ordinary directory"},
+           {[&] { native_files::rename_replace(dir / "new", dir / "file"); },
+            "file_write: Cannot move " + (dir / "new").string() + " into place"},
+           {[&] { native_files::remove_or_trash(dir / "linked", dir / "trash"); },
+            "file_remove: Cannot remove " + (dir / "linked").string()},
            {[&] { retire_snapshot_files(retired, dir / "changed", {}); },
             unsafe + "A managed snapshot path became a link or special file; it was preserved"},
            {[&] { validate_snapshot_retirement(retired, dir / "file"); },
@@ -83,22 +92,6 @@ TEST(ManagedTree, FailureTable) {
   EXPECT_EQ(testing::outcome([&] { retire_snapshot_files(retired, root, fifo_at_b); }),
             unsafe + "Changed managed paths were preserved");
   EXPECT_EQ(fs::status(root / "data/a/b").type(), fs::file_type::fifo);
-}
-
-TEST(NativeFiles, RenameAndRemove) {
-  TempDir dir;
-  testing::write_text(dir / "new", "new");
-  testing::write_text(dir / "old", "old");
-  native_files::rename_replace(dir / "new", dir / "old");
-  EXPECT_EQ(testing::read_text(dir / "old"), "new");
-  testing::expect_error([&] { native_files::rename_replace(dir / "new", dir / "old"); }, "file_write",
-                        "Cannot move " + (dir / "new").string() + " into place");
-  native_files::remove_or_trash(dir / "old", dir / "trash");
-  plain_tree(dir / "tree");
-  testing::expect_error([&] { native_files::remove_or_trash(dir / "tree", dir / "trash"); }, "file_remove",
-                        "Cannot remove " + (dir / "tree").string());
-  native_files::remove_after_exit(dir / "tree");
-  EXPECT_TRUE(fs::is_empty(dir.path()));
 }
 
 }  // namespace
