@@ -86,12 +86,6 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
                           EnvironmentOverrides overrides = {}) {
     return [=] { replace_process(path, arguments, directory, overrides); };
   };
-  const auto as_nobody = [](std::function<void()> call) {
-    return [=] {
-      testing::drop_to_nobody();
-      call();
-    };
-  };
   const auto show = [&](const fs::path& path, const std::string& search, const char* status) {
     return [=, &dir] {
       ::setenv("PATH", search.c_str(), 1);
@@ -140,7 +134,10 @@ TEST(Process, EachRefusalHasItsCodeAndMessage) {
       {replace("/bin/true", {}, "/", {{"A=B", "x"}}), "argument_encoding: Invalid maintenance environment"},
       {replace("/bin/true", {}, "/", {{reserved, "1:3"}}),
        "process_control: Maintenance cannot inherit launcher interrupt authority"},
-      {as_nobody(replace("/bin/true", {}, dir / "locked")),
+      {[&] {
+         testing::drop_to_nobody();
+         replace_process("/bin/true", {}, dir / "locked", {});
+       },
        "process_start: Cannot enter the external maintenance runtime"},
       // A failed exec leaves this process where it was: its folder follows the message.
       {[&] {
