@@ -54,7 +54,8 @@ void write_ledger(const fs::path& root, const json& entries, int version = 1) {
 TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   DesktopHome home;
   const fs::path desk = home.dir / "Desktop";
-  for (const char* folder : {"launcher/versions/1.0", "versions", "share"}) fs::create_directories(home.dir / folder);
+  for (const char* folder : {"launcher/versions/1.0", "launcher/staging", "versions", "share"})
+    fs::create_directories(home.dir / folder);
   testing::write_text(home.dir / "versions/taken.zorvi-launch", "mine");
   testing::user_symlink(desk, home.dir / "link");
   testing::write_text(home.bootstrap.parent_path() / "other", "");
@@ -73,6 +74,7 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   const auto native = [&home](const fs::path& place) {
     return [&home, place] { create_native_shortcut(home.shortcut(""), place); };
   };
+  const std::string payloads = "shortcut_path: Launch documents must be outside managed launcher payloads";
   testing::expect_rows(
       {
           {document(desk / "star.txt"), "shortcut_path: macOS launch documents must end in .zorvi-launch"},
@@ -81,8 +83,8 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
           {document(desk / "missing/x.zorvi-launch"),
            "shortcut_path: Shortcut inputs need existing ordinary files and directories"},
           {document(home.root / "x.zorvi-launch"), "shortcut_path: Launch documents must be outside application data"},
-          {document(home.dir / "launcher/versions/1.0/x.zorvi-launch"),
-           "shortcut_path: Launch documents must be outside managed launcher payloads"},
+          {document(home.dir / "launcher/versions/1.0/x.zorvi-launch"), payloads},
+          {document(home.dir / "launcher/staging/x.zorvi-launch"), payloads},
           {document(home.dir / "versions/taken.zorvi-launch"),
            "already_exists: Launch-document destination already exists; it was preserved"},
           {document(desk / "x.zorvi-launch", home.bootstrap.parent_path() / "other"),
