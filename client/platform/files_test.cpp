@@ -58,18 +58,12 @@ TEST(Files, WritersReadersAndMovesDoTheirWork) {
 TEST(Files, FailureTable) {
   TempDir dir;
   const fs::path base = dir.path();
-  for (const char* name : {"source", "foreign", "shared-later", "root/a/nested", "root/b", "swapped"})
-    private_directory(dir / name);
-  testing::write_text(dir / "source" / "content", "tree");
-  testing::write_text(dir / "file", "0123456789");
-  fs::permissions(dir / "file", fs::perms::owner_read | fs::perms::owner_write);
-  ASSERT_EQ(::link((dir / "file").c_str(), (dir / "second").c_str()), 0);
-  testing::write_text(dir / "single", "x");
-  fs::create_directory(dir / "open");
-  ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
-  testing::user_symlink(dir / "single", dir / "link");
-  testing::user_symlink(dir / "open", dir / "linked");
-  ASSERT_EQ(::chown((dir / "foreign").c_str(), 65534, 65534), 0);
+  // Private folders and files, an open folder, a file with two names, a fifo, and links a user placed.
+  testing::shell("cd '" + base.string() +
+                 "' && umask 077 && mkdir -p source foreign shared-later root/a/nested root/b swapped && "
+                 "mkdir -m 755 open && echo tree > source/content && printf 0123456789 > file && ln file second && "
+                 "echo x > single && mkfifo fifo && ln -s \"$PWD/single\" link && ln -s \"$PWD/open\" linked && "
+                 "chown -h 65534:65534 link linked foreign");
   const auto commit = [](const fs::path& from, const fs::path& to, const VerifyCallback& verify = {}) {
     return [=] { commit_private_path_new(from, to, verify); };
   };
