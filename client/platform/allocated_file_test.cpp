@@ -131,7 +131,7 @@ TEST(AllocatedFile, FailureTable) {
       fs::rename(dir / "new", dir / "new-aside");
       testing::write_text(dir / "new", "other");
     };
-    const std::vector<std::pair<std::function<void()>, std::string>> rows = {
+    testing::expect_outcomes({
         {[&] { moved.discard(); }, changed + "Cannot discard a replaced partial file"},
         {[&] { moved.preserve(); }, changed + "Cannot preserve a replaced partial file"},
         {[&] { moved.restart(); }, changed + "Cannot restart a replaced partial file"},
@@ -156,8 +156,7 @@ TEST(AllocatedFile, FailureTable) {
         {[&] { AllocatedFile::verify_identity(replaced_cache); }, changed + "Prepared allocation identity changed"},
         {[&] { AllocatedFile::verify_identity(gone); }, unsafe + "Cannot inspect owned partial file identity"},
         {[&] { AllocatedFile::inspect_file(dir / "link"); }, unsafe + "Cannot inspect cache file identity"},
-    };
-    for (const auto& [action, expected] : rows) EXPECT_EQ(testing::outcome(action), expected) << expected;
+    });
   }
   EXPECT_EQ(testing::read_text(dir / "moved") + testing::read_text(dir / "renamed") + testing::read_text(dir / "new"),
             "stranger'sstranger'sother");

@@ -85,13 +85,11 @@ TEST(Locks, MatchPathOnlyWhileTheFileIsTheLockedOneAndARetainedLockOutlivesItsOb
 
 TEST(Locks, RefuseLockFilesTheyCannotTrustAndLeaveThem) {
   testing::TempDir dir;
-  testing::write_text(dir / "open", "");
-  fs::permissions(dir / "open", static_cast<fs::perms>(0640));
-  testing::write_text(dir / "one-byte", "x");
-  fs::permissions(dir / "one-byte", static_cast<fs::perms>(0600));
-  testing::user_symlink(dir / "open", dir / "symlink");
-  fs::create_directory(dir / "directory");
-  testing::user_symlink(dir / "directory", dir / "linked-parent");
+  // A readable lock file, a lock file with content, and a user's links to one and to a folder.
+  testing::shell("cd '" + dir.path().string() +
+                 "' && umask 027 && touch open && printf x > one-byte && chmod 600 one-byte && mkdir directory && "
+                 "ln -s \"$PWD/open\" symlink && ln -s \"$PWD/directory\" linked-parent && "
+                 "chown -h 65534:65534 symlink linked-parent");
   const auto file = [](const fs::path& path) { return [=] { FileLock lock(path, false, LockMode::exclusive); }; };
   const auto native = [](const fs::path& path, int sharing = 0) {
     return [=] { NativeFileLock lock(path, true, static_cast<NativeLockSharing>(sharing), LockMode::exclusive); };

@@ -52,19 +52,12 @@ TEST(ManagedTree, CountsRemovesAndRetiresPlainTrees) {
 TEST(ManagedTree, FailureTable) {
   TempDir dir;
   const fs::path root = dir / "version";
-  plain_tree(root);
-  testing::write_text(dir / "file", "x");
-  fs::create_directory_symlink(root, dir / "link");
-  plain_tree(dir / "linked");
-  fs::create_symlink("/etc", dir / "linked/data/a/etc");
-  plain_tree(dir / "piped");
-  ::mkfifo((dir / "piped/data/a/pipe").c_str(), 0600);
-  plain_tree(dir / "changed");
-  fs::remove(dir / "changed/data/empty");
-  fs::create_directory(dir / "changed/data/empty");
-  plain_tree(dir / "relinked");
-  fs::remove(dir / "relinked/data/empty");
-  fs::create_symlink("/etc/hostname", dir / "relinked/data/empty");
+  for (const char* name : {"version", "linked", "piped", "changed", "relinked"}) plain_tree(dir / name);
+  // Each tree but the first with one link, special file or changed entry.
+  testing::shell("cd '" + dir.path().string() +
+                 "' && echo x > file && ln -s \"$PWD/version\" link && ln -s /etc linked/data/a/etc && "
+                 "mkfifo piped/data/a/pipe && rm changed/data/empty relinked/data/empty && mkdir changed/data/empty && "
+                 "ln -s /etc/hostname relinked/data/empty");
   const auto fifo_at_b = [&] {
     fs::remove(root / "data/a/b");
     ::mkfifo((root / "data/a/b").c_str(), 0600);
