@@ -15,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 using macos_paths::directory_key;
 using macos_paths::path_key;
-using testing::outcome;
 
 std::string file_system_identity(const fs::path& path) {
   struct stat status{};
@@ -49,25 +48,18 @@ TEST(MacosPaths, GivesOneTextPerPlaceBeforeAndAfterItExistsAndRefusesWhatItCanno
   const fs::path relative = deep.relative_path();
   for (auto depth = std::distance(relative.begin(), relative.end()); depth < 256; ++depth) deep /= "d";
   const std::string linked = "unsafe_path: macOS setup ancestry is linked, unavailable or changed";
-  const std::string ordinary = "unsafe_path: macOS setup needs a bounded ordinary destination";
-  const std::string utf8 = "unsafe_path: macOS setup names must be valid UTF-8";
-  const std::pair<std::function<void()>, std::string> rows[] = {
+  testing::expect_outcomes({
       {[&] { path_key(dir / "link" / "missing"); }, linked},
-      {[&] { directory_key(later / "file"); }, linked},
-      {[&] { path_key(later / "file" / "below"); }, linked},
       {[&] { path_key(dir / "fifo"); }, linked},
-      {[] { path_key(std::string("/tmp/a\0b", 8)); }, ordinary},
-      {[] { path_key("/" + std::string(4096, 'a')); }, ordinary},
+      {[] { path_key("/" + std::string(4096, 'a')); }, "unsafe_path: macOS setup needs a bounded ordinary destination"},
       // Relative to the working directory, a path within the bound can grow beyond it.
       {[] { path_key(std::string(4095, 'a')); }, "unsafe_path: macOS setup needs a bounded absolute destination"},
       {[&] { directory_key(deep); }, "ok"},
       {[&] { directory_key(deep / "d"); }, "unsafe_path: macOS setup ancestry exceeds its bound"},
-      {[&] { directory_key(dir / "bad\xff"); }, utf8},
-      {[&] { directory_key(dir / "\xc0\xaf"); }, utf8},
+      {[&] { directory_key(dir / "bad\xff"); }, "unsafe_path: macOS setup names must be valid UTF-8"},
       {[&] { directory_key(dir / "\xf0\x9f\x8e\xae"); }, "ok"},
       {[] { directory_key("/proc/self"); }, "unsafe_path: macOS setup control storage requires a local Linux volume"},
-  };
-  for (std::size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(outcome(rows[i].first), rows[i].second) << "row " << i;
+  });
 }
 
 }  // namespace

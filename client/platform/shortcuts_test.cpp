@@ -1,6 +1,5 @@
 #include "client/platform/shortcuts.hpp"
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -40,9 +39,8 @@ struct DesktopHome {
   }
 };
 
-std::string ran_in(const fs::path& folder) {
-  EXPECT_TRUE(testing::eventually([&] { return fs::exists(folder / "ran"); }));
-  return testing::read_text(folder / "ran");
+json ledger_entry(const fs::path& path) {
+  return {{"path", path.native()}, {"game", ""}, {"name", "Z"}, {"sha256", ""}};
 }
 
 void write_ledger(const fs::path& root, const json& entries, int version = 1) {
@@ -60,8 +58,7 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   testing::user_symlink(desk, home.dir / "link");
   testing::write_text(home.bootstrap.parent_path() / "other", "");
   write_ledger(home.dir / "old", json::array(), 2);
-  write_ledger(home.dir / "bad",
-               json::array({{{"path", "relative.desktop"}, {"game", ""}, {"name", "Z"}, {"sha256", ""}}}));
+  write_ledger(home.dir / "bad", json::array({ledger_entry("relative.desktop")}));
   // The deepest parent the walk accepts, and one below it.
   fs::path deep = "/";
   for (const auto& part : home.dir.path().relative_path()) deep /= part;
@@ -129,8 +126,9 @@ TEST(Shortcuts, LedgerRemovesOnlyWhatItMadeUnchanged) {
   // The menu runs the entry's command line with every path intact.
   const auto launched = testing::run_command({"gio", "launch", game.native()});
   ASSERT_EQ(launched.status, 0) << launched.err;
-  EXPECT_EQ(ran_in(home.bootstrap.parent_path()),
-            "--data-dir\n" + home.root.native() + "\n--gui\n--game\nstar-harbor\n\n");
+  const fs::path ran = home.bootstrap.parent_path() / "ran";
+  ASSERT_TRUE(testing::eventually([&] { return fs::exists(ran); }));
+  EXPECT_EQ(testing::read_text(ran), "--data-dir\n" + home.root.native() + "\n--gui\n--game\nstar-harbor\n\n");
 
   testing::write_text(game, testing::read_text(game) + "Comment=mine\n");
   fs::remove(custom);
@@ -147,11 +145,7 @@ TEST(Shortcuts, LedgerRemovesOnlyWhatItMadeUnchanged) {
 TEST(Shortcuts, ConcurrentWritersShareTheBoundedLedger) {
   DesktopHome home;
   json fake = json::array();
-  for (int i = 0; i < 126; ++i)
-    fake.push_back({{"path", (home.dir / ("f" + std::to_string(i) + ".desktop")).native()},
-                    {"game", ""},
-                    {"name", "Z"},
-                    {"sha256", ""}});
+  for (int i = 0; i < 126; ++i) fake.push_back(ledger_entry(home.dir / ("f" + std::to_string(i) + ".desktop")));
   write_ledger(home.root, fake);
   // The menu folder exists, as on any desktop: a key of a path whose missing
   // folders another process creates meanwhile is refused, by design.
@@ -166,11 +160,7 @@ TEST(Shortcuts, ConcurrentWritersShareTheBoundedLedger) {
                 ? 0
                 : 1);
   }
-  for (pid_t pid : children) {
-    int status = -1;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
-  }
+  for (pid_t pid : children) EXPECT_EQ(testing::wait_status(pid), 0);
   EXPECT_EQ(owned_native_shortcuts(home.root).size(), 128u);
   testing::expect_error([&] { create_owned_native_shortcut(home.shortcut(""), home.dir / "new.desktop"); },
                         "size_limit", "Too many recorded shortcuts");
