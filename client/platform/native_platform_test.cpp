@@ -33,17 +33,12 @@ TEST(NativePlatform, DataRootTakesAnAbsoluteXdgDataHomeElseNeedsAnAbsoluteHome) 
 // exactly when its folder is root-owned and closed to others.
 TEST(ResolveSystemLinks, FollowsOnlySystemLinksAndAtMostSixteen) {
   testing::TempDir dir;
-  fs::permissions(dir.path(), fs::perms(0755));
-  fs::create_directories(dir / "real/inner");
-  fs::create_directory(dir / "open");
-  fs::permissions(dir / "open", fs::perms(0777));
-  fs::create_symlink(dir / "real", dir / "sys");
-  fs::create_symlink("real", dir / "relative");
-  fs::create_symlink(dir / "real", dir / "open/user");
-  testing::user_symlink(dir / "real", dir / "mine");
-  for (int i = 1; i <= 16; ++i)
-    fs::create_symlink(i == 16 ? "real" : "l" + std::to_string(i + 1), dir / ("l" + std::to_string(i)));
-  fs::create_symlink("l1", dir / "l0");
+  // System links absolute and relative, a link in a folder anyone may write, a user's own link, and a
+  // chain l0 -> l1 -> ... -> l16 -> real one link longer than the bound.
+  testing::shell("cd '" + dir.path().string() +
+                 "' && chmod 755 . && mkdir -p real/inner && mkdir -m 777 open && ln -s \"$PWD/real\" sys && "
+                 "ln -s real relative && ln -s \"$PWD/real\" open/user && ln -s \"$PWD/real\" mine && "
+                 "chown -h 65534:65534 mine && for i in $(seq 0 15); do ln -s l$((i + 1)) l$i; done && ln -s real l16");
   const std::pair<fs::path, fs::path> rows[] = {
       {dir / "sys/inner", dir / "real/inner"},
       {dir / "relative/inner", dir / "real/inner"},
