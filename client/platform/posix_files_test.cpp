@@ -55,19 +55,16 @@ TEST(PrivateDirectory, CreatesAMissingChainPrivateAndNarrowsTheLastComponent) {
 // was: it may be someone's on purpose.
 TEST(PrivateStorage, FailureTable) {
   TempDir dir;
-  const auto entry = [&](const std::string& name, int mode, bool directory = false) {
-    if (directory) fs::create_directory(dir / name);
-    else testing::write_text(dir / name, "x");
-    fs::permissions(dir / name, static_cast<fs::perms>(mode));
-    return dir / name;
-  };
-  const fs::path good = entry("good", 0600), foreign = entry("foreign", 0700, true),
-                 user_rule = entry("user-rule", 0600), inheriting = entry("inheriting", 0700, true),
-                 open_directory = entry("open", 0750, true);
-  ASSERT_EQ(::chown(foreign.c_str(), 65534, 65534), 0);
-  shell("setfacl -n -m u:65534:r " + user_rule.string() + " && setfacl -d -m u::rwx,g::-,o::- " + inheriting.string());
-  testing::user_symlink(good, dir / "symlink");
-  testing::user_symlink(open_directory, dir / "user");
+  // Private and open files and folders, a stranger's folder, rules granting another user or inherited by new
+  // entries, a user's links, and a folder of our own that grants another user reading.
+  testing::shell("cd '" + dir.path().string() +
+                 "' && umask 077 && echo x > good && echo x > user-rule && install -m 640 /dev/null group && "
+                 "mkdir foreign inheriting && mkdir -m 750 open shared && chown 65534:65534 foreign && "
+                 "setfacl -n -m u:65534:r user-rule && setfacl -d -m u::rwx,g::-,o::- inheriting && "
+                 "setfacl -m u:65534:r shared && ln -s \"$PWD/good\" symlink && ln -s \"$PWD/open\" user && "
+                 "chown -h 65534:65534 symlink user");
+  const fs::path good = dir / "good", foreign = dir / "foreign", inheriting = dir / "inheriting",
+                 shared = dir / "shared";
   std::string deep = dir.path().string();  // the temporary folder's two components and 126 more: the deepest allowed
   for (int index = 0; index < 126; ++index) deep += "/d";
   const auto file = [](const fs::path& path) { return [=] { posix_files::require_private_path(path, false); }; };
@@ -78,11 +75,11 @@ TEST(PrivateStorage, FailureTable) {
                     dotdot = (dir / "a" / ".." / "b").string();
   testing::expect_rows(
       {{file(good), "ok"},
-       {file(entry("group", 0640)), not_private},
-       {file(user_rule), grants},
+       {file(dir / "group"), not_private},
+       {file(dir / "user-rule"), grants},
        {file("relative"), "unsafe_path: macOS private storage needs a bounded absolute path"},
        {file(dir / "symlink"), "permissions: Cannot open ordinary macOS private storage"},
-       {[=] { posix_files::require_private_path(open_directory, true); }, not_private},
+       {[=] { posix_files::require_private_path(dir / "open", true); }, not_private},
        {existing(foreign), not_private},
        {existing(inheriting), grants},
        {existing(dir / "user" / "other"), "unsafe_path: macOS directory ancestry is missing or linked"},
@@ -103,8 +100,6 @@ TEST(PrivateStorage, FailureTable) {
 
   // A directory of the user's own that is merely open is narrowed first,
   // which narrows the rule's mask too; the rule itself stays.
-  const fs::path shared = entry("shared", 0750, true);
-  shell("setfacl -m u:65534:r " + shared.string());
   EXPECT_EQ(testing::outcome([&] { private_directory(shared); }), grants);
   EXPECT_NE(extended_acl(shared).find("user:65534:r--"), std::string::npos);
   EXPECT_EQ(fs::status(shared).permissions(), fs::perms::owner_all);
