@@ -73,9 +73,9 @@ TEST(ConsoleInterrupt, AttachesOnlyAnInheritedReadPipeAndAnswersWhatTheParentSen
     UniqueFd writer(ends[1]);
     const int reader = ends[0];  // adopted by the console interrupt
     const auto console = attached("1:" + std::to_string(reader));
-    ASSERT_TRUE(ConsoleInterrupt::parent_reader_attached());
-    EXPECT_NE(::fcntl(reader, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_FALSE(console->requested());
+    // Attached, kept from further children, and nothing asked yet.
+    ASSERT_EQ(std::tuple(ConsoleInterrupt::parent_reader_attached(), ::fcntl(reader, F_GETFD), console->requested()),
+              std::tuple(true, FD_CLOEXEC, false));
     const auto byte = static_cast<unsigned char>(act == "request" ? 1 : 2);
     if (act == "parent gone") writer.reset();
     // A directory where the reader was: reading it fails outright.
@@ -88,9 +88,9 @@ TEST(ConsoleInterrupt, AttachesOnlyAnInheritedReadPipeAndAnswersWhatTheParentSen
     EXPECT_EQ(answer(), expected) << act;
     if (!expected.ends_with("requested")) continue;
     // The answer stands: an answered or abandoned channel is closed.
-    EXPECT_EQ(answer(), expected) << act;
-    EXPECT_EQ(::fcntl(reader, F_GETFD), -1) << act;
-    EXPECT_EQ(ConsoleInterrupt::parent_reader_attached(), act == "request") << act;
+    EXPECT_EQ(std::tuple(answer(), ::fcntl(reader, F_GETFD), ConsoleInterrupt::parent_reader_attached()),
+              std::tuple(expected, -1, act == "request"))
+        << act;
   }
 }
 

@@ -12,7 +12,6 @@
 namespace zorvi {
 namespace {
 
-using testing::outcome;
 
 ChildProcess linger() {
   return ChildProcess("/bin/sleep", {"60"}, "/", {}, ChildStreams::Separated, ChildEnvironment::Clean);
@@ -38,7 +37,7 @@ TEST(NativeProcessIdentity, CapturedValidatedAndJudged) {
   const std::string shape = "process_identity: Native process identity is malformed";
   const std::string birth = "process_identity: Native creation identity is malformed";
   const std::string unreadable = "process_identity: Cannot read native process identity";
-  const std::pair<std::function<void()>, std::string> rows[] = {
+  testing::expect_outcomes({
       {capture(2147483648ULL), "process_identity: Native PID is invalid"},
       {capture(zombie.pid()), unreadable},
       {capture(reaped.pid()), unreadable},
@@ -49,8 +48,7 @@ TEST(NativeProcessIdentity, CapturedValidatedAndJudged) {
       {validate(with(self, "birth", "012")), birth},
       {validate(with(self, "birth", "18446744073709551616")), birth},
       {validate(with(self, "birth", "18446744073709551615")), "ok"},
-  };
-  for (const auto& [call, expected] : rows) EXPECT_EQ(outcome(call), expected) << &call - &rows[0].first;
+  });
 
   std::string other_boot = self["boot"];
   other_boot[0] = other_boot[0] == 'a' ? 'b' : 'a';
@@ -67,10 +65,11 @@ TEST(NativeProcessIdentity, CapturedValidatedAndJudged) {
       {with(self, "pid", nullptr), NativeProcessState::Unknown},
   };
   for (const auto& [identity, expected] : states) {
-    EXPECT_EQ(native_process_state(identity), expected) << identity.dump();
+    // The state as judged, as first observed, and whether there is anything left to watch.
     NativeProcessObserver observer(identity);
-    EXPECT_EQ(observer.wait(0), expected) << identity.dump();
-    EXPECT_EQ(observer.notification_handle().has_value(), expected == NativeProcessState::Running) << identity.dump();
+    EXPECT_EQ(std::tuple(native_process_state(identity), observer.wait(0), observer.notification_handle().has_value()),
+              std::tuple(expected, expected, expected == NativeProcessState::Running))
+        << identity.dump();
   }
 }
 

@@ -11,6 +11,7 @@
 
 #include "client/domain/json.hpp"
 #include "client/platform/interrupt.hpp"
+#include "tests/support/files_support.hpp"
 #include "tests/support/process_support.hpp"
 #include "tests/support/test_support.hpp"
 
@@ -61,12 +62,9 @@ std::vector<std::string> entries_named(const json& environment, const std::strin
 
 TEST(Process, EachRefusalHasItsCodeAndMessage) {
   testing::TempDir dir;
-  fs::permissions(dir.path(), fs::perms(0755));
-  fs::create_directories(dir / "locked/bin");
-  fs::permissions(dir / "locked", fs::perms(0700));
-  fs::create_symlink("/bin/true", dir / "image-link");
-  fs::create_directory_symlink("/", dir / "directory-link");
-  testing::write_text(dir / "no-execute", "#!/bin/sh\n");
+  // A folder closed to others, links to an image and to a folder, and a script that may not run.
+  testing::shell("cd '" + dir.path().string() + "' && chmod 755 . && mkdir -m 700 locked && mkdir locked/bin && " +
+                 "ln -s /bin/true image-link && ln -s / directory-link && echo '#!/bin/sh' > no-execute");
   // A directory opener that records what it was asked to show and where its output went.
   testing::write_text(dir / "locked/bin/xdg-open",
                       "#!/bin/sh\n[ -z \"$ZORVI_OPENER_STATUS\" ] || exit 3\necho \"$@\" "

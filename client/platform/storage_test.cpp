@@ -17,9 +17,9 @@ namespace {
 
 constexpr std::uint64_t unit = 4096, mib16 = 16777216, max = std::numeric_limits<std::uint64_t>::max();
 
-SnapshotManifest manifest_of(const std::vector<std::pair<std::string, std::uint64_t>>& files,
-                             std::uint64_t archive_length = 10000) {
-  return testing::manifest_of_lengths(files, archive_length);
+// Every snapshot here has a 10000-byte archive.
+SnapshotManifest manifest_of(const std::vector<std::pair<std::string, std::uint64_t>>& files) {
+  return testing::manifest_of_lengths(files, 10000);
 }
 
 StorageVolume volume_of(std::uint64_t capacity, std::uint64_t available, std::optional<std::uint64_t> inodes = {},
