@@ -113,20 +113,19 @@ TEST(Files, FailureTable) {
 
   // What a verifier looked at must still be what moves: a change meanwhile stops the move.
   const auto share = [&] { testing::shell("setfacl -n -m u:65534:rx " + (dir / "shared-later").string()); };
-  const auto replace_b = [&] {
-    fs::rename(b, dir / "root" / "elsewhere");
-    private_directory(b);
+  // A new private folder takes the name, the one looked at moves aside.
+  const auto replaced = [](const fs::path& path, const fs::path& aside) {
+    return [=] {
+      fs::rename(path, aside);
+      private_directory(path);
+    };
   };
-  const auto swap = [&] {
-    fs::rename(dir / "swapped", dir / "swapped-aside");
-    private_directory(dir / "swapped");
-  };
-  const std::string changed = "native_install_commit: Source identity changed during verification";
-  testing::expect_rows({{commit(dir / "swapped", dir / "new", swap), changed},
+  testing::expect_rows({{commit(dir / "swapped", dir / "new", replaced(dir / "swapped", dir / "swapped-aside")),
+                         "native_install_commit: Source identity changed during verification"},
                         {commit(dir / "shared-later", dir / "new", share),
                          "permissions: Existing macOS storage grants another identity access; preserve it"}},
                        dir / "new");
-  EXPECT_EQ(outcome(exchange(a, b, replace_b)),
+  EXPECT_EQ(outcome(exchange(a, b, replaced(b, dir / "root" / "elsewhere"))),
             "native_install_commit: Directory exchange identities changed during verification");
   EXPECT_TRUE(fs::exists(dir / "root" / "elsewhere") && fs::exists(a));
 }

@@ -178,9 +178,7 @@ TEST(ChildProcess, NothingRunsBeforeActivationAndAFailedStartLeavesNoChild) {
        "process_start: Cannot activate the prepared game"},
   };
   for (const auto& [image, on_spawn, expected] : rows) {
-    Launch launch = shell("echo touched > " + marker.string());
-    launch.path = image;
-    launch.directory = dir.path();
+    Launch launch{.path = image, .arguments = {"-c", "echo touched > " + marker.string()}, .directory = dir.path()};
     std::uint64_t seen = 0;
     launch.on_spawn = [&](std::uint64_t pid) {
       seen = pid;
@@ -317,9 +315,7 @@ TEST(ChildProcess, ExitCodesStickTerminationEscalatesAndTheInterruptPipeReachesA
   // The destructor neither signals nor waits: the child runs on, reads end
   // of file and leaves without having been asked.
   const auto pid = static_cast<pid_t>(interruptible.start().pid());
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
+  EXPECT_EQ(testing::wait_status(pid), 3);
 }
 
 // The probe sets a loader and an interrupt variable, then becomes its own
