@@ -74,7 +74,7 @@ TEST(ConsoleInterrupt, AttachesOnlyAnInheritedReadPipeAndAnswersWhatTheParentSen
     const int reader = ends[0];  // adopted by the console interrupt
     const auto console = attached("1:" + std::to_string(reader));
     // Attached, kept from further children, and nothing asked yet.
-    ASSERT_EQ(std::tuple(ConsoleInterrupt::parent_reader_attached(), ::fcntl(reader, F_GETFD), console->requested()),
+    ASSERT_EQ((std::tuple{ConsoleInterrupt::parent_reader_attached(), ::fcntl(reader, F_GETFD), console->requested()}),
               std::tuple(true, FD_CLOEXEC, false));
     const auto byte = static_cast<unsigned char>(act == "request" ? 1 : 2);
     if (act == "parent gone") writer.reset();
@@ -88,7 +88,7 @@ TEST(ConsoleInterrupt, AttachesOnlyAnInheritedReadPipeAndAnswersWhatTheParentSen
     EXPECT_EQ(answer(), expected) << act;
     if (!expected.ends_with("requested")) continue;
     // The answer stands: an answered or abandoned channel is closed.
-    EXPECT_EQ(std::tuple(answer(), ::fcntl(reader, F_GETFD), ConsoleInterrupt::parent_reader_attached()),
+    EXPECT_EQ((std::tuple{answer(), ::fcntl(reader, F_GETFD), ConsoleInterrupt::parent_reader_attached()}),
               std::tuple(expected, -1, act == "request"))
         << act;
   }

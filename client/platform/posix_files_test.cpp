@@ -35,9 +35,9 @@ std::string extended_acl(const fs::path& path) {
 // and a rule that grants nobody else anything is taken off with it.
 TEST(PrivateDirectory, CreatesAMissingChainPrivateAndNarrowsTheLastComponent) {
   TempDir dir;
-  for (const char* name : {"open", "owner-rule"}) fs::create_directory(dir / name);
-  shell("chmod 755 " + (dir / "open").string() + " && setfacl -m u:0:rwx " + (dir / "owner-rule").string());
-  fs::create_directory_symlink(dir / "open", dir / "system");  // root's link in root's folder
+  // An open folder, a rule granting only the owner, and root's link in root's folder.
+  shell("cd '" + dir.path().string() +
+        "' && mkdir open owner-rule && chmod 755 open && setfacl -m u:0:rwx owner-rule && ln -s \"$PWD/open\" system");
   private_directory(dir / "open" / "a" / "b");
   private_directory(dir / "system" / "a" / "b" / "c");
   private_directory_new(dir / "open" / "staging");
@@ -107,9 +107,7 @@ TEST(PrivateStorage, FailureTable) {
 
 TEST(PrivateStorage, NewEntriesDropInheritedRulesAndKeepStrangersOut) {
   TempDir dir;
-  fs::permissions(dir.path(), static_cast<fs::perms>(0755));
-  fs::create_directory(dir / "shared");
-  shell("setfacl -d -m u:65534:rwx " + (dir / "shared").string());
+  shell("cd '" + dir.path().string() + "' && chmod 755 . && mkdir shared && setfacl -d -m u:65534:rwx shared");
   private_directory(dir / "shared" / "new" / "leaf");
   const fs::path fresh = dir / "shared" / "fresh";
   const UniqueFd file(::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));

@@ -12,7 +12,6 @@
 namespace zorvi {
 namespace {
 
-
 ChildProcess linger() {
   return ChildProcess("/bin/sleep", {"60"}, "/", {}, ChildStreams::Separated, ChildEnvironment::Clean);
 }
@@ -67,8 +66,9 @@ TEST(NativeProcessIdentity, CapturedValidatedAndJudged) {
   for (const auto& [identity, expected] : states) {
     // The state as judged, as first observed, and whether there is anything left to watch.
     NativeProcessObserver observer(identity);
-    EXPECT_EQ(std::tuple(native_process_state(identity), observer.wait(0), observer.notification_handle().has_value()),
-              std::tuple(expected, expected, expected == NativeProcessState::Running))
+    EXPECT_EQ(
+        (std::tuple{native_process_state(identity), observer.wait(0), observer.notification_handle().has_value()}),
+        std::tuple(expected, expected, expected == NativeProcessState::Running))
         << identity.dump();
   }
 }

@@ -187,7 +187,7 @@ TEST(ChildProcess, NothingRunsBeforeActivationAndAFailedStartLeavesNoChild) {
     };
     // The outcome, whether a child was made, whether one was left behind, whether it ran.
     const std::string result = ended(launch);
-    EXPECT_EQ(std::tuple(result, seen != 0, testing::pid_exists(static_cast<long>(seen)), fs::remove(marker)),
+    EXPECT_EQ((std::tuple{result, seen != 0, testing::pid_exists(static_cast<long>(seen)), fs::remove(marker)}),
               std::tuple(expected, true, false, expected == "0"));
   }
   EXPECT_EQ(testing::caught([&] { Launch{.path = dir / "no-execute"}.start(); }).details,
