@@ -23,12 +23,6 @@ namespace fs = std::filesystem;
 using testing::expect_error;
 using testing::TempDir;
 
-struct stat status_of(const fs::path& path) {
-  struct stat status{};
-  EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-  return status;
-}
-
 const ReservationObserver none;
 
 // Puts a different private file at the path while the original stays open.
@@ -46,7 +40,8 @@ TEST(AllocatedFile, RecordedBeforeSpaceFinishedDurablyAndReopenedOnlyWhenTheSame
     seen = reservation;
     EXPECT_EQ(fs::file_size(path), 0u);  // nothing is claimed yet
   });
-  const struct stat status = status_of(path);
+  struct stat status{};
+  ASSERT_EQ(::lstat(path.c_str(), &status), 0);
   EXPECT_EQ(std::tuple(seen->path, seen->length, seen->device, seen->inode, seen->preallocated, status.st_mode & 07777),
             std::tuple(path, 10u, static_cast<std::uint64_t>(status.st_dev), status.st_ino, false, 0600u));
   EXPECT_TRUE(file.reservation().preallocated && file.allocated_bytes() >= 10 && status.st_size == 10);
@@ -58,7 +53,8 @@ TEST(AllocatedFile, RecordedBeforeSpaceFinishedDurablyAndReopenedOnlyWhenTheSame
   expect_error([&] { file.write("!"); }, "size_limit", "Write exceeds the authenticated file length");
   file.set_executable(true);
   file.finish(true);
-  EXPECT_EQ(testing::read_text(path) + std::to_string(status_of(path).st_mode & 07777), "helloworld448");  // 0700
+  EXPECT_EQ(testing::read_text(path) + std::to_string(static_cast<int>(fs::status(path).permissions())),
+            "helloworld448");  // 0700
 
   AllocatedFile(dir / "abandoned", 4, none);
   AllocatedFile(dir / "discarded", 4, none).discard();
