@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <functional>
 #include <random>
@@ -77,10 +76,14 @@ struct Packed {
   void verify() { verify_snapshot_tree(manifest, staging, Progress()); }
 };
 
-TEST(SnapshotExtraction, ExtractsWhatRealToolsPackedAndVerifies) {
+// Into a tree reserved beforehand, as an installation does; every other
+// test extracts into a fresh staging directory.
+TEST(SnapshotExtraction, FillsAReservedTreeWithWhatRealToolsPackedAndVerifies) {
   Packed packed(sample_files(), "-19 -T2");
+  const ReservedTree tree(packed.manifest, packed.staging, Progress(), RootObserver());
   std::uint64_t last = 0;
-  packed.extract([&](std::uint64_t done, std::uint64_t total) { return (last = done) <= total; });
+  const Progress progress = [&](std::uint64_t done, std::uint64_t total) { return (last = done) <= total; };
+  extract_snapshot(packed.manifest, packed.archive, packed.staging, progress, &tree);
   EXPECT_EQ(last, packed.manifest.expanded_length);
   for (const TreeFile& file : sample_files()) {
     EXPECT_EQ(testing::read_text(packed.staging / file.path), file.content) << file.path;
@@ -88,16 +91,6 @@ TEST(SnapshotExtraction, ExtractsWhatRealToolsPackedAndVerifies) {
   }
   EXPECT_EQ(mode_of(packed.staging / "data/levels"), 0700u);
   EXPECT_NO_THROW(packed.verify());
-}
-
-TEST(SnapshotExtraction, FillsAReservedTreeOfItsOwnSnapshotOnly) {
-  Packed packed(sample_files());
-  const ReservedTree tree(packed.manifest, packed.staging, Progress(), RootObserver());
-  extract_snapshot(packed.manifest, packed.archive, packed.staging, Progress(), &tree);
-  EXPECT_NO_THROW(packed.verify());
-  Packed other(one_game);
-  expect_error([&] { extract_snapshot(other.manifest, other.archive, packed.staging, Progress(), &tree); },
-               "allocation_changed", "Prepared tree differs from the requested snapshot");
 }
 
 // Directories are held open between files; one exchanged for a link after
@@ -157,12 +150,12 @@ Action shell(const std::string& script) {
   };
 }
 // The same with a tar crafted by Python's tarfile.
-Action crafted(const json& entries, const Progress& progress = Progress()) {
-  return [entries, progress](Packed& p) {
+Action crafted(const json& entries) {
+  return [entries](Packed& p) {
     testing::craft_tar(p.dir / "crafted.tar", entries);
     testing::compress(p.dir / "crafted.tar", p.archive);
     p.manifest = testing::parsed_manifest(p.tree, p.archive);
-    p.extract(progress);
+    p.extract();
   };
 }
 json file_entry(const std::string& name, const std::string& content, int mode = 0644) {
@@ -188,21 +181,16 @@ std::vector<std::string> outside_staging(const fs::path& out) {
   return found;
 }
 
+// One row per refusal the extraction or the verification makes itself.
 TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
   const json game = file_entry("bin/game", "#!/bin/sh\n", 0755);
-  const json changed_game = file_entry("bin/game", "#!/bin/sX\n", 0755);
   const std::string changed = "content_mismatch: Extracted file hash differs from manifest";
   const std::string tar_game = "tar --format=gnu -C tree -cf - bin/game";
   const std::string skippable = "printf '\\120\\52\\115\\030\\004\\000\\000\\000abcd'";
   const std::string behind_tar = "archive: Snapshot carries data after the end of its tar archive";
-  const std::string trailing = "archive: Trailing or concatenated Zstandard frames are forbidden";
   const std::string ordinary = "archive_type: Only ordinary files are accepted in snapshots";
   const std::string unexpected = "archive_inventory: Archive contains an unexpected or duplicate file";
-  const std::string shape = "archive_inventory: Archive file length or mode differs from manifest";
-  const std::string incomplete = "archive: Snapshot is incomplete or malformed";
   const std::string unverified = "content_mismatch: Snapshot differs from its verified application manifest";
-  const std::string root = "unsafe_path: Game content directory is missing or linked";
-  const std::string cancelled = "cancelled: Operation cancelled at a safe boundary";
   struct Row {
     const char* name;
     std::vector<TreeFile> listed;
@@ -216,12 +204,11 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
       {"zero padding behind the tar", ten_files(), shell(tar_of_ten + "; }" + zstd), "ok"},
       {"byte behind the tar, decoded only by the drain", ten_files(), shell(tar_of_ten + " && printf x; }" + zstd),
        behind_tar},
-      {"second tar in the frame", one_game, shell("{ " + tar_game + " -b 1; " + tar_game + " -b 1; }" + zstd),
-       behind_tar},
-      {"second frame behind a large tar", sample_files(), shell("echo more | zstd -q -c >> \"$1\""), trailing},
-      {"skippable frame after", one_game, shell(tar_game + zstd + " && " + skippable + " >> \"$1\""), trailing},
+      {"skippable frame after", one_game, shell(tar_game + zstd + " && " + skippable + " >> \"$1\""),
+       "archive: Trailing or concatenated Zstandard frames are forbidden"},
       {"skippable frame first", one_game, shell(skippable + " > \"$1\" && " + tar_game + " | zstd -q -c >> \"$1\""),
        "archive: Snapshot must contain exactly one ordinary Zstandard frame"},
+      // The decoder's own bound has its test below; this row proves extraction sets one.
       {"decompression bomb", one_game,
        shell("mkdir -p bomb/bin && truncate -s 256M bomb/bin/game && tar -C bomb -cf - bin/game" + zstd),
        "size_limit: Decoded tar stream exceeds authenticated expansion bounds"},
@@ -233,40 +220,27 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
        {{"bin/game", std::string(3000, 'g'), true}},
        shell(tar_game + " | head -c 2000" + zstd),
        "archive: Snapshot decompression failed"},
-      {"tar cut short", game_and_data, shell(tar_game + " data/a | head -c 1024" + zstd), incomplete},
       {"not a tar", one_game, shell("head -c 3000 /dev/urandom" + zstd), "archive: Cannot open snapshot archive"},
       {"directory entry", one_game, crafted({{{"name", "bin"}, {"type", "dir"}}, game}),
        "unsafe_path: Trailing path separator is not allowed"},
       {"symbolic link", one_game, crafted({{{"name", "bin/game"}, {"type", "symlink"}, {"link", "/bin/sh"}}}),
        ordinary},
+      // A hard link is a regular entry to libarchive: only its link name gives it away.
       {"hard link", game_and_data, crafted({game, {{"name", "data/a"}, {"type", "hardlink"}, {"link", "bin/game"}}}),
        ordinary},
-      {"sparse file",
-       {{"bin/game", std::string(1 << 20, '\0') + "x", true}},
-       shell("mkdir -p sparse/bin && truncate -s 1M sparse/bin/game && printf x >> sparse/bin/game && chmod 755 "
-             "sparse/bin/game && tar --format=gnu --sparse -C sparse -cf - bin/game" +
-             zstd),
-       ordinary},
-      {"extended attributes", one_game,
-       crafted({{{"name", "bin/game"}, {"content", "#!/bin/sh\n"}, {"mode", 0755}, {"xattr", true}}}), ordinary},
       {"parent step", one_game, crafted({game, file_entry("../x", "escape")}),
        "unsafe_path: Path contains an unsafe component"},
       {"not UTF-8", one_game, crafted({{{"raw_name_hex", "6361668e"}, {"content", "x"}}, game}),
        "archive_path: Archive path is not valid UTF-8"},
       {"duplicate entry", one_game, crafted({game, game}), unexpected},
-      {"unlisted file", one_game, crafted({game, file_entry("data/extra", "x")}), unexpected},
-      {"mode 0640", game_and_data, crafted({game, file_entry("data/a", "alpha", 0640)}), shape},
-      {"longer file", game_and_data, crafted({game, file_entry("data/a", "alphabet")}), shape},
+      {"longer file", game_and_data, crafted({game, file_entry("data/a", "alphabet")}),
+       "archive_inventory: Archive file length or mode differs from manifest"},
       {"changed content", game_and_data, crafted({game, file_entry("data/a", "ALPHA")}), changed},
       // A file is flushed and hashed while later entries are read; its
       // failure still comes before whatever a later entry raises.
-      {"changed file, then an unlisted one", one_game, crafted({changed_game, file_entry("data/extra", "x")}), changed},
-      {"changed file, then cancelled", game_and_data,
-       crafted({changed_game, file_entry("data/a", "alpha")}, [calls = 0](auto, auto) mutable { return ++calls < 3; }),
-       changed},
-      {"changed file, then the tar ends", game_and_data, crafted(json::array({changed_game})), changed},
-      {"missing file", game_and_data, crafted(json::array({game})), incomplete},
-      {"wrong length", one_game, [](Packed& p) { ++p.manifest.archive_length, p.extract(); }, unverified},
+      {"changed file, then an unlisted one", one_game,
+       crafted({file_entry("bin/game", "#!/bin/sX\n", 0755), file_entry("data/extra", "x")}), changed},
+      {"missing file", game_and_data, crafted(json::array({game})), "archive: Snapshot is incomplete or malformed"},
       {"wrong digest", one_game, [](Packed& p) { p.manifest.archive_sha256 = std::string(64, '0'), p.extract(); },
        unverified},
       {"archive is a link", one_game,
@@ -275,29 +249,23 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
       {"staging exists", one_game, [](Packed& p) { fs::create_directory(p.staging), p.extract(); },
        "staging_exists: A fresh staging directory is required"},
       {"cancelled at the third report", sample_files(),
-       [](Packed& p) { p.extract([calls = 0](auto, auto) mutable { return ++calls < 3; }); }, cancelled},
-      {"cancelled inside a digest", sample_files(),
-       [](Packed& p) { p.extract(), verify_snapshot_tree(p.manifest, p.staging, stops_inside_one_pak); }, cancelled},
+       [](Packed& p) { p.extract([calls = 0](auto, auto) mutable { return ++calls < 3; }); },
+       "cancelled: Operation cancelled at a safe boundary"},
       {"decoder of a folder", one_game, [](Packed& p) { BoundedZstd(p.dir.path(), 10); },
        "archive: Snapshot read failed"},
       {"foreign fifo", game_and_data, damaged([](auto& r) { ::mkfifo((r / "bin/fifo").c_str(), 0600); }),
        "unexpected_file: Game tree contains an unmanaged file"},
       {"foreign unsafe name", game_and_data, damaged([](auto& r) { testing::write_text(r / "a:b", "x"); }),
        "unsafe_path: Path contains an unsafe component"},
-      {"link in the tree", game_and_data, damaged([](auto& r) { fs::create_symlink("/etc/passwd", r / "data/l"); }),
-       "unsafe_path: Game tree contains a symbolic link"},
       {"file removed", game_and_data, damaged([](auto& r) { fs::remove(r / "data/a"); }),
        "missing_file: Game content is incomplete; repair is available"},
-      {"changed bytes", game_and_data, damaged([](auto& r) { testing::write_text(r / "data/a", "alphA"); }),
-       "content_mismatch: Game content differs from the verified manifest: data/a"},
       {"execute bit lost", game_and_data, damaged([](auto& r) { remove_exec(r / "bin/game"); }),
        "content_mode: Game executable permission is missing"},
       {"root is a link", game_and_data, damaged([](auto& r) {
          fs::rename(r, r.parent_path().parent_path() / "real"),
              fs::create_symlink(r.parent_path().parent_path() / "real", r);
        }),
-       root},
-      {"root missing", game_and_data, damaged([](auto& r) { fs::remove_all(r); }), root},
+       "unsafe_path: Game content directory is missing or linked"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -308,29 +276,23 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
   }
 }
 
-// On small file systems mounted where nobody else sees them. The big file
+// On a small file system mounted where nobody else sees it. The big file
 // comes first in the tar, so a refusal there means no file data at all
-// reached the volume.
+// reached the volume; the allocation itself has its tests beside its code.
 TEST(SnapshotExtractionSpace, SpaceIsClaimedBeforeTheFirstByte) {
   Packed packed({{"a/big.bin", std::string(2 << 20, 'q')}, {"bin/game", "#!/bin/sh\n", true}, {"z", "last"}});
   testing::write_text(packed.dir / "manifest.json", packed.manifest.document.dump());
-  const std::string refused =
-      "error insufficient_space: Cannot reserve file data; free space or choose other game storage\n";
-  const std::vector<std::array<std::string, 3>> rows{
-      {"-t tmpfs -o size=1m tmpfs", "", refused + "files=0 used=0"},
-      {"-t tmpfs -o size=1m tmpfs", "--reserve", refused + "files=0 used=0"},
-      {"-t tmpfs -o size=4m tmpfs", "", "ok\nfiles=3 used=2105344"},  // 2 MiB and a page for each small file
-      {"-t ramfs ramfs", "", "ok\nfiles=3 used=0"},                   // ramfs cannot reserve, and counts nothing
-  };
   const std::string mount = (packed.dir / "mnt").string();
   fs::create_directory(mount);
-  for (const auto& [file_system, options, expected] : rows) {
-    const auto result = testing::run_in_private_mounts(
-        "mount " + file_system + " '" + mount + "' && \"$TOOL\" extract '" + (packed.dir / "manifest.json").string() +
-        "' '" + packed.archive.string() + "' '" + mount + "/staging' " + options + "; echo files=$(find '" + mount +
-        "' -type f | wc -l) used=$(df --output=used -B1 '" + mount + "' | tail -1 | tr -d ' ')");
-    EXPECT_EQ(result.out, expected + "\n") << file_system << options << result.err;
-  }
+  const auto result = testing::run_in_private_mounts(
+      "mount -t tmpfs -o size=1m tmpfs '" + mount + "' && \"$TOOL\" extract '" +
+      (packed.dir / "manifest.json").string() + "' '" + packed.archive.string() + "' '" + mount +
+      "/staging'; echo files=$(find '" + mount + "' -type f | wc -l) used=$(df --output=used -B1 '" + mount +
+      "' | tail -1 | tr -d ' ')");
+  EXPECT_EQ(result.out,
+            "error insufficient_space: Cannot reserve file data; free space or choose other game storage\n"
+            "files=0 used=0\n")
+      << result.err;
 }
 
 TEST(BoundedZstdDecoder, DeliversExactlyTheLimitAndNoMore) {
