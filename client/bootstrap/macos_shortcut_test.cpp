@@ -46,34 +46,22 @@ std::string ended(const HelperRun& run) {
 }
 
 // A profile seeded but never started has a candidate and nothing active.
-TEST(ShortcutHelper, StartsTheBootstrapForEachKindOfDocument) {
-  for (const std::string game : {"star-harbor", ""}) {
-    HelperInstall install("zorvi-shortcut", game.empty() ? "candidate" : "active");
-    const std::string root = install.root().native();
-    const auto run = run_helper(
-        install, {{"ZORVI_LAUNCH_DOCUMENT", install.document("game.zorvi-launch", game)}, {"LD_ZORVI_PROBE", "1"}});
-    EXPECT_EQ(ended(run), "0") << run.err;
-    const std::vector<json> runs = install.runs();
-    ASSERT_EQ(runs.size(), 1u);
-    json arguments = {"--data-dir", root, "--gui"};
-    if (!game.empty()) arguments.insert(arguments.end(), {"--game", game});
-    EXPECT_EQ(runs[0]["arguments"], arguments);
-    EXPECT_EQ(runs[0]["directory"], root);
-    EXPECT_EQ(runs[0]["group"], runs[0]["pid"]) << "the bootstrap leads a process group of its own";
-    EXPECT_FALSE(runs[0]["environment"].contains("LD_ZORVI_PROBE") ||
-                 runs[0]["environment"].contains("ZORVI_LAUNCH_DOCUMENT"));
-  }
-}
-
 // SDL turns SIGTERM and SIGINT into SDL_EVENT_QUIT, which must not end the
 // helper while its child runs; the child's failure then gives the fixed box.
-TEST(ShortcutHelper, OutlivesQuitWhileAChildRunsAndReportsItsFailure) {
-  HelperInstall install;
+TEST(ShortcutHelper, StartsTheBootstrapAndOutlivesQuitWhileItRunsThenReportsItsFailure) {
+  HelperInstall install("zorvi-shortcut", "candidate");
+  const std::string root = install.root().native();
   HelperProcess helper(install.helper(), {},
-                       install.environment({{"ZORVI_LAUNCH_DOCUMENT", install.document("g.zorvi-launch", "g")},
+                       install.environment({{"ZORVI_LAUNCH_DOCUMENT", install.document("g.zorvi-launch", "")},
+                                            {"LD_ZORVI_PROBE", "1"},
                                             {"ZORVI_STAND_IN_HOLD", install.hold()},
                                             {"ZORVI_STAND_IN_STATUS", "3"}}));
   ASSERT_TRUE(eventually([&] { return install.runs().size() == 1; })) << helper.err();
+  const json run = install.runs()[0];
+  EXPECT_EQ(run["arguments"], json({"--data-dir", root, "--gui"}));
+  EXPECT_EQ(run["directory"], root);
+  EXPECT_EQ(run["group"], run["pid"]) << "the bootstrap leads a process group of its own";
+  EXPECT_FALSE(run["environment"].contains("LD_ZORVI_PROBE") || run["environment"].contains("ZORVI_LAUNCH_DOCUMENT"));
   EXPECT_THROW(update_lock(install), Error);  // the running helper holds the installation's lifetime lock shared
   helper.signal(SIGTERM);
   helper.signal(SIGINT);
@@ -100,21 +88,18 @@ TEST(ShortcutHelper, RefusesArgumentsAndWaitsOnlyFiveSecondsForADocument) {
 }
 
 // The checks the helper makes itself, each once; the storage and installation
-// checks it calls have their own tests beside their code.
+// checks it calls have their own tests beside their code, and the path at the
+// bound shows the storage check is made.
 TEST(ShortcutHelper, RefusesDocumentsAndImagesWithoutStartingAChild) {
   HelperInstall install;
-  const fs::path folder = install.folder(), wide = install.document("wide.zorvi-launch", "star-harbor");
-  fs::permissions(wide, fs::perms::group_read, fs::perm_options::add);
+  const fs::path folder = install.folder();
   const HelperInstall rollback_only("zorvi-shortcut", "rollback");
   // 4096 bytes pass the length check; that file does not exist.
   // clang-format off
   const std::pair<std::string, std::string> cases[] = {
       {path_of_length(folder, 4097, ".zorvi-launch"), "Launch-document path exceeds its bound"},
       {path_of_length(folder, 4096, ".zorvi-launch"), "Cannot open ordinary macOS private storage"},
-      {"documents/game.zorvi-launch", ordinary},
-      {install.document("game.Zorvi-Launch", "star-harbor"), ordinary},
       {(folder / "documents/../documents/game.zorvi-launch").native(), ordinary},
-      {wide, "macOS private storage must be ordinary, owned and accessible only to this user"},
       {install.document("rollback.zorvi-launch", "g", rollback_only.root()), "Install a verified launcher in this profile before opening its shortcut"},
   };
   // clang-format on
@@ -152,6 +137,7 @@ TEST(ShortcutHelper, RunsSixteenLaunchesAtOnceAfterARefusedDocumentAndRefusesThe
   fs::remove(install.hold());
   EXPECT_EQ(helper.wait(), 0) << helper.err();
   EXPECT_EQ(install.runs().size(), 16u);
+  EXPECT_EQ(install.runs()[0]["arguments"], json({"--data-dir", install.root().native(), "--gui", "--game", "g"}));
   EXPECT_EQ(shown_lines(helper.err()), shown);
 }
 
@@ -176,8 +162,6 @@ TEST(ShortcutHelper, ShowsItsBoxOnARealDisplay) {
                                             {"SDL_VIDEODRIVER", "x11"},
                                             {"DISPLAY", display},
                                             {"ZORVI_STAND_IN_STATUS", "3"}}));
-  ASSERT_TRUE(eventually([&] { return !shown_lines(helper.err()).empty(); })) << helper.err();
-  EXPECT_EQ(shown_lines(helper.err()), Lines{child_failed});
   fs::create_directories(binary_dir() / "artifacts");
   const fs::path screenshot = binary_dir() / "artifacts/shortcut_error_box.png";
   // The root window is one colour until the box is drawn on it.
@@ -189,7 +173,7 @@ TEST(ShortcutHelper, ShowsItsBoxOnARealDisplay) {
   EXPECT_TRUE(helper.running()) << "the box should wait for the user";
   helper.signal(SIGKILL);
   helper.wait();
-  server.signal(SIGTERM);
+  server.signal(SIGTERM);  // a killed server would leave its display's lock behind
   server.wait();
 }
 
