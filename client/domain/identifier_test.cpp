@@ -23,21 +23,12 @@ TEST(RelativePath, EachRuleInOrder) {
   const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
       {longest, "ok", "ok"},
       {longest + "y", relative, relative},
-      {"", relative, relative},
       {"/a", relative, relative},
-      {"a\\b", relative, relative},
-      {std::string("a\0b", 3), relative, relative},
       {"a/../b", component, component},
-      {"a//b", component, component},
-      {"a:b", component, component},
       {std::string(255, 'c') + "/del\x7f/caf\xc3\xa9/COM0/COM10/console/nul_", "ok", "ok"},
       {std::string(256, 'c'), component, component},
       {"a?b", portable, "ok"},
-      {"name.", portable, "ok"},
-      {"tab\there", portable, "ok"},
       {"dir/LPT9.log", reserved, "ok"},
-      {"Aux", reserved, "ok"},
-      {"a/", trailing, trailing},
       {"a/con/", reserved, trailing},
   };
   for (const auto& [text, portable_outcome, repository_outcome] : rows) {
@@ -52,10 +43,7 @@ TEST(Identifier, AlphabetLengthThenThePortablePathRule) {
   const std::vector<std::pair<std::string, std::string>> rows = {
       {"a.b-c" + std::string(75, 'a'), "ok"},
       {std::string(81, 'a'), identity},
-      {"abc_", identity},
       {"Abc", identity},
-      {"", identity},
-      {"..", identity},
       {"con", "unsafe_path: Path uses a reserved platform name"},
   };
   for (const auto& [value, expected] : rows) EXPECT_EQ(outcome([&] { validate_identifier(value); }), expected) << value;
