@@ -3,8 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <map>
 #include <string>
@@ -171,22 +169,18 @@ TEST(Signature, MalformedKeysAndSignaturesAreRefusedWithoutRaising) {
       {ed.key, sig + "00"},                                 // a byte long
       {ed.key, sig + std::string(16258, '0')},              // past 16384 characters
       {tuf_key("ed25519", "ed25519", pub.substr(2)), sig},  // a byte short
-      {tuf_key("ed25519", "ed25519", pub + std::string(16384, '0')), sig},
-      {tuf_key("ED25519", "ed25519", pub), sig},  // no such scheme
-      {json::object(), sig},                      // members missing
+      {tuf_key("ED25519", "ed25519", pub), sig},            // no such scheme
+      {json::object(), sig},                                // members missing
   };
   for (const auto& [key, signature] : refused) {
     bool verdict = true;
     EXPECT_NO_THROW(verdict = verify_signature(key, message, signature)) << key.dump();
     EXPECT_FALSE(verdict) << key.dump() << " " << signature.size();
   }
-  // Either case of hexadecimal, and members beyond these, are accepted.
-  std::string upper_pub = pub, upper_sig = sig;
-  std::ranges::transform(upper_pub, upper_pub.begin(), ::toupper);
-  std::ranges::transform(upper_sig, upper_sig.begin(), ::toupper);
-  json extended = tuf_key("ed25519", "ed25519", upper_pub);
+  // Members beyond these are no reason to refuse.
+  json extended = ed.key;
   extended["keyval"]["private"] = "";
-  EXPECT_TRUE(verify_signature(extended, message, upper_sig));
+  EXPECT_TRUE(verify_signature(extended, message, sig));
   // The PEM bound counts the whole text, trailing line ends included.
   const Signed ml = material().accepted.at("openssl ml-dsa");
   std::string pem = ml.key["keyval"]["public"];
