@@ -41,18 +41,48 @@ json document_of(const std::vector<std::string>& paths) {
   return document_with(std::move(files));
 }
 
-TEST(SnapshotManifest, ParsesRecordInPathOrder) {
+json target(const std::string& path, std::uint64_t length) {
+  return {{"target", path}, {"length", length}, {"sha256", digest_a}};
+}
+
+// A game build with every optional part present.
+json game() {
   json document = valid_document();
+  document.update({{"minimum_launcher", 1},
+                   {"game_id", "fox-run"},
+                   {"display_name", "Fox Run"},
+                   {"presentation", {{"tagline", "Run"}}},
+                   {"release_notes", "Faster\r\n\tfoxes"},
+                   {"sdk", {{"required", true}, {"abi_version", 1}}},
+                   {"encrypted",
+                    {{"format", encrypted_archive_format},
+                     {"artifact", target("fox.zc", encrypted_archive_length(1))},
+                     {"key", target("keys/fox", 32)}}}});
+  for (const std::string build : {"build-6", "build-5"}) {
+    json source = target("builds/" + build + ".tar.zst", 9);
+    source.update({{"format", "tar.zst-v1"}, {"build_id", build}});
+    document["patches"].push_back(
+        {{"format", "zstd-patch"}, {"source", source}, {"artifact", target("patches/" + build, 4)}});
+  }
+  return document;
+}
+
+TEST(GameManifest, ParsesEveryPartWithTheFilesInPathOrder) {
+  json document = game();
   document["files"][1]["length"] = static_cast<std::int64_t>(5);  // a signed length is as good
   document["future"] = {{"x", 1}};                                // unknown keys are ignored
-  const SnapshotManifest manifest = SnapshotManifest::parse(document);
-  EXPECT_EQ(manifest.build_id + " " + manifest.platform + " " + manifest.executable + " " + manifest.archive_target,
+  const GameManifest manifest = GameManifest::parse(document);
+  const SnapshotManifest& snapshot = manifest.snapshot;
+  EXPECT_EQ(snapshot.build_id + " " + snapshot.platform + " " + snapshot.executable + " " + snapshot.archive_target,
             "build-7 linux-x86_64 bin/game builds/7.tar.zst");
-  EXPECT_TRUE(manifest.archive_length == 1 && manifest.expanded_length == 8 && manifest.document == document);
+  EXPECT_TRUE(snapshot.archive_length == 1 && snapshot.expanded_length == 8 && snapshot.document == document);
   std::string order;
-  for (const auto& [path, file] : manifest.files) order += path + (file.executable ? "*" : "") + " ";
+  for (const auto& [path, file] : snapshot.files) order += path + (file.executable ? "*" : "") + " ";
   EXPECT_EQ(order, "README bin/game* data/level.pak ");
-  EXPECT_EQ(manifest.files.at("data/level.pak").length, 5u);
+  EXPECT_EQ(snapshot.files.at("data/level.pak").length, 5u);
+  EXPECT_TRUE(manifest.sdk_required);
+  EXPECT_EQ(manifest.encrypted->key.target, "keys/fox");
+  EXPECT_EQ(manifest.patches.at(1).source_build_id, "build-5");
   EXPECT_EQ(SnapshotManifest::parse(document_of({"bin/game", "a/b/c/d/e/f/g"})).longest_native_path(), 13u);
 }
 
@@ -111,37 +141,7 @@ TEST(SnapshotManifest, EachRuleAndBound) {
   }
 }
 
-json target(const std::string& path, std::uint64_t length) {
-  return {{"target", path}, {"length", length}, {"sha256", digest_a}};
-}
-
-// A game build with every optional part present.
-json game() {
-  json document = valid_document();
-  document.update({{"minimum_launcher", 1},
-                   {"game_id", "fox-run"},
-                   {"display_name", "Fox Run"},
-                   {"presentation", {{"tagline", "Run"}}},
-                   {"release_notes", "Faster\r\n\tfoxes"},
-                   {"sdk", {{"required", true}, {"abi_version", 1}}},
-                   {"encrypted",
-                    {{"format", encrypted_archive_format},
-                     {"artifact", target("fox.zc", encrypted_archive_length(1))},
-                     {"key", target("keys/fox", 32)}}}});
-  for (const std::string build : {"build-6", "build-5"}) {
-    json source = target("builds/" + build + ".tar.zst", 9);
-    source.update({{"format", "tar.zst-v1"}, {"build_id", build}});
-    document["patches"].push_back(
-        {{"format", "zstd-patch"}, {"source", source}, {"artifact", target("patches/" + build, 4)}});
-  }
-  return document;
-}
-
-TEST(GameManifest, EveryPartParsesAndEachRuleRefusesWithItsCodeAndMessage) {
-  const GameManifest manifest = GameManifest::parse(parse_json(game().dump(), 1 << 20));
-  EXPECT_TRUE(manifest.sdk_required);
-  EXPECT_EQ(manifest.encrypted->key.target, "keys/fox");
-  EXPECT_EQ(manifest.patches.at(1).source_build_id, "build-5");
+TEST(GameManifest, EachRuleRefusesWithItsCodeAndMessage) {
   const auto sized = [](json& d, std::uint64_t archive, std::uint64_t encrypted) {
     d["archive"]["length"] = archive, d["encrypted"]["artifact"]["length"] = encrypted;
   };
