@@ -1,6 +1,5 @@
 #include "client/domain/manifest.hpp"
 
-#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -92,99 +91,88 @@ json many_files(std::size_t count) {
   return document_of(paths);
 }
 
+// A copy of `document` with each member of `changes` set at its JSON
+// pointer, or removed where the value is null; "" is the whole document.
+json changed(json document, const json& changes) {
+  for (const auto& [pointer, value] : changes.items()) {
+    const json::json_pointer at(pointer);
+    if (value.is_null()) {
+      document[at.parent_pointer()].erase(at.back());
+    } else {
+      document[at] = value;
+    }
+  }
+  return document;
+}
+
 TEST(SnapshotManifest, EachRuleAndBound) {
   const std::string archive_bound = "size_limit: Snapshot exceeds archive size bounds";
   const std::string count = "size_limit: Package file count exceeds bounds";
-  const std::string collision = "path_collision: ";
+  const std::string bad = "invalid_manifest: ", collision = "path_collision: ";
   const std::uint64_t half = std::uint64_t{1} << 41;
-  const std::vector<std::pair<std::function<void(json&)>, std::string>> rows{
-      {[](json& d) { d["schema_version"] = "1"; },
-       "unsupported_schema: Unsupported snapshot schema; nothing was rewritten"},
-      {[](json& d) { d["build_id"] = "Build"; },
+  const std::vector<std::pair<json, std::string>> rows{
+      {{{"/schema_version", "1"}}, "unsupported_schema: Unsupported snapshot schema; nothing was rewritten"},
+      {{{"/build_id", "Build"}},
        "invalid_identity: Game and build IDs use lower-case letters, digits, dots and hyphens"},
-      {[](json& d) { d["platform"] = "linux-arm64"; }, "invalid_manifest: Unknown snapshot platform"},
-      {[](json& d) { d["archive"]["format"] = "tar.gz-v1"; }, "invalid_manifest: Unsupported snapshot format"},
-      {[](json& d) { d["archive"]["target"] = "/abs"; }, "unsafe_path: Path must be a safe relative path"},
-      {[](json& d) { d["archive"]["length"] = 0; }, archive_bound},
-      {[](json& d) { d["archive"]["length"] = (std::uint64_t{1} << 42) + 1; }, archive_bound},
-      {[](json& d) { d["files"][1]["length"] = -1; },
-       "invalid_manifest: Manifest length must be a non-negative integer"},
-      {[](json& d) { d["files"][1]["sha256"] = std::string(63, 'a'); },
-       "invalid_manifest: Manifest needs a lower-case SHA-256 digest"},
-      {[](json& d) { d["files"] = json::array(); }, count},
-      {[](json& d) { d = many_files(100000); }, "ok"},
-      {[](json& d) { d = many_files(100001); }, count},
-      {[](json& d) { d["files"][1]["path"] = "data/a?"; },
-       "unsafe_path: Path is not portable across supported platforms"},
-      {[](json& d) { d["files"][1]["path"] = "data/a\x7f"; },
-       "invalid_manifest: The v1 package profile requires ASCII file paths"},
-      {[](json& d) { d["files"][1]["mode"] = 755; }, "invalid_manifest: Package modes must be 0644 or 0755"},
-      {[](json& d) { d["files"][1]["mode"] = "0755"; },
-       "invalid_manifest: Snapshot manifest has missing or malformed fields"},
-      {[](json& d) { d["files"][0]["mode"] = 420; },
-       "invalid_manifest: Declared executable is missing or not executable"},
-      {[](json& d) { d["expanded_length"] = 7; }, "invalid_manifest: Expanded length differs from file inventory"},
-      {[&](json& d) { d = document_with({entry("a", half), entry("b", half)}); }, "ok"},
-      {[&](json& d) { d = document_with({entry("a", half), entry("b", half), entry("c", 1)}); },
+      {{{"/platform", "linux-arm64"}}, bad + "Unknown snapshot platform"},
+      {{{"/archive/format", "tar.gz-v1"}}, bad + "Unsupported snapshot format"},
+      {{{"/archive/target", "/abs"}}, "unsafe_path: Path must be a safe relative path"},
+      {{{"/archive/length", 0}}, archive_bound},
+      {{{"/archive/length", (std::uint64_t{1} << 42) + 1}}, archive_bound},
+      {{{"/files/1/length", -1}}, bad + "Manifest length must be a non-negative integer"},
+      {{{"/files/1/sha256", std::string(63, 'a')}}, bad + "Manifest needs a lower-case SHA-256 digest"},
+      {{{"/files", json::array()}}, count},
+      {{{"", many_files(100000)}}, "ok"},
+      {{{"", many_files(100001)}}, count},
+      {{{"/files/1/path", "data/a?"}}, "unsafe_path: Path is not portable across supported platforms"},
+      {{{"/files/1/path", "data/a\x7f"}}, bad + "The v1 package profile requires ASCII file paths"},
+      {{{"/files/1/mode", 755}}, bad + "Package modes must be 0644 or 0755"},
+      {{{"/files/1/mode", "0755"}}, bad + "Snapshot manifest has missing or malformed fields"},
+      {{{"/files/0/mode", 420}}, bad + "Declared executable is missing or not executable"},
+      {{{"/expanded_length", 7}}, bad + "Expanded length differs from file inventory"},
+      {{{"", document_with({entry("a", half), entry("b", half)})}}, "ok"},
+      {{{"", document_with({entry("a", half), entry("b", half), entry("c", 1)})}},
        "size_limit: Expanded package exceeds size bounds"},
-      {[](json& d) { d = document_of({"README", "readme"}); },
-       collision + "Package contains duplicate or case-colliding paths"},
-      {[](json& d) { d = document_of({"bin/a", "Bin/b"}); }, collision + "Package directories differ only in case"},
-      {[](json& d) { d = document_of({"x/bin/a", "x/bin"}); },
-       collision + "Package file is another file's parent directory"},
-      {[](json& d) { d = document_of({"bin/a", "bin/b", "bin.txt"}); }, "ok"},
+      {{{"", document_of({"README", "readme"})}}, collision + "Package contains duplicate or case-colliding paths"},
+      {{{"", document_of({"bin/a", "Bin/b"})}}, collision + "Package directories differ only in case"},
+      {{{"", document_of({"x/bin/a", "x/bin"})}}, collision + "Package file is another file's parent directory"},
+      {{{"", document_of({"bin/a", "bin/b", "bin.txt"})}}, "ok"},
   };
-  for (const auto& [change, expected] : rows) {
-    json document = valid_document();
-    change(document);
-    EXPECT_EQ(testing::outcome([&] { SnapshotManifest::parse(document); }), expected) << document.dump().substr(0, 300);
-  }
+  for (const auto& [changes, expected] : rows)
+    EXPECT_EQ(testing::outcome([&] { SnapshotManifest::parse(changed(valid_document(), changes)); }), expected)
+        << changes.dump().substr(0, 300);
 }
 
 TEST(GameManifest, EachRuleRefusesWithItsCodeAndMessage) {
-  const auto sized = [](json& d, std::uint64_t archive, std::uint64_t encrypted) {
-    d["archive"]["length"] = archive, d["encrypted"]["artifact"]["length"] = encrypted;
-  };
   const std::string bad = "invalid_manifest: ";
-  const std::vector<std::pair<std::function<void(json&)>, std::string>> rows{
-      {[](json& d) { d["schema_version"] = 2; },
-       "unsupported_schema: Unsupported game manifest schema; nothing was rewritten"},
-      {[](json& d) { d["minimum_launcher"] = 2; },
-       "launcher_incompatible: This build needs a different launcher protocol"},
-      {[](json& d) { d["game_id"] = 7; }, bad + "Game manifest has missing or malformed fields"},
-      {[](json& d) { d["display_name"] = std::string(201, 'a'); }, bad + "Game display name is missing or too long"},
-      {[](json& d) { d["release_notes"] = std::string(16385, 'a'); }, bad + "Release notes exceed 16 KiB"},
-      {[](json& d) { d["release_notes"] = "a\xc2\x85"; }, bad + "Release notes contain unsupported control characters"},
-      {[](json& d) { d["sdk"] = {{"required", false}}; }, "ok"},
-      {[](json& d) { d["sdk"] = {{"abi_version", 1}}; }, bad + "SDK capability must be explicit"},
-      {[](json& d) { d["sdk"]["abi_version"] = 2; }, "sdk_incompatible: Game needs an unsupported SDK ABI"},
-      {[](json& d) { d["encrypted"]["nonce"] = 1; }, bad + "Unknown encrypted archive field"},
-      {[](json& d) { d["encrypted"]["format"] = ""; }, bad + "Invalid encrypted archive decoder name"},
-      {[](json& d) { d["encrypted"]["artifact"]["target"] = "Builds/7.tar.zst"; },
-       bad + "Encrypted artifact/key aliases the full snapshot"},
-      {[](json& d) { d["encrypted"]["key"]["length"] = 31; }, bad + "Encrypted archive/key exceeds its bound"},
-      {[](json& d) { d["encrypted"]["format"] = "other", d["encrypted"]["artifact"]["length"] = 97; }, "ok"},
-      {[&](json& d) { sized(d, std::uint64_t{1} << 42, (std::uint64_t{1} << 42) + (1 << 30) + 96); }, "ok"},
-      {[&](json& d) { sized(d, 65537, 65664); },
+  const std::uint64_t largest = std::uint64_t{1} << 42;
+  const std::vector<std::pair<json, std::string>> rows{
+      {{{"/schema_version", 2}}, "unsupported_schema: Unsupported game manifest schema; nothing was rewritten"},
+      {{{"/minimum_launcher", 2}}, "launcher_incompatible: This build needs a different launcher protocol"},
+      {{{"/game_id", 7}}, bad + "Game manifest has missing or malformed fields"},
+      {{{"/display_name", std::string(201, 'a')}}, bad + "Game display name is missing or too long"},
+      {{{"/release_notes", std::string(16385, 'a')}}, bad + "Release notes exceed 16 KiB"},
+      {{{"/release_notes", "a\xc2\x85"}}, bad + "Release notes contain unsupported control characters"},
+      {{{"/sdk", {{"required", false}}}}, "ok"},
+      {{{"/sdk/required", nullptr}}, bad + "SDK capability must be explicit"},
+      {{{"/sdk/abi_version", 2}}, "sdk_incompatible: Game needs an unsupported SDK ABI"},
+      {{{"/encrypted/nonce", 1}}, bad + "Unknown encrypted archive field"},
+      {{{"/encrypted/format", ""}}, bad + "Invalid encrypted archive decoder name"},
+      {{{"/encrypted/artifact/target", "Builds/7.tar.zst"}}, bad + "Encrypted artifact/key aliases the full snapshot"},
+      {{{"/encrypted/key/length", 31}}, bad + "Encrypted archive/key exceeds its bound"},
+      {{{"/encrypted/format", "other"}, {"/encrypted/artifact/length", 97}}, "ok"},
+      {{{"/archive/length", largest}, {"/encrypted/artifact/length", largest + (1 << 30) + 96}}, "ok"},
+      {{{"/archive/length", 65537}, {"/encrypted/artifact/length", 65664}},
        bad + "Encrypted archive length differs from its fixed authenticated chunks"},
-      {[](json& d) { d["patches"] = json::array({1, 2, 3, 4, 5, 6, 7, 8, 9}); },
-       bad + "Direct patch list exceeds its bound"},
-      {[](json& d) { d["patches"][1]["source"].erase("format"), d["patches"][1]["source"]["kind"] = 1; },
-       bad + "Missing direct patch field"},
-      {[](json& d) { d["patches"][0]["source"]["format"] = "zstd-patch"; },
-       bad + "A direct patch must start from a full snapshot"},
-      {[](json& d) { d["patches"][0]["source"]["build_id"] = "build-7"; },
-       bad + "Direct patch repeats its source or targets its own build"},
-      {[](json& d) { d["patches"][1]["artifact"]["target"] = "Patches/Build-6"; },
-       bad + "Direct patch artifacts repeat or alias a snapshot"},
-      {[](json& d) { d["patches"][1]["source"]["length"] = 0; },
-       "size_limit: Direct patch input exceeds its size bounds"},
+      {{{"/patches", json::array({1, 2, 3, 4, 5, 6, 7, 8, 9})}}, bad + "Direct patch list exceeds its bound"},
+      {{{"/patches/1/source/format", nullptr}, {"/patches/1/source/kind", 1}}, bad + "Missing direct patch field"},
+      {{{"/patches/0/source/format", "zstd-patch"}}, bad + "A direct patch must start from a full snapshot"},
+      {{{"/patches/0/source/build_id", "build-7"}}, bad + "Direct patch repeats its source or targets its own build"},
+      {{{"/patches/1/artifact/target", "Patches/Build-6"}}, bad + "Direct patch artifacts repeat or alias a snapshot"},
+      {{{"/patches/1/source/length", 0}}, "size_limit: Direct patch input exceeds its size bounds"},
   };
-  for (const auto& [change, expected] : rows) {
-    json document = game();
-    change(document);
-    EXPECT_EQ(testing::outcome([&] { GameManifest::parse(document); }), expected) << document.dump();
-  }
+  for (const auto& [changes, expected] : rows)
+    EXPECT_EQ(testing::outcome([&] { GameManifest::parse(changed(game(), changes)); }), expected) << changes.dump();
 }
 
 }  // namespace
