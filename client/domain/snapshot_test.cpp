@@ -186,81 +186,70 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
   const std::string behind_tar = "archive: Snapshot carries data after the end of its tar archive";
   const std::string unexpected = "archive_inventory: Archive contains an unexpected or duplicate file";
   const std::string unverified = "content_mismatch: Snapshot differs from its verified application manifest";
-  struct Row {
-    const char* name;
-    std::vector<TreeFile> listed;
-    Action action;
-    std::string expected;
-  };
-  const std::vector<Row> rows{
-      {"byte behind the tar, read ahead with its end", one_game, shell("{ " + tar_game + "; printf x; }" + zstd),
-       behind_tar},
-      // Zero padding behind the tar, more than one decoder buffer of it, is no trailing data.
-      {"zero padding behind the tar", ten_files(), shell(tar_of_ten + "; }" + zstd), "ok"},
-      {"byte behind the tar, decoded only by the drain", ten_files(), shell(tar_of_ten + " && printf x; }" + zstd),
-       behind_tar},
-      {"skippable frame after", one_game, shell(tar_game + zstd + " && " + skippable + " >> \"$1\""),
+  const std::vector<std::tuple<std::vector<TreeFile>, Action, std::string>> rows{
+      // A byte behind the tar, read ahead with the tar's end or decoded only
+      // by the drain of the frame; zero padding, more than one decoder buffer
+      // of it, is no trailing data.
+      {one_game, shell("{ " + tar_game + "; printf x; }" + zstd), behind_tar},
+      {ten_files(), shell(tar_of_ten + "; }" + zstd), "ok"},
+      {ten_files(), shell(tar_of_ten + " && printf x; }" + zstd), behind_tar},
+      // A skippable frame behind the snapshot's frame, or before it.
+      {one_game, shell(tar_game + zstd + " && " + skippable + " >> \"$1\""),
        "archive: Trailing or concatenated Zstandard frames are forbidden"},
-      {"skippable frame first", one_game, shell(skippable + " > \"$1\" && " + tar_game + " | zstd -q -c >> \"$1\""),
+      {one_game, shell(skippable + " > \"$1\" && " + tar_game + " | zstd -q -c >> \"$1\""),
        "archive: Snapshot must contain exactly one ordinary Zstandard frame"},
       // The decoder's own bound has its test below; this row proves extraction sets one.
-      {"decompression bomb", one_game,
-       shell("mkdir -p bomb/bin && truncate -s 256M bomb/bin/game && tar -C bomb -cf - bin/game" + zstd),
+      {one_game, shell("mkdir -p bomb/bin && truncate -s 256M bomb/bin/game && tar -C bomb -cf - bin/game" + zstd),
        "size_limit: Decoded tar stream exceeds authenticated expansion bounds"},
-      {"128 MiB window", one_game, shell(tar_game + " | zstd -q --long=27 -c > \"$1\""),
+      {one_game, shell(tar_game + " | zstd -q --long=27 -c > \"$1\""),
        "archive: Snapshot decoding failed or exceeds the 64 MiB window limit"},
-      {"truncated frame", one_game, shell(tar_game + " | zstd -q -c > full && head -c 40 full > \"$1\""),
+      {one_game, shell(tar_game + " | zstd -q -c > full && head -c 40 full > \"$1\""),
        "archive: Snapshot frame is truncated"},
-      {"tar cut inside a file",
-       {{"bin/game", std::string(3000, 'g'), true}},
+      {{{"bin/game", std::string(3000, 'g'), true}},
        shell(tar_game + " | head -c 2000" + zstd),
        "archive: Snapshot decompression failed"},
-      {"not a tar", one_game, shell("head -c 3000 /dev/urandom" + zstd), "archive: Cannot open snapshot archive"},
-      {"symbolic link", one_game, crafted({{{"name", "bin/game"}, {"type", "symlink"}, {"link", "/bin/sh"}}}),
+      {one_game, shell("head -c 3000 /dev/urandom" + zstd), "archive: Cannot open snapshot archive"},
+      {one_game, crafted({{{"name", "bin/game"}, {"type", "symlink"}, {"link", "/bin/sh"}}}),
        "archive_type: Only ordinary files are accepted in snapshots"},
-      {"parent step", one_game, crafted({game, file_entry("../x", "escape")}),
-       "unsafe_path: Path contains an unsafe component"},
-      {"not UTF-8", one_game, crafted({{{"raw_name_hex", "6361668e"}, {"content", "x"}}, game}),
+      {one_game, crafted({game, file_entry("../x", "escape")}), "unsafe_path: Path contains an unsafe component"},
+      {one_game, crafted({{{"raw_name_hex", "6361668e"}, {"content", "x"}}, game}),
        "archive_path: Archive path is not valid UTF-8"},
-      {"duplicate entry", one_game, crafted({game, game}), unexpected},
-      {"longer file", game_and_data, crafted({game, file_entry("data/a", "alphabet")}),
+      {one_game, crafted({game, game}), unexpected},
+      {game_and_data, crafted({game, file_entry("data/a", "alphabet")}),
        "archive_inventory: Archive file length or mode differs from manifest"},
-      {"changed content", game_and_data, crafted({game, file_entry("data/a", "ALPHA")}), changed},
+      {game_and_data, crafted({game, file_entry("data/a", "ALPHA")}), changed},
       // A file is flushed and hashed while later entries are read; its
       // failure still comes before whatever a later entry raises.
-      {"changed file, then an unlisted one", one_game,
-       crafted({file_entry("bin/game", "#!/bin/sX\n", 0755), file_entry("data/extra", "x")}), changed},
-      {"missing file", game_and_data, crafted(json::array({game})), "archive: Snapshot is incomplete or malformed"},
-      {"wrong digest", one_game, [](Packed& p) { p.manifest.archive_sha256 = std::string(64, '0'), p.extract(); },
-       unverified},
-      {"archive is a link", one_game,
+      {one_game, crafted({file_entry("bin/game", "#!/bin/sX\n", 0755), file_entry("data/extra", "x")}), changed},
+      {game_and_data, crafted(json::array({game})), "archive: Snapshot is incomplete or malformed"},
+      {one_game, [](Packed& p) { p.manifest.archive_sha256 = std::string(64, '0'), p.extract(); }, unverified},
+      {one_game,
        [](Packed& p) { fs::rename(p.archive, p.dir / "a"), fs::create_symlink(p.dir / "a", p.archive), p.extract(); },
        unverified},
-      {"staging exists", one_game, [](Packed& p) { fs::create_directory(p.staging), p.extract(); },
+      {one_game, [](Packed& p) { fs::create_directory(p.staging), p.extract(); },
        "staging_exists: A fresh staging directory is required"},
-      {"cancelled at the third report", sample_files(),
-       [](Packed& p) { p.extract([calls = 0](auto, auto) mutable { return ++calls < 3; }); },
+      {sample_files(), [](Packed& p) { p.extract([calls = 0](auto, auto) mutable { return ++calls < 3; }); },
        "cancelled: Operation cancelled at a safe boundary"},
-      {"decoder of a folder", one_game, [](Packed& p) { BoundedZstd(p.dir.path(), 10); },
-       "archive: Snapshot read failed"},
-      {"foreign fifo", game_and_data, damaged([](auto& r) { ::mkfifo((r / "bin/fifo").c_str(), 0600); }),
+      {one_game, [](Packed& p) { BoundedZstd(p.dir.path(), 10); }, "archive: Snapshot read failed"},
+      // Trees damaged after their extraction, then verified.
+      {game_and_data, damaged([](auto& r) { ::mkfifo((r / "bin/fifo").c_str(), 0600); }),
        "unexpected_file: Game tree contains an unmanaged file"},
-      {"foreign unsafe name", game_and_data, damaged([](auto& r) { testing::write_text(r / "a:b", "x"); }),
+      {game_and_data, damaged([](auto& r) { testing::write_text(r / "a:b", "x"); }),
        "unsafe_path: Path contains an unsafe component"},
-      {"file removed", game_and_data, damaged([](auto& r) { fs::remove(r / "data/a"); }),
+      {game_and_data, damaged([](auto& r) { fs::remove(r / "data/a"); }),
        "missing_file: Game content is incomplete; repair is available"},
-      {"execute bit lost", game_and_data, damaged([](auto& r) { remove_exec(r / "bin/game"); }),
+      {game_and_data, damaged([](auto& r) { remove_exec(r / "bin/game"); }),
        "content_mode: Game executable permission is missing"},
-      {"root is a link", game_and_data, damaged([](auto& r) {
+      {game_and_data, damaged([](auto& r) {
          fs::rename(r, r.parent_path().parent_path() / "real"),
              fs::create_symlink(r.parent_path().parent_path() / "real", r);
        }),
        "unsafe_path: Game content directory is missing or linked"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    Packed packed(row.listed);
-    EXPECT_EQ(testing::outcome([&] { row.action(packed); }), row.expected);
+  for (const auto& [listed, action, expected] : rows) {
+    SCOPED_TRACE(expected);
+    Packed packed(listed);
+    EXPECT_EQ(testing::outcome([&] { action(packed); }), expected);
     EXPECT_EQ(outside_staging(packed.dir / "out"), std::vector<std::string>{});
     EXPECT_FALSE(fs::exists(packed.dir / "x"));
   }
@@ -357,13 +346,11 @@ TEST(SnapshotVerification, ReportsFailuresAndDamageComeInPathOrderWhateverIsHash
   Packed packed(large_and_small());
   const std::uint64_t total = packed.manifest.expanded_length;
   const std::vector<std::uint64_t> expected = reports_in_turn(packed.manifest);
-  for (int run = 0; run < 3; ++run) {
-    std::vector<std::uint64_t> verified, inventoried;
-    verify_snapshot_tree(packed.manifest, packed.tree, recorder(verified, total));
-    EXPECT_EQ(damaged_snapshot_files(packed.manifest, packed.tree, recorder(inventoried, total), 5).count, 0U);
-    EXPECT_EQ(verified, expected);
-    EXPECT_EQ(inventoried, expected);
-  }
+  std::vector<std::uint64_t> verified, inventoried;
+  verify_snapshot_tree(packed.manifest, packed.tree, recorder(verified, total));
+  EXPECT_EQ(damaged_snapshot_files(packed.manifest, packed.tree, recorder(inventoried, total), 5).count, 0U);
+  EXPECT_EQ(verified, expected);
+  EXPECT_EQ(inventoried, expected);
   // Cancelled among the small files the worker hashed ahead: at the same
   // report, with the worker gone before the failure arrives.
   const std::size_t before = threads();
