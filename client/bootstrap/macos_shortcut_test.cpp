@@ -82,13 +82,6 @@ TEST(ShortcutHelper, RefusesArgumentsDocumentsAndImagesWithoutStartingAChild) {
       run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {install.document("g.zorvi-launch", "g")});
   EXPECT_EQ(std::to_string(usage.status) + " " + usage.err, "2 Open a Zorvi launch document with this helper.\n");
   EXPECT_EQ(ended(run_helper(install, {})), "1 | No launch document arrived");  // after five seconds
-  {
-    // The lifetime lock comes before the arguments: while an update holds
-    // it, even a usage mistake is refused by the lock.
-    const NativeFileLock update = update_lock(install);
-    const auto locked = run_helper(install, {}, {"x"});
-    EXPECT_EQ(std::to_string(locked.status) + " " + locked.err, "1 Another worker owns this native installation\n");
-  }
   const fs::path folder = install.folder();
   const HelperInstall rollback_only("zorvi-shortcut", "rollback");
   // 4096 bytes pass the length check; that file does not exist.

@@ -26,7 +26,6 @@ TEST(ParseJson, RefusesWhatCouldMeanTwoThingsAndWhatIsTooLarge) {
   const std::vector<std::pair<std::string, std::string>> rows = {
       {R"({"a":1,"\u0061":2})", duplicate},
       {R"({"a":{"k":1},"b":{"k":1}})", "ok"},
-      {"[1e3]", floating},
       {"18446744073709551615", "ok"},
       {"18446744073709551616", floating},
       {"-9223372036854775808", "ok"},
