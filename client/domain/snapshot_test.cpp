@@ -31,15 +31,6 @@ std::string random_bytes(std::size_t count, unsigned seed) {
   return bytes;
 }
 
-// Nested folders, an empty file, executables and data over several 64 KiB chunks.
-std::vector<TreeFile> sample_files() {
-  return {{"bin/game", "#!/bin/sh\necho game\n", true},
-          {"bin/tools/helper", random_bytes(1000, 1), true},
-          {"data/levels/one.pak", random_bytes(200000, 2)},
-          {"data/levels/two.pak", std::string(70000, 'z')},
-          {"data/empty", ""},
-          {"README", "read me\n"}};
-}
 const std::vector<TreeFile> one_game{{"bin/game", "#!/bin/sh\n", true}};
 const std::vector<TreeFile> game_and_data{{"bin/game", "#!/bin/sh\n", true}, {"data/a", "alpha"}};
 // Ten small files: room in the expansion bound for more than one decoder
@@ -75,23 +66,6 @@ struct Packed {
   }
   void verify() { verify_snapshot_tree(manifest, staging, Progress()); }
 };
-
-// Into a tree reserved beforehand, as an installation does; every other
-// test extracts into a fresh staging directory.
-TEST(SnapshotExtraction, FillsAReservedTreeWithWhatRealToolsPackedAndVerifies) {
-  Packed packed(sample_files(), "-19 -T2");
-  const ReservedTree tree(packed.manifest, packed.staging, Progress(), RootObserver());
-  std::uint64_t last = 0;
-  const Progress progress = [&](std::uint64_t done, std::uint64_t total) { return (last = done) <= total; };
-  extract_snapshot(packed.manifest, packed.archive, packed.staging, progress, &tree);
-  EXPECT_EQ(last, packed.manifest.expanded_length);
-  for (const TreeFile& file : sample_files()) {
-    EXPECT_EQ(testing::read_text(packed.staging / file.path), file.content) << file.path;
-    EXPECT_EQ(mode_of(packed.staging / file.path), file.executable ? 0700u : 0600u) << file.path;
-  }
-  EXPECT_EQ(mode_of(packed.staging / "data/levels"), 0700u);
-  EXPECT_NO_THROW(packed.verify());
-}
 
 // Directories are held open between files; one exchanged for a link after
 // its first file was written is still seen at the next file, by name.
@@ -224,7 +198,7 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
        "content_mismatch: Snapshot differs from its verified application manifest"},
       {one_game, [](Packed& p) { fs::create_directory(p.staging), p.extract(); },
        "staging_exists: A fresh staging directory is required"},
-      {sample_files(), [](Packed& p) { p.extract([calls = 0](auto, auto) mutable { return ++calls < 3; }); },
+      {game_and_data, [](Packed& p) { p.extract([calls = 0](auto, auto) mutable { return ++calls < 3; }); },
        "cancelled: Operation cancelled at a safe boundary"},
       {one_game, [](Packed& p) { BoundedZstd(p.dir.path(), 10); }, "archive: Snapshot read failed"},
       // Trees damaged after their extraction, then verified.
@@ -319,13 +293,28 @@ Progress recorder(std::vector<std::uint64_t>& calls, std::uint64_t total, std::u
 
 std::size_t threads() { return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/task"), {})); }
 
-TEST(SnapshotVerification, ReportsFailuresAndDamageComeInPathOrderWhateverIsHashedFirst) {
-  Packed packed(large_and_small());
+// Extracted from what real tools packed into a tree reserved beforehand, as an
+// installation does (every other test extracts into a fresh staging
+// directory), then checked: reports and failures come in path order whatever
+// is hashed first.
+TEST(Snapshot, ExtractsIntoAReservedTreeThenReportsFailuresAndDamageInPathOrder) {
+  Packed packed(large_and_small(), "-19 -T2");
+  const fs::path& root = packed.staging;
   const std::uint64_t total = packed.manifest.expanded_length;
+  const ReservedTree tree(packed.manifest, root, Progress(), RootObserver());
+  std::uint64_t reported = 0;
+  const Progress progress = [&](std::uint64_t done, std::uint64_t of) { return (reported = done) <= of; };
+  extract_snapshot(packed.manifest, packed.archive, root, progress, &tree);
+  EXPECT_EQ(reported, total);
+  for (const TreeFile& file : large_and_small()) {
+    EXPECT_EQ(testing::read_text(root / file.path), file.content) << file.path;
+    EXPECT_EQ(mode_of(root / file.path), file.executable ? 0700u : 0600u) << file.path;
+  }
+  EXPECT_EQ(mode_of(root / "data"), 0700u);
   const std::vector<std::uint64_t> expected = reports_in_turn(packed.manifest);
   std::vector<std::uint64_t> verified, inventoried;
-  verify_snapshot_tree(packed.manifest, packed.tree, recorder(verified, total));
-  EXPECT_EQ(damaged_snapshot_files(packed.manifest, packed.tree, recorder(inventoried, total), 5).count, 0U);
+  verify_snapshot_tree(packed.manifest, root, recorder(verified, total));
+  EXPECT_EQ(damaged_snapshot_files(packed.manifest, root, recorder(inventoried, total), 5).count, 0U);
   EXPECT_EQ(verified, expected);
   EXPECT_EQ(inventoried, expected);
   // Cancelled among the small files the worker hashed ahead: at the same
@@ -333,14 +322,13 @@ TEST(SnapshotVerification, ReportsFailuresAndDamageComeInPathOrderWhateverIsHash
   const std::size_t before = threads();
   std::vector<std::uint64_t> cancelled;
   const std::uint64_t stop = (5 << 20) + 300000;
-  expect_error([&] { verify_snapshot_tree(packed.manifest, packed.tree, recorder(cancelled, total, stop)); },
-               "cancelled", "Operation cancelled at a safe boundary");
+  expect_error([&] { verify_snapshot_tree(packed.manifest, root, recorder(cancelled, total, stop)); }, "cancelled",
+               "Operation cancelled at a safe boundary");
   const auto last = std::find_if(expected.begin(), expected.end(), [&](auto done) { return done >= stop; });
   EXPECT_EQ(cancelled, std::vector<std::uint64_t>(expected.begin(), last + 1));
   EXPECT_EQ(threads(), before);
   // The worker meets the damage in a small file while the caller still
   // hashes the large one: the large one, first in path order, is raised.
-  const fs::path& root = packed.tree;
   std::string bytes = testing::read_text(root / "a.pak");
   bytes.back() ^= 1;
   testing::write_text(root / "a.pak", bytes);
