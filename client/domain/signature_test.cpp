@@ -135,7 +135,7 @@ const Material& material() {
 // of the wrong kind, strength or salt. Padding and MGF1 need no rows: the
 // peers' signatures pass only under PSS, and OpenSSL's MGF1 default is the
 // signature's own digest.
-TEST(Signature, EachFamilyAcceptsBothPeersAndRefusesAnyOtherSignature) {
+TEST(Signature, EachFamilyAcceptsBothPeersAndRefusesAnyOtherSignatureQuietly) {
   ASSERT_EQ(material().accepted.size(), 6u);
   ERR_clear_error();
   for (const auto& [label, c] : material().accepted) {
@@ -147,20 +147,14 @@ TEST(Signature, EachFamilyAcceptsBothPeersAndRefusesAnyOtherSignature) {
     EXPECT_FALSE(verify_signature(c.key, message, signature)) << label;
     EXPECT_FALSE(verify_signature(c.key, changed, c.signature)) << label;
   }
-  // Failed checks must not leave entries on OpenSSL's error queue either: a
-  // later TLS call would take them for its own.
   ASSERT_EQ(material().refused.size(), 8u);
   for (const auto& [label, c] : material().refused)
     EXPECT_FALSE(verify_signature(c.key, message, c.signature)) << label;
-  EXPECT_EQ(ERR_peek_error(), 0u);
-}
-
-// Malformed and out-of-bound texts and keys are a plain refusal, never an
-// exception.
-TEST(Signature, MalformedKeysAndSignaturesAreRefusedWithoutRaising) {
+  // Malformed and out-of-bound texts and keys are a plain refusal, never an
+  // exception; members beyond the known ones are no reason to refuse.
   const Signed ed = material().accepted.at("python ed25519");
   const std::string sig = ed.signature, pub = ed.key["keyval"]["public"];
-  const std::vector<std::pair<json, std::string>> refused{
+  const std::vector<std::pair<json, std::string>> malformed{
       {ed.key, sig.substr(1)},                              // odd
       {ed.key, sig.substr(0, 126) + "g0"},                  // not hexadecimal
       {ed.key, sig + "00"},                                 // a byte long
@@ -169,12 +163,8 @@ TEST(Signature, MalformedKeysAndSignaturesAreRefusedWithoutRaising) {
       {tuf_key("ED25519", "ed25519", pub), sig},            // no such scheme
       {json::object(), sig},                                // members missing
   };
-  for (const auto& [key, signature] : refused) {
-    bool verdict = true;
-    EXPECT_NO_THROW(verdict = verify_signature(key, message, signature)) << key.dump();
-    EXPECT_FALSE(verdict) << key.dump() << " " << signature.size();
-  }
-  // Members beyond these are no reason to refuse.
+  for (const auto& [key, signature] : malformed)
+    EXPECT_FALSE(verify_signature(key, message, signature)) << key.dump() << " " << signature.size();
   json extended = ed.key;
   extended["keyval"]["private"] = "";
   EXPECT_TRUE(verify_signature(extended, message, sig));
@@ -184,6 +174,9 @@ TEST(Signature, MalformedKeysAndSignaturesAreRefusedWithoutRaising) {
   pem.resize(16384, '\n');
   EXPECT_TRUE(verify_signature(tuf_key("ml-dsa", "ml-dsa-65/1", pem), message, ml.signature));
   EXPECT_FALSE(verify_signature(tuf_key("ml-dsa", "ml-dsa-65/1", pem + "\n"), message, ml.signature));
+  // Failed checks must not leave entries on OpenSSL's error queue either: a
+  // later TLS call would take them for its own.
+  EXPECT_EQ(ERR_peek_error(), 0u);
 }
 
 // OpenSSL asks on the controlling terminal for the passphrase of a PEM with an
