@@ -29,15 +29,6 @@ std::string decrypt(const std::filesystem::path& path, std::string& plain) {
   return digest(plain, "sha256");
 }
 
-TEST(EncryptedArchive, ArchivesFromPythonDecryptChunkByChunk) {
-  const testing::TempDir dir;
-  for (const std::uint64_t size : {0u, 3u * 65536u, 40u * 65536u + 7u}) {
-    const std::string expected = make_archive(dir / "a", size);
-    std::string plain;
-    EXPECT_EQ(decrypt(dir / "a", plain), expected) << size;
-  }
-}
-
 TEST(Pbkdf2Sha256, MatchesPublishedVectorsAndPython) {
   const auto derive = [](std::string_view password, std::string_view salt, std::uint32_t iterations) {
     return hex(pbkdf2_sha256(password, {reinterpret_cast<const std::uint8_t*>(salt.data()), salt.size()}, iterations));
@@ -51,13 +42,20 @@ TEST(Pbkdf2Sha256, MatchesPublishedVectorsAndPython) {
                                 {longest}));
 }
 
-// A two-chunk archive. Rows that open a record start from a full output
-// buffer and must leave it wiped, or untouched when refused for its bounds; rows that read the archive must have handed
-// out no plaintext past the last chunk proved.
-TEST(AuthenticatedChunks, FailureTable) {
+// Archives written by Python decrypt chunk by chunk: with a short last chunk,
+// with every chunk full and more of them than the reader may run ahead, and
+// with none. Then the failures, on the two-chunk one: rows that open a record
+// start from a full output buffer and must leave it wiped, or untouched when
+// refused for its bounds; rows that read the archive must have handed out no
+// plaintext past the last chunk proved.
+TEST(AuthenticatedChunks, PythonArchivesDecryptAndFailuresReleaseNothingUnproved) {
   const testing::TempDir dir;
-  make_archive(dir / "a", 65546);
-  make_archive(dir / "big", 100 * 65536);  // more records than the reader may run ahead
+  for (const auto& [name, size] :
+       std::vector<std::pair<std::string, std::uint64_t>>{{"a", 65546}, {"big", 100 * 65536}, {"empty", 0}}) {
+    const std::string expected = make_archive(dir / name, size);
+    std::string plain;
+    EXPECT_EQ(decrypt(dir / name, plain), expected) << size;
+  }
   const auto flip = [](std::string text, std::size_t at, char mask = 4) { return text[at] ^= mask, text; };
   const std::string file = testing::read_text(dir / "a"), chunk = file.substr(96, record), aad = file.substr(0, 80);
   const std::string nonce = flip(file.substr(40, 12), 11, 1);  // the first chunk's
