@@ -75,12 +75,8 @@ const std::vector<std::string> tricky = {
 // The canonical form of what parse_json read equals the canonical form
 // written in Python from Python's own reading.
 TEST(ParseJson, DirectReaderAgreesWithPython) {
-  testing::TempDir dir;
-  std::vector<std::string> paths;
   std::string ours;
   for (const auto& text : tricky) {
-    paths.push_back((dir / std::to_string(paths.size())).string());
-    testing::write_text(paths.back(), text);
     ASSERT_TRUE(read_json_directly(text).has_value()) << text;
     ours += canonical_json(parse_json(text, big)) + "\n";
   }
@@ -91,9 +87,9 @@ def c(v):
   if isinstance(v,str): return b'"'+v.encode().replace(b'\\',b'\\\\').replace(b'"',b'\\"')+b'"'
   if isinstance(v,list): return b'['+b','.join(map(c,v))+b']'
   return b'{'+b','.join(c(k)+b':'+c(v[k]) for k in sorted(v,key=str.encode))+b'}'
-for p in sys.argv[1:]: sys.stdout.buffer.write(c(json.loads(open(p,'rb').read()))+b'\n')
+for t in sys.argv[1:]: sys.stdout.buffer.write(c(json.loads(t))+b'\n')
 )",
-                                      paths));
+                                      tricky));
 }
 
 // Mutated documents give the same value or the same refusal, code and message,
