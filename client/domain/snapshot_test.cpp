@@ -108,6 +108,27 @@ TEST(SnapshotExtraction, ArchiveExchangedAtAnyMomentYieldsOnlyTheAuthenticatedBy
   exchanger.join();
 }
 
+// On a small file system mounted where nobody else sees it. The big file
+// comes first in the tar, so a refusal there means no file data at all
+// reached the volume, whether extraction reserves itself or fills a reserved tree.
+TEST(SnapshotExtraction, SpaceIsClaimedBeforeTheFirstByte) {
+  Packed packed({{"a/big.bin", std::string(2 << 20, 'q')}, {"bin/game", "#!/bin/sh\n", true}, {"z", "last"}});
+  testing::write_text(packed.dir / "manifest.json", packed.manifest.document.dump());
+  const std::string mount = (packed.dir / "mnt").string();
+  fs::create_directory(mount);
+  for (const std::string options : {"", "--reserve"}) {
+    const auto result = testing::run_in_private_mounts(
+        "mount -t tmpfs -o size=1m tmpfs '" + mount + "' && \"$TOOL\" extract '" +
+        (packed.dir / "manifest.json").string() + "' '" + packed.archive.string() + "' '" + mount + "/staging' " +
+        options + "; echo files=$(find '" + mount + "' -type f | wc -l) used=$(df --output=used -B1 '" + mount +
+        "' | tail -1 | tr -d ' ')");
+    EXPECT_EQ(result.out,
+              "error insufficient_space: Cannot reserve file data; free space or choose other game storage\n"
+              "files=0 used=0\n")
+        << options << result.err;
+  }
+}
+
 // ---- Failures: hostile archives, then damaged trees ----------------------
 
 using Action = std::function<void(Packed&)>;
