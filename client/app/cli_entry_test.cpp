@@ -73,9 +73,6 @@ TEST(CliEntry, AcceptsOrRefusesEachCodePathWithItsCodeAndMessage) {
       {"open g files", "usage: Open expects content, saves or state"},
       {"preload Star", "usage: Game, build, session, report and operation IDs must be valid identifiers"},
       {"crashes show ..", "usage: Game, build, session, report and operation IDs must be valid identifiers"},
-      {"update g --after-exit --build b --session S",
-       "usage: Game, build, session, report and operation IDs must be valid identifiers"},
-      {"channel set g Beta", "usage: Game, build, session, report and operation IDs must be valid identifiers"},
   };
   for (const auto& [line, expected] : rows) {
     EXPECT_EQ(verdict(split(line)), expected) << line;

@@ -83,7 +83,6 @@ TEST(LauncherRuntime, RefusalsNameTheirCauseAndKeepNoLease) {
        "launcher_state: Launcher manifest identity is invalid"},
       {helper(staged, "crash-handler"),
        "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
-      {launcher(staged, {}), "launcher_staging: A staged Zorvi image cannot initialize; start the installed bootstrap"},
       {helper(crash, "updater"), "launcher_helper: Unsupported native helper role"},
       {helper(in.dir / "link", "crash-handler"),
        "launcher_identity: Native helper image must be an ordinary physical path"},
