@@ -97,6 +97,14 @@ TEST_F(BootstrapUpdate, RefusalsLeaveTheInstalledTreeAsItWas) {
       stage(data);
     };
   };
+  // Setup records that status cannot read, the first at the bound of what it reads, the last one past it.
+  const auto status_of = [&](const std::string& record) {
+    return [&, record] {
+      testing::write_text(data / "native/setup-status.json", record);
+      NativeInstaller::status(data);
+    };
+  };
+  const std::string unknown = R"({"schema_version": 2})";
   json other = good;
   other["archive"]["target"] = "bootstrap-1.0.0.tar.zst";  // signed, with another length and hash
   const std::pair<std::function<void()>, std::string> rows[] = {
@@ -114,6 +122,11 @@ TEST_F(BootstrapUpdate, RefusalsLeaveTheInstalledTreeAsItWas) {
       {published(std::string(524289, ' ')), "size_limit: Bootstrap update manifest exceeds 512 KiB"},
       {published(other.dump()),
        "content_mismatch: Bootstrap archive is not authorized with its declared length and hash"},
+      {status_of(unknown + std::string(65536 - unknown.size(), ' ')),
+       "unsupported_schema: Unsupported setup status record"},
+      {status_of(R"({"schema_version": 1, "kind": "zorvi-setup-status"})"),
+       "unsupported_schema: Setup status record is malformed: " + (data / "native/setup-status.json").string()},
+      {status_of(std::string(65537, ' ')), "size_limit: File exceeds read limit"},
   };
   for (const auto& [run, expected] : rows) EXPECT_EQ(testing::outcome(run), expected);
   release("2.2.0");
