@@ -7,19 +7,15 @@
 
 #include "client/platform/files.hpp"
 #include "tests/support/files_support.hpp"
-#include "tests/support/snapshot_support.hpp"
+#include "tests/support/sample_launcher.hpp"
 
 namespace zorvi {
 namespace {
 
 // A store seeded from a real packed launcher tree, its candidate not yet tried.
 json seeded(const testing::TempDir& dir, const LauncherStore& store) {
-  testing::write_tree(dir / "tree", {{"bin/zorvi", "cli", true}, {"bin/zorvi-gui", "gui", true}});
-  testing::pack_tree(dir / "tree", dir / "l.tar.zst");
-  json manifest = testing::python_manifest(dir / "tree", dir / "l.tar.zst");
-  manifest.update(testing::launcher_release_fields("1.0.0"));
-  manifest["platform"] = "linux-x86_64";
-  return store.seed_initial(manifest.dump(), dir / "l.tar.zst", {});
+  const testing::SampleRelease release(dir.path(), "1.0.0", 0, 0, "");
+  return store.seed_initial(release.manifest, release.archive, {});
 }
 
 // While a real launcher process holds the attempt's lease, every refusal

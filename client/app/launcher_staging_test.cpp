@@ -3,7 +3,7 @@
 #include "client/app/launcher.hpp"
 #include "client/app/launcher_download.hpp"
 #include "client/domain/snapshot.hpp"
-#include "tests/support/snapshot_support.hpp"
+#include "tests/support/sample_launcher.hpp"
 #include "tests/support/tuf_support.hpp"
 
 namespace zorvi::testing {
@@ -13,18 +13,13 @@ namespace fs = std::filesystem;
 
 // Real launcher releases published by python-tuf over nginx, and data folders to stage them into.
 struct Releases {
-  // Packs a tree for `build` and lets `change` alter its manifest.
+  // Publishes a sample release of `build`, its manifest altered by `change`.
   json publish(const std::string& build, const std::function<void(json&)>& change = {}) {
-    const fs::path tree = repository.dir / ("tree-" + build), archive = repository.dir / (build + ".tar.zst");
-    write_tree(tree, {{"bin/zorvi", "cli", true}, {"bin/zorvi-gui", "gui", true}});
-    pack_tree(tree, archive);
-    json document = python_manifest(tree, archive);
-    document.update(testing::launcher_release_fields(build));
-    if (change) change(document);
-    write_text(repository.dir / "manifest.json", document.dump());
-    repository.run("target snapshots/test.tar.zst @" + archive.string());  // each build replaces the last one's archive
-    repository.run("target " + launcher_manifest_target() + " @" + (repository.dir / "manifest.json").string());
-    return launcher_reference(digest(document.dump(), "sha256"), build);
+    SampleRelease release(repository.dir.path(), build, 0, 0, "");
+    json document = json::parse(release.manifest);
+    if (change) change(document), release.manifest = document.dump();
+    release.publish(repository);
+    return launcher_reference(digest(release.manifest, "sha256"), build);
   }
   // The result, or "code: message [detail]" of the failure; the phases are recorded.
   std::string stage(const LauncherStore& store, bool optional) {

@@ -9,7 +9,7 @@
 
 #include "client/domain/snapshot.hpp"
 #include "client/platform/files.hpp"
-#include "tests/support/snapshot_support.hpp"
+#include "tests/support/sample_launcher.hpp"
 
 namespace zorvi {
 namespace {
@@ -18,39 +18,26 @@ namespace fs = std::filesystem;
 using testing::outcome;
 using testing::TempDir;
 
-struct Version {
-  std::string bytes;
-  fs::path archive;
-  json reference;
-};
-
-// A real launcher release of a real packed tree.
-Version make_version(const TempDir& dir, const std::string& build, const std::string& platform = "linux-x86_64") {
-  const fs::path tree = dir / ("tree-" + build), archive = dir / (build + ".tar.zst");
-  testing::write_tree(tree, {{"bin/zorvi", "cli " + build, true}, {"bin/zorvi-gui", "gui", true}, {"share/a", "a"}});
-  testing::pack_tree(tree, archive);
-  json document = testing::python_manifest(tree, archive);
-  document.update(testing::launcher_release_fields(build));
-  document["platform"] = platform;
-  return {document.dump(), archive, launcher_reference(digest(document.dump(), "sha256"), build)};
-}
+using testing::SampleRelease;
 
 // What a staging or a seeding leaves before its state is saved.
-void place_version(const LauncherStore& store, const Version& version) {
+void place_version(const LauncherStore& store, const SampleRelease& version) {
   atomic_create(store.launcher_directory() / "manifests" / (version.reference.value("manifest_sha256", "") + ".json"),
-                version.bytes);
-  extract_snapshot(LauncherManifest::parse(json::parse(version.bytes)).snapshot, version.archive,
+                version.manifest);
+  extract_snapshot(LauncherManifest::parse(json::parse(version.manifest)).snapshot, version.archive,
                    store.payload(version.reference), {}, nullptr);
 }
 
 // Seeding, then every refusal, each of which must leave the stored state as it was.
 TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
   TempDir dir;
-  const Version version = make_version(dir, "1.0.0"), foreign = make_version(dir, "2.0.0", "macos-aarch64");
+  const SampleRelease version(dir.path(), "1.0.0", 0, 0, "");
+  json foreign = json::parse(version.manifest);
+  foreign["platform"] = "macos-aarch64";
   const LauncherStore store(dir / "x/../data/", true), fresh(dir / "fresh", true);
   EXPECT_EQ(store.root(), fs::canonical(dir.path()) / "data");
   EXPECT_EQ(store.status()["installed"], false);
-  const json seeded = store.seed_initial(version.bytes, version.archive, {});
+  const json seeded = store.seed_initial(version.manifest, version.archive, {});
   const json base = LauncherStore::existing(dir / "data").load();
   // Only a confirmed first start makes it active.
   EXPECT_EQ(json({base["generation"], base["candidate"], base["active"]}), json({1, seeded, nullptr}));
@@ -87,9 +74,9 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
       {base, [&] { store.manifest(tampered); }, "content_mismatch: Stored launcher manifest changed"},
       {base, [&] { store.manifest(launcher_reference(seeded["manifest_sha256"], "1.0.1")); },
        "launcher_state: Launcher identity/platform differs from its local reference"},
-      {base, [&] { store.seed_initial(version.bytes, version.archive, {}); },
+      {base, [&] { store.seed_initial(version.manifest, version.archive, {}); },
        "already_installed: Initial launcher seeding requires a new owned profile"},
-      {base, [&] { fresh.seed_initial(foreign.bytes, foreign.archive, {}); },
+      {base, [&] { fresh.seed_initial(foreign.dump(), version.archive, {}); },
        "launcher_incompatible: Initial launcher targets another native platform"},
       {base, [&] { fresh.fallback_active(); }, "launcher_missing: No installed Zorvi version could be started"},
       {base, [&] { LauncherStore::existing(dir.path()); }, "unsafe_path: Cannot inspect prepared directory identity"},
@@ -110,7 +97,7 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
 TEST(LauncherStore, FallbackTakesTheNewestUsableVersionWithinItsBound) {
   TempDir dir;
   const LauncherStore store(dir / "data", true);
-  const Version first = make_version(dir, "1.0.0"), second = make_version(dir, "1.0.1");
+  const SampleRelease first(dir.path(), "1.0.0", 0, 0, ""), second(dir.path(), "1.0.1", 0, 0, "");
   place_version(store, first);
   place_version(store, second);
   const fs::path versions = store.launcher_directory() / "versions", impostor = versions / std::string(64, 'c');
@@ -120,7 +107,8 @@ TEST(LauncherStore, FallbackTakesTheNewestUsableVersionWithinItsBound) {
   // Newer, but not usable: a link, a tree under another version's manifest, a short name.
   fs::create_directory_symlink(store.payload(second.reference), versions / std::string(64, 'b'));
   fs::create_directory(impostor);
-  testing::write_text(store.launcher_directory() / "manifests" / (impostor.filename().native() + ".json"), first.bytes);
+  testing::write_text(store.launcher_directory() / "manifests" / (impostor.filename().native() + ".json"),
+                      first.manifest);
   fs::create_directory(versions / "short");
   EXPECT_EQ(store.fallback_active(), first.reference);
 
