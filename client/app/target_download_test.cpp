@@ -165,7 +165,8 @@ TEST(TargetDownloads, Failures) {
     return json{{"name", name}, {"text", content}};
   };
   const auto file = [&](const std::string& name, const json& document) { return text(name, document.dump()); };
-  const std::string marker_name = archive + "." + n1 + ".partial.resume.json";
+  const std::string own = n1 + ".json", own_tmp = own + "." + hex32 + ".tmp",
+                    marker_name = archive + "." + n1 + ".partial.resume.json", marker_tmp = marker_tmp;
   json marker = R"({"schema_version": 1, "kind": "zorvi-target-resume", "identity": [1, 2], "received": 0})"_json;
   marker.update({{"target", archive}, {"temporary", archive + "." + n1 + ".partial"}});
   marker.update({{"authorization", described(bytes)}, {"prefix_sha256", std::string(64, '0')}});
@@ -198,16 +199,14 @@ TEST(TargetDownloads, Failures) {
            },
            owned + "Descriptor download must not invent an installed reference"},
           {group(n1, json::array()), owned + "Invalid frozen download receipt group"},
-          {group(n1, json(65, file(n1 + ".json", receipt))), owned + "Invalid frozen download receipt group"},
+          {group(n1, json(65, file(own, receipt))), owned + "Invalid frozen download receipt group"},
           {group(n1, json::array({file(n2 + ".json", receipt)})),
            owned + "Unknown download receipt write was preserved"},
           {group(n2, json::array({file(n2 + ".json", receipt)})),
            owned + "Download receipt filename differs from its ownership identity"},
-          {group(n1, {file(n1 + ".json", receipt),
-                      file(n1 + ".json." + hex32 + ".tmp", edited(receipt, "/authorization/length", 1))}),
+          {group(n1, {file(own, receipt), file(own_tmp, edited(receipt, "/authorization/length", 1))}),
            owned + "Atomic receipt writes disagree about their owned download"},
-          {resume(
-               {file(marker_name, marker), file(marker_name + "." + hex32 + ".tmp", edited(marker, "/identity/1", 3))}),
+          {resume({file(marker_name, marker), file(marker_tmp, edited(marker, "/identity/1", 3))}),
            owned + "Resume checkpoints disagree about native file ownership"},
           {resume(json::array({file(archive + "." + n2 + ".partial.resume.json", marker)})),
            owned + "Unowned resume evidence was preserved"},
@@ -216,17 +215,15 @@ TEST(TargetDownloads, Failures) {
           {resume(json::array({file(marker_name, edited(marker, "/kind", "x"))})),
            owned + "Unknown resume metadata was preserved"},
           {resume(json(65, file(marker_name, marker))), "size_limit: Frozen resume evidence exceeds its bound"},
-          {group(n1, {file(n1 + ".json", receipt),
-                      text(n1 + ".json." + hex32 + ".tmp", wrong.substr(0, wrong.size() - 2))}),
+          {group(n1, {file(own, receipt), text(own_tmp, wrong.substr(0, wrong.size() - 2))}),
            owned + "Torn receipt write does not match its known download"},
           {group(n2, json::array({text(n2 + ".json." + hex32 + ".tmp", whole.substr(0, whole.find("\"phase\"")))})),
            owned + "Torn receipt write does not match its known download"},
-          {group(n1, {file(n1 + ".json", receipt), text(n1 + ".json." + hex32 + ".tmp", "{\"kind\":")}),
+          {group(n1, {file(own, receipt), text(own_tmp, "{\"kind\":")}),
            owned + "Unrecognized receipt-write bytes were preserved"},
-          {group(n1, json::array({text(n1 + ".json", whole.substr(0, 50))})),
+          {group(n1, json::array({text(own, whole.substr(0, 50))})),
            owned + "Unrecognized receipt-write bytes were preserved"},
-          {resume({file(marker_name, marker),
-                   text(marker_name + "." + hex32 + ".tmp", scope.substr(0, scope.size() - 2))}),
+          {resume({file(marker_name, marker), text(marker_tmp, scope.substr(0, scope.size() - 2))}),
            owned + "Torn resume write shows a different or future contract"},
           {resume(json::array({text(marker_name, marker.dump().substr(0, 40))})),
            owned + "Unknown resume-write bytes were preserved"},
