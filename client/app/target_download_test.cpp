@@ -166,7 +166,8 @@ TEST(TargetDownloads, Failures) {
   };
   const auto file = [&](const std::string& name, const json& document) { return text(name, document.dump()); };
   const std::string own = n1 + ".json", own_tmp = own + "." + hex32 + ".tmp",
-                    marker_name = archive + "." + n1 + ".partial.resume.json", marker_tmp = marker_tmp;
+                    marker_name = archive + "." + n1 + ".partial.resume.json",
+                    marker_tmp = marker_name + "." + hex32 + ".tmp";
   json marker = R"({"schema_version": 1, "kind": "zorvi-target-resume", "identity": [1, 2], "received": 0})"_json;
   marker.update({{"target", archive}, {"temporary", archive + "." + n1 + ".partial"}});
   marker.update({{"authorization", described(bytes)}, {"prefix_sha256", std::string(64, '0')}});
