@@ -32,10 +32,9 @@ class NativePackageTest : public ::testing::Test {
     const fs::path brand = shared->dir / "brand.json", icon = shared->dir / "brand.ico";
     testing::write_good_theme(shared->dir / "theme", "banner.bmp:64:32:24:0");
     testing::write_text(brand, R"({"name": "Acme Games", "id": "acme", "publisher": "Acme"})");
-    testing::run_python(
-        "import struct, sys\nopen(sys.argv[1], 'wb').write(struct.pack('<3H4B2H2I', 0, 1, 1, 1, 1, 0, 0, 1, "
-        "32, 4, 22) + bytes(4))",
-        {icon.string()});
+    // One 1x1 entry of 32 bits, 4 bytes at offset 22.
+    testing::write_text(icon,
+                        std::string("\0\0\1\0\1\0\1\1\0\0\1\0\x20\0\4\0\0\0\x16\0\0\0", 22) + std::string(4, '\0'));
     const testing::CommandResult built = shared->build(
         "https://127.0.0.1:8443", {"--brand", brand.string(), "--icon", icon.string(), "--theme",
                                    (shared->dir / "theme").string(), "--featured-game", "demo", std::string(80, 'n')});
