@@ -12,12 +12,6 @@
 namespace zorvi {
 namespace {
 
-// A store seeded from a real packed launcher tree, its candidate not yet tried.
-json seeded(const testing::TempDir& dir, const LauncherStore& store) {
-  const testing::SampleRelease release(dir.path(), "1.0.0", 0, 0, "");
-  return store.seed_initial(release.manifest, release.archive, {});
-}
-
 // While a real launcher process holds the attempt's lease, every refusal
 // leaves the state byte for byte as it was. Killed, it leaves an attempt the
 // next recovery ends as interrupted. (A confirmed start is the bootstrap's
@@ -25,7 +19,8 @@ json seeded(const testing::TempDir& dir, const LauncherStore& store) {
 TEST(LauncherAttempts, AnAttemptEndsByItsLauncherDyingOrByProof) {
   testing::TempDir dir;
   const LauncherStore store(dir / "data", true);
-  const json reference = seeded(dir, store), first = store.begin_candidate();
+  const testing::SampleRelease sample(dir.path(), "1.0.0", 0, 0, "");  // a real packed launcher tree
+  const json reference = store.seed_initial(sample.manifest, sample.archive, {}), first = store.begin_candidate();
   const LauncherManifest release = store.manifest(reference);
   const std::int64_t pid = ::getpid();
   const auto ack = store.startup_ack_path(first), program = store.payload(reference) / "bin/zorvi";
