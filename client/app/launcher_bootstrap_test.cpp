@@ -111,10 +111,9 @@ TEST(LauncherBootstrap, CandidatesAreConfirmedOrFallBackAndUnconfirmedOrDamagedV
     return boot.last_start("exec", expected) == " -- --data-dir x";
   };
   const auto backdate = [&](const json& version, int attempts) {
-    replace_private_file(start_marker_path(boot.data), json({{"manifest_sha256", version["manifest_sha256"]},
-                                                             {"started_at", std::time(nullptr) - 30},
-                                                             {"attempts", attempts}})
-                                                           .dump());
+    json marker = {{"manifest_sha256", version["manifest_sha256"]}, {"attempts", attempts}};
+    marker["started_at"] = std::time(nullptr) - 30;
+    replace_private_file(start_marker_path(boot.data), marker.dump());
   };
   testing::write_text(start_marker_path(boot.data), "{");  // unreadable: as if absent
   EXPECT_TRUE(started(b, "", 1));
