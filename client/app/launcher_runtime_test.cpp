@@ -34,12 +34,10 @@ struct Installed {
     json release = testing::python_manifest(dir / "t", dir / "l.tar.zst");
     const json crash_handler = {{"path", "bin/zz-crash"}, {"role", "crash-handler"}, {"lease_abi", 1}};
     release.update(testing::launcher_release_fields("1.0.0", json::array({crash_handler})));
-    release["platform"] = "linux-x86_64";
-    release["executable"] = "bin/zorvi";
+    release.update({{"platform", "linux-x86_64"}, {"executable", "bin/zorvi"}});
     reference = store.seed_initial(release.dump(), dir / "l.tar.zst", {});
     payload = store.payload(reference);
-    guard =
-        store.launcher_directory() / "leases/versions" / (reference["manifest_sha256"].get<std::string>() + ".lock");
+    guard = store.launcher_directory() / "leases/versions" / (reference.value("manifest_sha256", "") + ".lock");
   }
 
   // Starts `image` with the startup variables of a GUI trial of `attempt`, after `changes`.
