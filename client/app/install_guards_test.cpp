@@ -33,8 +33,6 @@ TEST(InstallGuards, RefusesAnImageBelowAnyUnfinishedLevel) {
       "native_install_incomplete: This image belongs to an unfinished package; it cannot start";
   const std::pair<fs::path, std::string> cases[] = {
       {dir / ".zorvi-native-bundle-incomplete.json", unfinished},
-      {dir / "install/native/.zorvi-launcher-package-incomplete.json", unfinished},
-      {bin / ".zorvi-initial-package-incomplete.json", unfinished},
       {bin / ".zorvi-setup-incomplete", setup_unfinished(bin)},
       {dir / ".zorvi-setup-incomplete", setup_unfinished(dir.path())},
   };
@@ -57,34 +55,26 @@ TEST(InstallGuards, KnowsExactlyTheTwoImageShapesWithinTheirBounds) {
 
   fs::path deep = "/";
   for (int i = 0; i < 255; ++i) deep /= "d";
-  const std::string unknown = "native_install_trust: Unknown installed bootstrap entry";
   const std::string unnormal = "unsafe_path: Bootstrap image path must be absolute and normalized";
   const std::pair<std::function<void()>, std::string> cases[] = {
       {[&] { require_complete_native_install_image(deep / "image"); }, "ok"},
       {[&] { require_complete_native_install_image(deep / "d/image"); }, "unsafe_path: Native image path is too deep"},
-      {[] { installed_data_root("/data/native/bootstrap/bin/zorvi-bootstrap-copy"); }, unknown},
-      {[] { installed_data_root("/bootstrap/bin/zorvi-bootstrap"); }, unknown},
+      {[] { installed_data_root("/data/native/bootstrap/bin/zorvi-bootstrap-copy"); },
+       "native_install_trust: Unknown installed bootstrap entry"},
       {[] { installed_data_root("data/native/bootstrap/bin/zorvi-bootstrap"); }, unnormal},
   };
   for (const auto& [call, expected] : cases) EXPECT_EQ(outcome(call), expected) << expected;
 }
 
-TEST(InstallGuards, HoldsTheLifetimeLockShared) {
+// Bootstraps and the shortcut helper share the lifetime lock; only a
+// replacement of the image takes it alone.
+TEST(InstallGuards, HoldsTheLifetimeLockSharedInAFinishedInstallation) {
   TempDir root;
   fs::create_directories(root / "native/bootstrap/bin");
-  const auto update = [&] {
-    NativeFileLock(root / ".native-bootstrap.lock", false, NativeLockSharing::exclusive_install, LockMode::exclusive);
-  };
   {
     const auto first = bootstrap_lifetime(root.path() / bootstrap_image);
-    const auto second = bootstrap_lifetime(root.path() / helper_image);
-    // A replacement of the image needs the lock exclusively, and must wait.
-    EXPECT_TRUE(outcome(update).starts_with("busy: ")) << outcome(update);
+    EXPECT_EQ(outcome([&] { bootstrap_lifetime(root.path() / helper_image); }), "ok");
   }
-  EXPECT_EQ(outcome(update), "ok");
-
-  EXPECT_EQ(outcome([&] { bootstrap_lifetime(root / "native/bootstrap/bin/zorvi-bootstrap.old"); }),
-            "native_install_trust: Unknown installed bootstrap entry");
   testing::write_text(root / ".zorvi-setup-incomplete", "");
   EXPECT_EQ(outcome([&] { bootstrap_lifetime(root.path() / bootstrap_image); }), setup_unfinished(root.path()));
 }

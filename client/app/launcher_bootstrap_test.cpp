@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <sstream>
-
 #include "client/domain/snapshot.hpp"
 #include "client/platform/files.hpp"
 #include "tests/support/snapshot_support.hpp"
@@ -58,9 +56,9 @@ struct Bootstrap {
   // The forwarded arguments of the last launcher start, proved to be a start
   // of `reference` under trial ("trial") or in the bootstrap's place ("exec").
   std::string last_start(std::string prefix, const json& reference) const {
-    std::istringstream lines(testing::read_text(log));
-    std::string line, last;
-    while (std::getline(lines, line)) last = line;
+    std::string text = testing::read_text(log);
+    text.pop_back();  // the last line's end
+    const std::string last = text.substr(text.rfind('\n') + 1);
     // A start outside a trial must see the startup variables cleared.
     prefix += " " + reference.at("manifest_sha256").get<std::string>() + (prefix == "exec" ? " cleared" : "") +
               " --data-dir " + data.native();
@@ -113,10 +111,9 @@ TEST(LauncherBootstrap, CandidatesAreConfirmedOrFallBackAndUnconfirmedOrDamagedV
     return boot.last_start("exec", expected) == " -- --data-dir x";
   };
   const auto backdate = [&](const json& version, int attempts) {
-    replace_private_file(start_marker_path(boot.data), json({{"manifest_sha256", version["manifest_sha256"]},
-                                                             {"started_at", std::time(nullptr) - 30},
-                                                             {"attempts", attempts}})
-                                                           .dump());
+    json marker = {{"manifest_sha256", version["manifest_sha256"]}, {"attempts", attempts}};
+    marker["started_at"] = std::time(nullptr) - 30;
+    replace_private_file(start_marker_path(boot.data), marker.dump());
   };
   testing::write_text(start_marker_path(boot.data), "{");  // unreadable: as if absent
   EXPECT_TRUE(started(b, "", 1));

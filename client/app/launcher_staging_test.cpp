@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <csignal>
-
 #include "client/app/launcher.hpp"
 #include "client/app/launcher_download.hpp"
 #include "client/domain/snapshot.hpp"
-#include "tests/support/process_support.hpp"
-#include "tests/support/snapshot_support.hpp"
+#include "tests/support/sample_launcher.hpp"
 #include "tests/support/tuf_support.hpp"
 
 namespace zorvi::testing {
@@ -16,36 +13,23 @@ namespace fs = std::filesystem;
 
 // Real launcher releases published by python-tuf over nginx, and data folders to stage them into.
 struct Releases {
-  // Packs a tree for `build` (incompressible, so a download makes many progress calls), lets `change` alter its
-  // manifest.
+  // Publishes a sample release of `build`, its manifest altered by `change`.
   json publish(const std::string& build, const std::function<void(json&)>& change = {}) {
-    const fs::path tree = repository.dir / ("tree-" + build), archive = repository.dir / (build + ".tar.zst");
-    write_tree(tree, {{"bin/zorvi", "cli", true},
-                      {"bin/zorvi-gui", "gui", true},
-                      {"noise", run_python("import os, sys; sys.stdout.buffer.write(os.urandom(3 << 20))")}});
-    pack_tree(tree, archive);
-    json document = python_manifest(tree, archive);
-    document.update(testing::launcher_release_fields(build));
-    if (change) change(document);
-    write_text(repository.dir / "manifest.json", document.dump());
-    repository.run("target snapshots/test.tar.zst @" + archive.string());  // each build replaces the last one's archive
-    repository.run("target " + launcher_manifest_target() + " @" + (repository.dir / "manifest.json").string());
-    return launcher_reference(digest(document.dump(), "sha256"), build);
+    SampleRelease release(repository.dir.path(), build, 0, 0, "");
+    json document = json::parse(release.manifest);
+    if (change) change(document), release.manifest = document.dump();
+    release.publish(repository);
+    return launcher_reference(digest(release.manifest, "sha256"), build);
   }
-  // The result, or "code: message [detail]" of the failure. The phases are recorded; `kill_at` names one
-  // ("staging"), or its first progress call ("staging 1"), at which this process dies.
-  std::string stage(const LauncherStore& store, bool optional, const std::string& kill_at = "") {
+  // The result, or "code: message [detail]" of the failure; the phases are recorded.
+  std::string stage(const LauncherStore& store, bool optional) {
     TufClient client = repository.client();
     const LauncherPhase phase = [&](std::string_view word, bool) {
       if (word == "verifying") phases.clear();
-      if (phases.emplace_back(word) == kill_at) ::raise(SIGKILL);
-    };
-    const Progress progress = [&](std::uint64_t done, std::uint64_t) {
-      if (done > 0 && phases.back() + " 1" == kill_at) ::raise(SIGKILL);
-      return true;
+      phases.emplace_back(word);
     };
     try {
-      return store.stage(client, progress, phase, optional).dump();
+      return store.stage(client, {}, phase, optional).dump();
     } catch (const Error& error) {
       return error.code + ": " + error.what() + (error.details.empty() ? "" : " [" + error.details.at(0) + "]");
     }
@@ -150,23 +134,6 @@ TEST_F(LauncherStaging, Failures) {
   }
   EXPECT_EQ(outcome([&] { require_launcher_download_room(dir.path(), 10, 0, {11, false, true}); }),
             "launcher_storage_full: Existing download exceeds its signed budget");
-}
-
-// A staging child killed at each durable step, then a new staging in this process.
-TEST_F(LauncherStaging, AStagingKilledAtAnyDurableStepIsFinishedByTheNext) {
-  const json release = publish("1.0.0");
-  for (const std::string point : {"downloading", "downloading 1", "staging", "staging 1", "activating"}) {
-    const LauncherStore store(dir / point, true);
-    EXPECT_EQ(in_subprocess([&] { return stage(store, false, point); }), " [subprocess status 9]") << point;
-    EXPECT_EQ(store.load()["generation"], 0);
-    EXPECT_EQ(fs::is_empty(store.launcher_directory() / "intents"), point != "staging 1")
-        << point;  // the record names the work
-    if (point == "activating")
-      fill(store.launcher_directory() / "versions", 7);  // a whole version passes the bound, is proved, not unpacked
-    EXPECT_EQ(stage(store, false), staged(release)) << point;
-    EXPECT_EQ(phases.at(2), point == "activating" ? "activating" : "staging") << point;
-    verify_snapshot_tree(store.manifest(release).snapshot, store.payload(release), {});
-  }
 }
 
 }  // namespace

@@ -1,18 +1,15 @@
 #include "client/app/launcher.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <memory>
 #include <thread>
 #include <typeinfo>
 
 #include "client/domain/snapshot.hpp"
 #include "client/platform/files.hpp"
-#include "tests/support/snapshot_support.hpp"
+#include "tests/support/sample_launcher.hpp"
 
 namespace zorvi {
 namespace {
@@ -21,39 +18,26 @@ namespace fs = std::filesystem;
 using testing::outcome;
 using testing::TempDir;
 
-struct Version {
-  std::string bytes;
-  fs::path archive;
-  json reference;
-};
-
-// A real launcher release of a real packed tree.
-Version make_version(const TempDir& dir, const std::string& build, const std::string& platform = "linux-x86_64") {
-  const fs::path tree = dir / ("tree-" + build), archive = dir / (build + ".tar.zst");
-  testing::write_tree(tree, {{"bin/zorvi", "cli " + build, true}, {"bin/zorvi-gui", "gui", true}, {"share/a", "a"}});
-  testing::pack_tree(tree, archive);
-  json document = testing::python_manifest(tree, archive);
-  document.update(testing::launcher_release_fields(build));
-  document["platform"] = platform;
-  return {document.dump(), archive, launcher_reference(digest(document.dump(), "sha256"), build)};
-}
+using testing::SampleRelease;
 
 // What a staging or a seeding leaves before its state is saved.
-void place_version(const LauncherStore& store, const Version& version) {
+void place_version(const LauncherStore& store, const SampleRelease& version) {
   atomic_create(store.launcher_directory() / "manifests" / (version.reference.value("manifest_sha256", "") + ".json"),
-                version.bytes);
-  extract_snapshot(LauncherManifest::parse(json::parse(version.bytes)).snapshot, version.archive,
+                version.manifest);
+  extract_snapshot(LauncherManifest::parse(json::parse(version.manifest)).snapshot, version.archive,
                    store.payload(version.reference), {}, nullptr);
 }
 
 // Seeding, then every refusal, each of which must leave the stored state as it was.
 TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
   TempDir dir;
-  const Version version = make_version(dir, "1.0.0"), foreign = make_version(dir, "2.0.0", "macos-aarch64");
+  const SampleRelease version(dir.path(), "1.0.0", 0, 0, "");
+  json foreign = json::parse(version.manifest);
+  foreign["platform"] = "macos-aarch64";
   const LauncherStore store(dir / "x/../data/", true), fresh(dir / "fresh", true);
   EXPECT_EQ(store.root(), fs::canonical(dir.path()) / "data");
   EXPECT_EQ(store.status()["installed"], false);
-  const json seeded = store.seed_initial(version.bytes, version.archive, {});
+  const json seeded = store.seed_initial(version.manifest, version.archive, {});
   const json base = LauncherStore::existing(dir / "data").load();
   // Only a confirmed first start makes it active.
   EXPECT_EQ(json({base["generation"], base["candidate"], base["active"]}), json({1, seeded, nullptr}));
@@ -90,9 +74,9 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
       {base, [&] { store.manifest(tampered); }, "content_mismatch: Stored launcher manifest changed"},
       {base, [&] { store.manifest(launcher_reference(seeded["manifest_sha256"], "1.0.1")); },
        "launcher_state: Launcher identity/platform differs from its local reference"},
-      {base, [&] { store.seed_initial(version.bytes, version.archive, {}); },
+      {base, [&] { store.seed_initial(version.manifest, version.archive, {}); },
        "already_installed: Initial launcher seeding requires a new owned profile"},
-      {base, [&] { fresh.seed_initial(foreign.bytes, foreign.archive, {}); },
+      {base, [&] { fresh.seed_initial(foreign.dump(), version.archive, {}); },
        "launcher_incompatible: Initial launcher targets another native platform"},
       {base, [&] { fresh.fallback_active(); }, "launcher_missing: No installed Zorvi version could be started"},
       {base, [&] { LauncherStore::existing(dir.path()); }, "unsafe_path: Cannot inspect prepared directory identity"},
@@ -113,9 +97,8 @@ TEST(LauncherStore, SeedsACandidateAndFailuresChangeNoStoredState) {
 TEST(LauncherStore, FallbackTakesTheNewestUsableVersionWithinItsBound) {
   TempDir dir;
   const LauncherStore store(dir / "data", true);
-  const Version first = make_version(dir, "1.0.0"), second = make_version(dir, "1.0.1");
-  place_version(store, first);  // as a seeding killed before it saved its state leaves it
-  EXPECT_EQ(outcome([&] { store.seed_initial(first.bytes, first.archive, {}); }).substr(0, 17), "already_installed");
+  const SampleRelease first(dir.path(), "1.0.0", 0, 0, ""), second(dir.path(), "1.0.1", 0, 0, "");
+  place_version(store, first);
   place_version(store, second);
   const fs::path versions = store.launcher_directory() / "versions", impostor = versions / std::string(64, 'c');
   const auto past = fs::file_time_type::clock::now() - std::chrono::hours(1);
@@ -124,7 +107,8 @@ TEST(LauncherStore, FallbackTakesTheNewestUsableVersionWithinItsBound) {
   // Newer, but not usable: a link, a tree under another version's manifest, a short name.
   fs::create_directory_symlink(store.payload(second.reference), versions / std::string(64, 'b'));
   fs::create_directory(impostor);
-  testing::write_text(store.launcher_directory() / "manifests" / (impostor.filename().native() + ".json"), first.bytes);
+  testing::write_text(store.launcher_directory() / "manifests" / (impostor.filename().native() + ".json"),
+                      first.manifest);
   fs::create_directory(versions / "short");
   EXPECT_EQ(store.fallback_active(), first.reference);
 
@@ -145,33 +129,8 @@ TEST(LauncherStore, OwnerRetriesUntilTheHolderLeaves) {
   // flock conflicts between two opens of the file even within one process.
   auto holder = std::make_unique<FileLock>(store.launcher_directory() / "bootstrap.lock", false, LockMode::shared);
   EXPECT_EQ(outcome([&] { store.owner(); }), "busy: Another Zorvi operation is using this state");
-  std::thread leave([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    holder.reset();
-  });
+  std::jthread leave([&] { std::this_thread::sleep_for(std::chrono::milliseconds(300)), holder.reset(); });
   EXPECT_EQ(outcome([&] { store.owner(); }), "ok");
-  leave.join();
-}
-
-TEST(LauncherStore, SaveKilledAtAnyPointLeavesAWholeDocument) {
-  TempDir dir;
-  const LauncherStore store(dir / "data", true);
-  for (int round = 1; round <= 8; ++round) {
-    const pid_t saver = ::fork();
-    if (saver == 0) {
-      try {
-        for (json next = store.load();; next = store.load()) store.save(next);
-      } catch (...) {
-        ::_exit(1);
-      }
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(4 * round));
-    ::kill(saver, SIGKILL);
-    ::waitpid(saver, nullptr, 0);
-    json state = LauncherStore(dir / "data", true).load();  // the old document or the new, whole
-    store.save(state);
-    EXPECT_EQ(store.load(), state);
-  }
 }
 
 }  // namespace

@@ -18,11 +18,11 @@ namespace fs = std::filesystem;
 TEST(MaintenanceHandoff, RemovesABigTreeOnItsWorkerAndCanBeCancelledWhileItWaits) {
   testing::TempDir dir;
   const fs::path data = fs::canonical(dir.path()) / "data";
-  testing::run_python(
-      "import os, sys\nos.makedirs(sys.argv[1] + '/userdata')\nfor i in range(2000):\n d = '%s/launcher/%d' % "
-      "(sys.argv[1], i % 40)\n"
-      " os.makedirs(d, exist_ok=True)\n open('%s/%d' % (d, i), 'wb').write(os.urandom(4096))",
-      {data.string()});
+  fs::create_directories(data / "userdata");
+  for (int i = 0; i < 2000; ++i) {
+    fs::create_directories(data / "launcher" / std::to_string(i % 40));
+    testing::write_text(data / "launcher" / std::to_string(i % 40) / std::to_string(i), std::string(4096, 'x'));
+  }
   const auto bootstrap_running = [&] {  // in a folder whose last removal was cut short
     testing::write_text(data / ".zorvi-setup-incomplete", "");
     return std::make_unique<NativeFileLock>(data / ".native-bootstrap.lock", true, NativeLockSharing::exclusive_install,
