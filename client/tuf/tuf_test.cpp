@@ -17,17 +17,9 @@ std::map<std::string, std::string> stored(const std::filesystem::path& trust, bo
   return files;
 }
 
-TEST(TufClient, FindsTargetsThroughDelegationsWithEveryKeyType) {
-  for (const std::string keys : {"ed25519", "rsa", "ecdsa", "ml-dsa"}) {
-    TufRepository repository("threshold=2 roles=2 targets=4 keys=" + keys + (keys == "rsa" ? "" : " consistent=1"));
-    const json file = repository.client().target("set1/file3.bin");
-    EXPECT_EQ(file.at("hashes").at("sha256"), digest(read_text(repository.repo / "targets/set1/file3.bin"), "sha256"));
-    EXPECT_TRUE(std::filesystem::exists(role_cache(repository.trust, "role1"))) << keys;
-  }
-}
-
+// Two signatures a role, and roles fetched by their versioned names.
 TEST(TufClient, DelegationSearchFollowsLevelsAndStopsAtTerminatingRoles) {
-  TufRepository repository;
+  TufRepository repository("threshold=2 consistent=1");
   for (const std::string& command : std::vector<std::string>{
            "delegate targets a paths x/* terminating", "delegate targets c paths */*", "target x/other.bin 8 c",
            "target y/stray.bin 8 a", "target y/c.bin 8 c",
@@ -36,6 +28,7 @@ TEST(TufClient, DelegationSearchFollowsLevelsAndStopsAtTerminatingRoles) {
   TufClient client = repository.client();
   EXPECT_EQ(client.target("x/deep.bin").at("length"), 8);
   EXPECT_EQ(client.target("y/c.bin").at("length"), 8);
+  EXPECT_TRUE(std::filesystem::exists(role_cache(repository.trust, "b")));
   // "a" is terminating and claims x/*, so "c" is never asked; "a" lists y/stray.bin outside its paths.
   for (const std::string path : {"x/other.bin", "y/stray.bin"})
     EXPECT_EQ(outcome([&] { client.target(path); }),
