@@ -13,12 +13,6 @@ namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
 struct LauncherUpdate : ::testing::Test {
-  // Stages the published release in this process, the quick way to a candidate.
-  void stage_here() {
-    TufClient client = repository.client();
-    client.refresh();
-    install.store.stage(client, {}, {}, false);
-  }
   // A start of the real bootstrap, which must succeed: the launcher line it logged last.
   std::string started(const std::vector<std::string>& arguments = {"--gui"}, const std::string& mode = "",
                       const std::map<std::string, std::string>& extra = {}) const {
@@ -35,14 +29,14 @@ struct LauncherUpdate : ::testing::Test {
   SampleRelease first{repository.dir.path(), "1.0.0"}, second{repository.dir.path(), "2.0.0"};
 };
 
-TEST_F(LauncherUpdate, ANewReleaseIsKeptWithTheOldAsRollbackAndAFailedOneFallsBackToActiveRollbackOrDisk) {
+TEST_F(LauncherUpdate, ANewReleaseIsKeptWithTheOldAsRollbackAndAFailedOneFallsBackToTheActive) {
   install.seed(first);
   // A first launcher is tried like any candidate, with nothing behind it.
   EXPECT_EQ(started(), ran("trial", "1.0.0"));
   EXPECT_EQ(install.slots(), "1.0.0 - - -");
 
   second.publish(repository);
-  CommandResult run = install.stage(repository);  // refresh, find, budget, download, extract, name the candidate
+  const CommandResult run = install.stage(repository);  // refresh, find, budget, download, extract, name the candidate
   ASSERT_EQ(run.status, 0) << run.out;
   EXPECT_EQ(json::parse(run.out)["manifest_sha256"], second.reference["manifest_sha256"]);
   EXPECT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
@@ -55,38 +49,14 @@ TEST_F(LauncherUpdate, ANewReleaseIsKeptWithTheOldAsRollbackAndAFailedOneFallsBa
 
   const SampleRelease third(repository.dir.path(), "3.0.0");
   third.publish(repository);
-  const std::map<std::string, std::string> quick{{"ZORVI_STARTUP_LIMIT_MS", "1500"}};
-
-  for (const std::string mode : {"crash", "hang", "exit", "silent", "lie"}) {
-    SCOPED_TRACE(mode);
-    stage_here();
-    const std::size_t before = install.starts().size();
-    EXPECT_EQ(started({"--gui"}, mode, quick), ran("start", "2.0.0"));
-    EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
-    EXPECT_EQ(install.starts().size(), before + 2);  // the trial, then the active version
-  }
-
-  // Damaged files are never started: a wrong size is seen by the cheap
-  // check of every start, any change by the full check of a candidate.
-  stage_here();
-  const fs::path candidate_gui = install.store.payload(third.reference) / "bin/zorvi-gui";
-  std::string bytes = read_text(candidate_gui);
-  bytes[bytes.size() / 2] ^= 1;
-  write_text(candidate_gui, bytes);
-  fs::resize_file(install.store.payload(second.reference) / "bin/zorvi-gui", 100);
-  run = install.start();
-  EXPECT_EQ(run.status, 0) << run.err;
+  // A candidate that crashes falls back to the active version and is kept
+  // as failed (every other way of failing: launcher_bootstrap_test).
+  TufClient client = repository.client();
+  client.refresh();
+  install.store.stage(client, {}, {}, false);
+  EXPECT_EQ(started({"--gui"}, "crash", {{"ZORVI_STARTUP_LIMIT_MS", "1500"}}), ran("start", "2.0.0"));
   EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
-  EXPECT_EQ(install.starts().back(), ran("start", "1.0.0"));
-  EXPECT_EQ(
-      shown_lines(run.err),
-      Lines{
-          "launcher version unusable (launcher_damaged): Zorvi's files are damaged. Reinstall Zorvi to repair them."});
-
-  // With active and rollback both gone, the newest usable version on disk runs.
-  fs::resize_file(install.store.payload(first.reference) / "bin/zorvi-gui", 100);
-  write_text(candidate_gui, read_text(install.store.payload(third.reference) / "bin/zorvi"));
-  EXPECT_EQ(started(), ran("start", "3.0.0"));
+  EXPECT_EQ(install.starts().size(), 5u);  // the trial, then the active version
 }
 
 TEST_F(LauncherUpdate, TheHelperStartsTheRealBootstrapWhichStartsTheLauncher) {
