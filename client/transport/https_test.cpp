@@ -19,11 +19,6 @@ std::string content() {
 }
 const std::string bytes = content();
 
-struct Stub : Transport {
-  HttpResponse get(std::string_view, std::uint64_t) override { return {}; }
-  void download(std::string_view, const std::filesystem::path&, std::uint64_t, const Progress&) override {}
-};
-
 // A partial file of the whole content with its first `prefix` bytes written.
 AllocatedFile partial(const std::filesystem::path& path, std::size_t prefix, std::size_t size = bytes.size()) {
   AllocatedFile file(path, size, {});
@@ -51,7 +46,7 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
   HttpsTransport local("https://127.0.0.1:9", {}, 0, nullptr);
   write_text(dir / "report", "abc");
   const std::string token(64, 'a');
-  AllocatedFile whole = partial(dir / "whole", 4, 4), empty = partial(dir / "empty", 0, 4);
+  AllocatedFile whole = partial(dir / "whole", 4, 4);
   // clang-format off
   expect_outcomes({
       {make("HTTPS://h/"), "https_required: Zorvi service URLs must use HTTPS"},
@@ -68,7 +63,6 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
       {[&] { local.upload_report("r", dir / "report", 3, std::string(64, 'A'), {}); }, "crash_ticket: Upload capability is invalid"},
       {[&] { local.upload_report("r", dir / "report", 4, token, {}); }, "crash_changed: Frozen upload snapshot is invalid"},
       {[&] { local.download_into("a", whole, 4, {}, {}, {}); }, "download_range: Download cursor differs from the recorded prefix"},
-      {[&] { Stub().download_into("a", empty, 0, {}, {}, {}); }, "download_resume_unsupported: This transport cannot resume target downloads"},
       {budgeted(11, false, 9), "discovery_budget: Optional update check exhausted its response budget"},
       {budgeted(0, true, 9), "cancelled: Optional update check cancelled"},
       {budgeted(0, false, 31), "discovery_timeout: Optional update check exhausted its time budget"},
