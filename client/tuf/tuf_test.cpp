@@ -43,7 +43,6 @@ TEST(TufClient, AttacksAreRefusedWithNothingNewTrusted) {
            {"rollback-targets", "rollback: Snapshot removed or rolled back a known targets role"},
            {"freeze", "expired_metadata: Repository metadata has expired; previously installed games remain playable"},
            {"mix-and-match", "length_mismatch: Metadata length does not match its parent"},
-           {"duplicate-signature", "invalid_metadata: Metadata repeats a signature key ID"},
            {"revoked-key", "signature_threshold: Metadata does not meet its authorized signature threshold"}}) {
     // clang-format on
     TufRepository repository("threshold=2");
