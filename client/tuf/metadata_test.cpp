@@ -1,7 +1,5 @@
 #include "client/tuf/metadata.hpp"
 
-#include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -97,8 +95,6 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
                        {{"keyids", ids}, {"threshold", threshold}});
     };
   };
-  std::string upper = a;
-  std::ranges::transform(upper, upper.begin(), ::toupper);
   const testing::TempDir directory;
   testing::write_text(directory / "t", "hello");
   std::filesystem::create_symlink(directory / "t", directory / "link");
@@ -153,7 +149,6 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
       {signatures({sigs[0], sigs[1], forged}, {a, b, c}, 3, keys), short_of},
       {signatures({sigs[0], sigs[0]}, {a, b, c}, 2, keys), short_of},
       {signatures({sigs[0], sigs[1]}, {a, a}, 2, keys), "invalid_threshold: Signing threshold exceeds unique authorized keys"},
-      {signatures({sigs[0]}, {upper}, 1, {{upper, keys[a.get<std::string>()]}}), "keyid_mismatch: Signing key ID does not identify its canonical key"},
       {target("t", "", nullptr), "ok"},
       {target("t", "/length", 6), "length_mismatch: Target length does not match signed metadata"},
       {target("t", "/hashes/sha512", digest("hellO", "sha512")), "hash_mismatch: Target hash does not match signed metadata"},
