@@ -117,11 +117,9 @@ void craft_tar(const std::filesystem::path& tar, const json& entries) {
 }
 
 CommandResult run_in_private_mounts(const std::string& script) {
-  return run_command({"unshare", "--mount", "--propagation", "private", "env", "TOOL=" + snapshot_tool().string(), "sh",
-                      "-c", script});
+  return run_command({"unshare", "--mount", "--propagation", "private", "env",
+                      "TOOL=" + (binary_dir() / "snapshot_tool").string(), "sh", "-c", script});
 }
-
-std::filesystem::path snapshot_tool() { return binary_dir() / "snapshot_tool"; }
 
 json launcher_release_fields(const std::string& build, const json& helpers) {
   json fields = R"({"kind": "zorvi-launcher-release", "bootstrap_abi": 1, "health_abi": 1, "staging_abi": 1,

@@ -48,6 +48,5 @@ void craft_tar(const std::filesystem::path& tar, const json& entries);
 // small file systems that nobody else sees. `$TOOL` in the script names the
 // snapshot tool program.
 CommandResult run_in_private_mounts(const std::string& script);
-std::filesystem::path snapshot_tool();
 
 }  // namespace zorvi::testing
