@@ -1,7 +1,5 @@
 // A child for the process tests: reports what it inherited, waits for its
 // parent's interrupt, or replaces itself.
-#include <dirent.h>
-
 #include <cstdio>
 
 #include "client/platform/interrupt.hpp"
@@ -15,17 +13,12 @@ using zorvi::json;
 constexpr auto step = std::chrono::milliseconds(5);
 constexpr int patience_steps = 4000;  // 20 seconds, then give up
 
+// Every open descriptor but the one listing them, which names the listed folder.
 json open_descriptors() {
   json list = json::array();
-  DIR* directory = ::opendir("/proc/self/fd");
-  if (directory == nullptr) return list;
-  const int own = ::dirfd(directory);
-  while (const dirent* entry = ::readdir(directory)) {
-    if (entry->d_name[0] == '.') continue;
-    const int descriptor = std::atoi(entry->d_name);
-    if (descriptor != own) list.push_back(descriptor);
-  }
-  ::closedir(directory);
+  const std::filesystem::path own = "/proc/" + std::to_string(::getpid()) + "/fd";
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    if (std::filesystem::read_symlink(entry.path()) != own) list.push_back(std::stoi(entry.path().filename()));
   return list;
 }
 
