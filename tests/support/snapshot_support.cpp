@@ -5,14 +5,11 @@
 namespace zorvi::testing {
 namespace {
 
-std::string quoted(const std::filesystem::path& path) {
-  std::string text = "'";
-  for (char c : path.string()) text += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return text + "'";
-}
-
-void run_shell(const std::string& script) {
-  if (const CommandResult result = run_command({"sh", "-c", script}); result.status != 0)
+// `sh -c script sh args...`, which names its arguments "$1" and on.
+void run_shell(const std::string& script, const std::vector<std::string>& args) {
+  std::vector<std::string> argv{"sh", "-c", script, "sh"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  if (const CommandResult result = run_command(argv); result.status != 0)
     throw std::runtime_error(script + ": " + result.err);
 }
 
@@ -79,15 +76,15 @@ void write_tree(const std::filesystem::path& root, const std::vector<TreeFile>& 
 
 void pack_tree(const std::filesystem::path& root, const std::filesystem::path& archive, const std::string& zstd_options,
                const std::string& tar_options) {
-  run_shell("cd " + quoted(root) +
-            " && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../.files && tar --format=gnu --owner=0 --group=0 "
-            "--numeric-owner --no-recursion " +
-            tar_options + " -cf - -T ../.files | zstd -q -c " + zstd_options + " > " + quoted(archive) +
-            " && rm ../.files");
+  // The options split into words; the paths stay whole.
+  run_shell(
+      "cd \"$1\" && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../.files && tar --format=gnu --owner=0 "
+      "--group=0 --numeric-owner --no-recursion $3 -cf - -T ../.files | zstd -q -c $2 > \"$4\" && rm ../.files",
+      {root, zstd_options, tar_options, archive});
 }
 
 void compress(const std::filesystem::path& tar, const std::filesystem::path& archive, const std::string& zstd_options) {
-  run_shell("zstd -q -c " + zstd_options + " < " + quoted(tar) + " > " + quoted(archive));
+  run_shell("zstd -q -c $2 < \"$1\" > \"$3\"", {tar, zstd_options, archive});
 }
 
 json python_manifest(const std::filesystem::path& root, const std::filesystem::path& archive) {
