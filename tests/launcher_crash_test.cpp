@@ -22,12 +22,17 @@ namespace fs = std::filesystem;
 constexpr long start_steps = 9;
 
 struct LauncherCrash : ::testing::Test {
-  // 1.0.0 active and 2.0.0 staged as the candidate.
+  // 1.0.0 active, tried like any candidate with nothing behind it, and 2.0.0
+  // staged by another process as the candidate.
   void SetUp() override {
     install.seed(first);
     ASSERT_EQ(install.start().status, 0);
+    ASSERT_EQ(install.starts(), std::vector<std::string>{"trial 1.0.0 --data-dir " + install.root.string()});
     second.publish(repository);
-    ASSERT_EQ(install.stage(repository).status, 0);
+    const CommandResult staged = install.stage(repository);  // refresh, find, budget, download, extract, name
+    ASSERT_EQ(staged.status, 0) << staged.out;
+    EXPECT_EQ(json::parse(staged.out)["manifest_sha256"], second.reference["manifest_sha256"]);
+    EXPECT_TRUE(fs::is_empty(install.root / "launcher/staging"));
     ASSERT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
   }
   // A candidate orphaned by a kill may hold its attempt a moment longer,
