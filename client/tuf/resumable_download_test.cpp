@@ -43,8 +43,9 @@ TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
 // power cut leaves a state the next attempt can read.
 TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
   // Two checkpoints, the finished file and the retired marker; in one go, the finished file.
+  TufRepository repository("targets=1");
   for (const auto& [scope, expected] : std::vector<std::pair<std::string, std::size_t>>{{"s", 4}, {"", 1}}) {
-    TufRepository repository("targets=1");
+    std::filesystem::remove_all(repository.out);
     std::filesystem::create_directories(repository.out);
     TracedRun traced = run_traced(repository.fetch_command("file0.bin", "0", scope),
                                   "fsync,rename,renameat,renameat2,unlink,unlinkat");
