@@ -104,8 +104,7 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
     if (!at.empty()) described[json::json_pointer(at)] = value;
     return [=, &directory] { verify_target_file(directory / name, described, Progress()); };
   };
-  const std::string calendar = "invalid_expiry: Invalid UTC calendar time",
-                    layout = "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp";
+  const std::string calendar = "invalid_expiry: Invalid UTC calendar time";
   const std::string short_of = "signature_threshold: Metadata does not meet its authorized signature threshold";
   // clang-format off
   expect_outcomes({
@@ -128,10 +127,8 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
       {shaped("targets", file + "hashes/sha256", 1), "invalid_hashes: Hash must be a hexadecimal string"},
       {shaped("targets", file + "hashes/sha512", h64), "invalid_hashes: Hash has an invalid length or hexadecimal encoding"},
       {shaped("targets", paths + "name", ""), "size_limit: Delegated role name exceeds its bound"},
-      {shaped("targets", paths + "name", "targets"), "invalid_metadata: Delegated role names must be unique and non-top-level"},
       {shaped("targets", bins + "name", "project"), "invalid_metadata: Delegated role names must be unique and non-top-level"},
       {shaped("targets", paths + "path_hash_prefixes", none), "invalid_metadata: Delegation needs exactly one path selector and a terminating boolean"},
-      {shaped("targets", bins + "terminating", 0), "invalid_metadata: Delegation needs exactly one path selector and a terminating boolean"},
       {shaped("targets", paths + "paths/0", std::string(4097, '*')), "size_limit: Delegation pattern exceeds path limit"},
       {shaped("targets", bins + "path_hash_prefixes/0", "0A"), "invalid_metadata: Invalid delegation hash prefix"},
       {timed("2023-02-29T00:00:00Z"), calendar},
@@ -139,8 +136,7 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
       {timed("2030-01-01T00:00:60Z"), calendar},
       {timed("2030-01-01T24:00:00Z"), calendar},
       {timed("2030-01-01T00:60:00Z"), calendar},
-      {timed("2030-01-01T00:00:00.Z"), layout},
-      {timed("2030-01-01T00:00:00.1234567890Z"), layout},
+      {timed("2030-01-01T00:00:00.1234567890Z"), "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp"},
       {timed("2030-01-01T00:00:0aZ"), "invalid_expiry: Timestamp fields must contain decimal digits"},
       {timed("2030-01-01T00:00:00.12a4Z"), "invalid_expiry: Invalid fractional second"},
       {[] { unexpired(valid("root"), 1893456000000000); }, "expired_metadata: Repository metadata has expired; previously installed games remain playable"},
