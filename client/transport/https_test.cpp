@@ -12,12 +12,11 @@ namespace {
 using namespace testing;
 using std::chrono::steady_clock;
 
-std::string content() {
-  std::string bytes;
-  for (int index = 0; bytes.size() < 200000; ++index) bytes += std::to_string(index) + ",";
-  return bytes;
-}
-const std::string bytes = content();
+const std::string bytes = [] {
+  std::string text;
+  for (int index = 0; text.size() < 200000; ++index) text += std::to_string(index) + ",";
+  return text;
+}();
 
 // A partial file of the whole content with its first `prefix` bytes written.
 AllocatedFile partial(const std::filesystem::path& path, std::size_t prefix, std::size_t size = bytes.size()) {
@@ -45,7 +44,6 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
   };
   HttpsTransport local("https://127.0.0.1:9", {}, 0, nullptr);
   write_text(dir / "report", "abc");
-  const std::string token(64, 'a');
   AllocatedFile whole = partial(dir / "whole", 4, 4);
   // clang-format off
   expect_outcomes({
@@ -59,9 +57,9 @@ TEST(HttpsTransport, RefusesBadConstructionAndArguments) {
       {[&] { local.get_component("a", 16777217); }, "size_limit: In-memory response limit exceeds 16 MiB"},
       {[&] { local.get_component(std::string(8193, 'a'), 1); }, "size_limit: Metadata filename exceeds its component bound"},
       {[&] { local.post_json("t", {{"a", std::string(4089, 'x')}}, {}); }, "size_limit: Ticket request exceeds 4 KiB"},
-      {[&] { local.upload_report("r", dir / "report", 104857601, token, {}); }, "size_limit: Report upload exceeds 100 MiB"},
+      {[&] { local.upload_report("r", dir / "report", 104857601, std::string(64, 'a'), {}); }, "size_limit: Report upload exceeds 100 MiB"},
       {[&] { local.upload_report("r", dir / "report", 3, std::string(64, 'A'), {}); }, "crash_ticket: Upload capability is invalid"},
-      {[&] { local.upload_report("r", dir / "report", 4, token, {}); }, "crash_changed: Frozen upload snapshot is invalid"},
+      {[&] { local.upload_report("r", dir / "report", 4, std::string(64, 'a'), {}); }, "crash_changed: Frozen upload snapshot is invalid"},
       {[&] { local.download_into("a", whole, 4, {}, {}, {}); }, "download_range: Download cursor differs from the recorded prefix"},
       {budgeted(11, false, 9), "discovery_budget: Optional update check exhausted its response budget"},
       {budgeted(0, true, 9), "cancelled: Optional update check cancelled"},
