@@ -41,7 +41,7 @@ SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, st
 
 // Crafts a tar file with Python's tarfile from a JSON list of entries:
 // {"name", "type": "file"|"dir"|"symlink"|"hardlink", "content", "mode",
-//  "link", "xattr": true, "raw_name_hex", "bare": true (a directory name without its final slash)}.
+//  "link", "xattr": true, "raw_name_hex"}.
 void craft_tar(const std::filesystem::path& tar, const json& entries);
 
 // Runs `sh -c script` in a private mount namespace, so that it may mount
