@@ -59,10 +59,8 @@ HelperProcess::HelperProcess(const fs::path& program, const std::vector<std::str
 }
 
 HelperProcess::~HelperProcess() {
-  if (running()) {
-    ::kill(pid_, SIGKILL);
-    wait();
-  }
+  if (running()) signal(SIGKILL);
+  wait();
 }
 
 bool HelperProcess::running() {

@@ -76,8 +76,7 @@ SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std
   strip(image, tree / bootstrap_executable_posix);
   write_text(tree / ("build-" + build), build + "\n");
   strip("zorvi-shortcut", shortcut);
-  fs::permissions(shortcut,
-                  fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+  fs::permissions(shortcut, fs::perms(0644));
   // The bundle's metadata, without which no shortcut to the installation is made.
   write_text(tree / bootstrap_shortcut_info_plist, "<plist version=\"1.0\"><dict/></plist>\n");
   json fields =
