@@ -16,13 +16,14 @@ TEST(TufClientTool, InitRefreshDownloadAndRefuseWhatItCannotTrust) {
   for (const char* words : {"target a.bin 1000", "target dir/b.bin 70000"}) repository.run(words);
   const TempDir& dir = repository.dir;
   const std::string trust = dir / "tool-trust";
+  // The tool's exit status and what it said on its standard error.
   const auto tool = [&](Names words) {
     words.insert(words.begin(), {binary_dir() / "zorvi-tuf-client", "--metadata-dir", trust});
-    return run_command(words);
+    const CommandResult result = run_command(words);
+    return std::to_string(result.status) + " " + result.err;
   };
   // init makes no request: no server runs yet.
-  CommandResult result = tool({"init", dir / "repo/metadata/1.root.json"});
-  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_EQ(tool({"init", dir / "repo/metadata/1.root.json"}), "0 ");
   const HttpServer server(dir / "repo");
   const auto download = [&](const Names& names) {
     Names words{"--metadata-url",    server.base_url() + "metadata",
@@ -32,24 +33,18 @@ TEST(TufClientTool, InitRefreshDownloadAndRefuseWhatItCannotTrust) {
     words.push_back("download");
     return words;
   };
-  result = tool({"--metadata-url", server.base_url() + "metadata", "refresh"});
-  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_EQ(tool({"--metadata-url", server.base_url() + "metadata", "refresh"}), "0 ");
   EXPECT_TRUE(fs::exists(dir / "tool-trust/snapshot.json"));
-  result = tool(download({"a.bin", "dir/b.bin"}));
-  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_EQ(tool(download({"a.bin", "dir/b.bin"})), "0 ");
   EXPECT_EQ(modes(dir / "out"), "./a.bin 600\n./dir 700\n./dir/b.bin 600\n");
   EXPECT_EQ(read_text(dir / "out/dir/b.bin"), read_text(dir / "repo/targets/dir/b.bin"));
 
   // A target the repository never signed stops the download before the
   // next one, and leaves nothing behind.
   for (const char* name : {"out/a.bin", "out/dir/b.bin"}) fs::remove(dir / name);
-  const auto refusal = [&](const Names& words) {
-    result = tool(words);
-    return std::to_string(result.status) + " " + result.err;
-  };
-  EXPECT_EQ(refusal({"--metadata-url", "http://192.0.2.1/metadata", "refresh"}),
+  EXPECT_EQ(tool({"--metadata-url", "http://192.0.2.1/metadata", "refresh"}),
             "1 zorvi: Plain HTTP is allowed only for a loopback repository\n");
-  EXPECT_EQ(refusal(download({"nope/c.bin", "a.bin"})),
+  EXPECT_EQ(tool(download({"nope/c.bin", "a.bin"})),
             "1 zorvi: Target is not authorized by the repository: nope/c.bin\n");
   EXPECT_EQ(modes(dir / "out"), "./dir 700\n");
 }
