@@ -22,28 +22,15 @@ std::uint64_t received(const std::filesystem::path& folder) {
   return json::parse(read_text(marker_in(folder))).at("received").get<std::uint64_t>();
 }
 
-TEST(ResumableDownload, PlainZeroLengthAndFinishedTargetsByHashedNames) {
-  TufRepository repository("targets=1 consistent=1");
-  repository.run("target empty.bin 0");
-  TufClient client = repository.client();
-  std::string events;
-  const TargetObserver observer = [&](std::string_view event, auto...) { events += std::string(event) + " "; };
-  client.download("empty.bin", repository.out, {}, observer, {"game", {}});
-  write_text(repository.out / "file0.bin", "wrong");
-  client.download("file0.bin", repository.out, {}, observer, {});
-  client.download("file0.bin", repository.out, {}, observer, {});
-  EXPECT_EQ(events, "prepared complete prepared complete complete ");
-  EXPECT_EQ(std::filesystem::file_size(repository.out / "empty.bin"), 0u);
-  EXPECT_EQ(read_text(repository.out / "file0.bin"), read_text(repository.repo / "targets/file0.bin"));
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(repository.out), {}), 2);
-}
-
 // Every name made, replaced or removed in the target folder is flushed there
 // before the download says it is complete, with or without a resume scope: a
-// power cut leaves a state the next attempt can read.
-TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
+// power cut leaves a state the next attempt can read. Then, in this process,
+// targets by hashed names: an empty one, a wrong file at the final name
+// replaced, and a finished one taken as it is.
+TEST(ResumableDownload, FlushesTheFolderAfterEachNameChangeAndFinishesPlainTargets) {
   // Two checkpoints, the finished file and the retired marker; in one go, the finished file.
-  TufRepository repository("targets=1");
+  TufRepository repository("targets=1 consistent=1");
+  repository.run("target empty.bin 0");
   for (const auto& [scope, expected] : std::vector<std::pair<std::string, std::size_t>>{{"s", 4}, {"", 1}}) {
     std::filesystem::remove_all(repository.out);
     std::filesystem::create_directories(repository.out);
@@ -55,6 +42,17 @@ TEST(ResumableDownload, FlushesTheFolderAfterEachNameChange) {
     std::erase_if(traced.calls, [](const std::string& call) { return call.starts_with("fsync"); });
     EXPECT_EQ(unflushed_name_changes(traced.calls, repository.out).size(), expected) << scope;
   }
+  TufClient client = repository.client();
+  std::string events;
+  const TargetObserver observer = [&](std::string_view event, auto...) { events += std::string(event) + " "; };
+  client.download("empty.bin", repository.out, {}, observer, {"game", {}});
+  write_text(repository.out / "file0.bin", "wrong");
+  client.download("file0.bin", repository.out, {}, observer, {});
+  client.download("file0.bin", repository.out, {}, observer, {});
+  EXPECT_EQ(events, "prepared complete prepared complete complete ");
+  EXPECT_EQ(std::filesystem::file_size(repository.out / "empty.bin"), 0u);
+  EXPECT_EQ(read_text(repository.out / "file0.bin"), read_text(repository.repo / "targets/file0.bin"));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(repository.out), {}), 2);
 }
 
 // One target through a run of refusals, each row leaving the folder as the next expects.
