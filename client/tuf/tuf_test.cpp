@@ -114,10 +114,9 @@ TEST(TufClient, Failures) {
     client.target("set0/file0.bin");
     std::set<std::string> visited;
     bool stop = false;
-    const json role = {{"name", "ghost"}, {"paths", {"*"}}, {"terminating", false}};
-    const json delegations = {{"keys", json::object()}, {"roles", json::array({role})}};
-    client.visit("p", "targets", {{"signed", {{"targets", json::object()}, {"delegations", delegations}}}}, visited,
-                 stop);
+    client.visit("p", "targets", R"({"signed": {"targets": {}, "delegations": {"keys": {},
+        "roles": [{"name": "ghost", "paths": ["*"], "terminating": false}]}}})"_json,
+                 visited, stop);
   };
   const auto replay_root = [&] {
     for (int round = 0; round < 2; ++round) repository.run("rotate timestamp");
