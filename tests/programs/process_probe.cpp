@@ -10,9 +10,6 @@ namespace {
 
 using zorvi::json;
 
-constexpr auto step = std::chrono::milliseconds(5);
-constexpr int patience_steps = 4000;  // 20 seconds, then give up
-
 // Every open descriptor but the one listing them, which names the listed folder.
 json open_descriptors() {
   json list = json::array();
@@ -53,10 +50,10 @@ int report(const char* path) {
 int interruptible() {
   zorvi::ConsoleInterrupt console(true);
   if (!zorvi::ConsoleInterrupt::parent_reader_attached()) return 5;
-  for (int i = 0; i < patience_steps; ++i) {
+  for (int i = 0; i < 4000; ++i) {  // 20 seconds, then give up
     if (console.requested()) return 0;
     if (!zorvi::ConsoleInterrupt::parent_reader_attached()) return 3;
-    std::this_thread::sleep_for(step);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return 4;
 }
