@@ -46,12 +46,11 @@ http { access_log off; default_type application/octet-stream; client_body_temp_p
 
 pid_t start_nginx(const TempDir& dir, const fs::path& root, int port, const std::string& listen_options,
                   const std::string& server_config, const fs::path& ca) {
-  const std::string prefix = dir.path().string() + "/";
-  fs::create_directory(dir / "temp");
   const std::string server = "  server { listen 127.0.0.1:" + std::to_string(port) + listen_options + "; root " +
                              root.string() + ";\n    " + server_config + "\n  }\n}\n";
   write_text(dir / "nginx.conf", nginx_config + server);
-  return start({"/usr/sbin/nginx", "-p", prefix, "-c", "nginx.conf", "-e", "error.log"}, dir / "nginx.out", port, ca);
+  return start({"/usr/sbin/nginx", "-p", dir.path().string() + "/", "-c", "nginx.conf", "-e", "error.log"},
+               dir / "nginx.out", port, ca);
 }
 
 }  // namespace
