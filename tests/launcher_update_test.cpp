@@ -1,6 +1,8 @@
-// The launcher's update roads through real processes: releases of the sample
-// launcher signed by python-tuf and served by nginx, staged by a separate
-// process, and tried by the installed zorvi-bootstrap.
+// The launcher's start through real processes: the launch-document helper
+// starts the installed zorvi-bootstrap, which tries the sample launcher.
+// Staging a release and trying it as a candidate through real processes is
+// launcher_crash_test's road; each way a candidate fails is
+// launcher_bootstrap_test's.
 #include <gtest/gtest.h>
 
 #include "tests/support/helper_install.hpp"
@@ -10,93 +12,17 @@ namespace zorvi::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
 
-struct LauncherUpdate : ::testing::Test {
-  // Stages the published release in this process, the quick way to a candidate.
-  void stage_here() {
-    TufClient client = repository.client();
-    client.refresh();
-    install.store.stage(client, {}, {}, false);
-  }
-  // A start of the real bootstrap, which must succeed: the launcher line it logged last.
-  std::string started(const std::vector<std::string>& arguments = {"--gui"}, const std::string& mode = "",
-                      const std::map<std::string, std::string>& extra = {}) const {
-    const CommandResult run = install.start(arguments, mode, extra);
-    EXPECT_EQ(run.status, 0) << run.err;
-    return install.starts().empty() ? "" : install.starts().back();
-  }
-  std::string ran(const std::string& how, const std::string& build, const std::string& rest = "") const {
-    return how + " " + build + " --data-dir " + install.root.string() + rest;
-  }
-
-  TufRepository repository;
-  BootstrapInstall install;
-  SampleRelease first{repository.dir.path(), "1.0.0"}, second{repository.dir.path(), "2.0.0"};
-};
-
-TEST_F(LauncherUpdate, ANewReleaseIsKeptWithTheOldAsRollbackAndAFailedOneFallsBackToActiveRollbackOrDisk) {
-  install.seed(first);
-  // A first launcher is tried like any candidate, with nothing behind it.
-  EXPECT_EQ(started(), ran("trial", "1.0.0"));
-  EXPECT_EQ(install.slots(), "1.0.0 - - -");
-
-  second.publish(repository);
-  CommandResult run = install.stage(repository);  // refresh, find, budget, download, extract, name the candidate
-  ASSERT_EQ(run.status, 0) << run.out;
-  EXPECT_EQ(json::parse(run.out)["manifest_sha256"], second.reference["manifest_sha256"]);
-  EXPECT_EQ(install.slots(), "1.0.0 - 2.0.0 -");
-  EXPECT_TRUE(fs::is_empty(install.root / "launcher/staging"));
-  EXPECT_EQ(started({"--gui", "--game", "star-harbor"}), ran("trial", "2.0.0", " --launch star-harbor"));
-  EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - -");
-  EXPECT_EQ(started({"--json", "list"}), ran("start", "2.0.0", " --json list"));
-  EXPECT_EQ(install.starts().size(), 3u);
-  install.expect_intact(first.reference);
-
-  const SampleRelease third(repository.dir.path(), "3.0.0");
-  third.publish(repository);
-  const std::map<std::string, std::string> quick{{"ZORVI_STARTUP_LIMIT_MS", "1500"}};
-
-  for (const std::string mode : {"crash", "hang", "exit", "silent", "lie"}) {
-    SCOPED_TRACE(mode);
-    stage_here();
-    const std::size_t before = install.starts().size();
-    EXPECT_EQ(started({"--gui"}, mode, quick), ran("start", "2.0.0"));
-    EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
-    EXPECT_EQ(install.starts().size(), before + 2);  // the trial, then the active version
-  }
-
-  // Damaged files are never started: a wrong size is seen by the cheap
-  // check of every start, any change by the full check of a candidate.
-  stage_here();
-  const fs::path candidate_gui = install.store.payload(third.reference) / "bin/zorvi-gui";
-  std::string bytes = read_text(candidate_gui);
-  bytes[bytes.size() / 2] ^= 1;
-  write_text(candidate_gui, bytes);
-  fs::resize_file(install.store.payload(second.reference) / "bin/zorvi-gui", 100);
-  run = install.start();
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(install.slots(), "2.0.0 1.0.0 - 3.0.0");
-  EXPECT_EQ(install.starts().back(), ran("start", "1.0.0"));
-  EXPECT_EQ(
-      shown_lines(run.err),
-      Lines{
-          "launcher version unusable (launcher_damaged): Zorvi's files are damaged. Reinstall Zorvi to repair them."});
-
-  // With active and rollback both gone, the newest usable version on disk runs.
-  fs::resize_file(install.store.payload(first.reference) / "bin/zorvi-gui", 100);
-  write_text(candidate_gui, read_text(install.store.payload(third.reference) / "bin/zorvi"));
-  EXPECT_EQ(started(), ran("start", "3.0.0"));
-}
-
-TEST_F(LauncherUpdate, TheHelperStartsTheRealBootstrapWhichStartsTheLauncher) {
+TEST(LauncherUpdate, TheHelperStartsTheRealBootstrapWhichStartsTheLauncher) {
   HelperInstall helper("zorvi-shortcut", nullptr);
+  const SampleRelease first(helper.folder(), "1.0.0");
   fs::copy_file(binary_dir() / "zorvi-bootstrap", helper.bootstrap(), fs::copy_options::overwrite_existing);
   LauncherStore(helper.root()).seed_initial(first.manifest, first.archive, {});
+  const fs::path log = helper.folder() / "launcher.log";
   const HelperRun run = run_helper(helper, {{"ZORVI_LAUNCH_DOCUMENT", helper.document("a.zorvi-launch", "star-harbor")},
-                                            {"ZORVI_SAMPLE_LAUNCHER_LOG", install.log}});
+                                            {"ZORVI_SAMPLE_LAUNCHER_LOG", log}});
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(install.starts(), Lines{"trial 1.0.0 --data-dir " + helper.root().string() + " --launch star-harbor"});
+  EXPECT_EQ(read_text(log), "trial 1.0.0 --data-dir " + helper.root().string() + " --launch star-harbor\n");
   EXPECT_FALSE(LauncherStore(helper.root()).status()["active"].is_null());
 }
 

@@ -2,8 +2,7 @@
 // python-tuf repository served over plain HTTP on the loopback interface.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
+#include "tests/support/files_support.hpp"
 #include "tests/support/tuf_support.hpp"
 
 namespace zorvi::testing {
@@ -12,26 +11,19 @@ namespace {
 namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
-Names listing(const fs::path& directory) {
-  Names names;
-  for (const auto& entry : fs::recursive_directory_iterator(directory))
-    names.push_back(fs::relative(entry.path(), directory).string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 TEST(TufClientTool, InitRefreshDownloadAndRefuseWhatItCannotTrust) {
   TufRepository repository("consistent=1");  // its own server and trust folder stay unused
   for (const char* words : {"target a.bin 1000", "target dir/b.bin 70000"}) repository.run(words);
   const TempDir& dir = repository.dir;
   const std::string trust = dir / "tool-trust";
+  // The tool's exit status and what it said on its standard error.
   const auto tool = [&](Names words) {
     words.insert(words.begin(), {binary_dir() / "zorvi-tuf-client", "--metadata-dir", trust});
-    return run_command(words);
+    const CommandResult result = run_command(words);
+    return std::to_string(result.status) + " " + result.err;
   };
   // init makes no request: no server runs yet.
-  CommandResult result = tool({"init", dir / "repo/metadata/1.root.json"});
-  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_EQ(tool({"init", dir / "repo/metadata/1.root.json"}), "0 ");
   const HttpServer server(dir / "repo");
   const auto download = [&](const Names& names) {
     Names words{"--metadata-url",    server.base_url() + "metadata",
@@ -41,38 +33,20 @@ TEST(TufClientTool, InitRefreshDownloadAndRefuseWhatItCannotTrust) {
     words.push_back("download");
     return words;
   };
-  result = tool({"--metadata-url", server.base_url() + "metadata", "refresh"});
-  ASSERT_EQ(result.status, 0) << result.err;
+  ASSERT_EQ(tool({"--metadata-url", server.base_url() + "metadata", "refresh"}), "0 ");
   EXPECT_TRUE(fs::exists(dir / "tool-trust/snapshot.json"));
-  result = tool(download({"a.bin", "dir/b.bin"}));
-  ASSERT_EQ(result.status, 0) << result.err;
-  EXPECT_EQ(listing(dir / "out"), (Names{"a.bin", "dir", "dir/b.bin"}));
+  ASSERT_EQ(tool(download({"a.bin", "dir/b.bin"})), "0 ");
+  EXPECT_EQ(modes(dir / "out"), "./a.bin 600\n./dir 700\n./dir/b.bin 600\n");
   EXPECT_EQ(read_text(dir / "out/dir/b.bin"), read_text(dir / "repo/targets/dir/b.bin"));
 
-  // Targets already in place with the right hashes need no request: the
-  // served copies are gone and the download still succeeds.
-  fs::rename(dir / "repo/targets", dir / "moved");
-  result = tool(download({"a.bin", "dir/b.bin"}));
-  EXPECT_EQ(result.status, 0) << result.err;
-  fs::rename(dir / "moved", dir / "repo/targets");
-
-  // A target the repository never signed stops the download before the next
-  // one; a served target longer than its signed length (its hash-named link
-  // is the same file) is refused; neither leaves anything behind.
+  // A target the repository never signed stops the download before the
+  // next one, and leaves nothing behind.
   for (const char* name : {"out/a.bin", "out/dir/b.bin"}) fs::remove(dir / name);
-  write_text(dir / "repo/targets/dir/b.bin", read_text(dir / "repo/targets/dir/b.bin") + "!");
-  const std::vector<std::pair<Names, std::string>> rows = {
-      {{"--metadata-url", "http://192.0.2.1/metadata", "refresh"},
-       "zorvi: Plain HTTP is allowed only for a loopback repository\n"},
-      {download({"nope/c.bin", "a.bin"}), "zorvi: Target is not authorized by the repository: nope/c.bin\n"},
-      {download({"dir/b.bin"}), "zorvi: Server length differs from the authenticated download bound\n"},
-  };
-  for (const auto& [words, expected] : rows) {
-    result = tool(words);
-    EXPECT_EQ(result.status, 1) << expected;
-    EXPECT_EQ(result.err, expected);
-  }
-  EXPECT_EQ(listing(dir / "out"), Names{"dir"});
+  EXPECT_EQ(tool({"--metadata-url", "http://192.0.2.1/metadata", "refresh"}),
+            "1 zorvi: Plain HTTP is allowed only for a loopback repository\n");
+  EXPECT_EQ(tool(download({"nope/c.bin", "a.bin"})),
+            "1 zorvi: Target is not authorized by the repository: nope/c.bin\n");
+  EXPECT_EQ(modes(dir / "out"), "./dir 700\n");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # TUF repositories made with python-tuf for tests and benchmarks, and attacks on them:
-#   tuf_repository.py DIR build [keys=ed25519|rsa|ecdsa|ml-dsa] [threshold=N] [roles=N] [targets=N] [consistent=1]
+#   tuf_repository.py DIR build [threshold=N] [roles=N] [targets=N] [consistent=1]
 #   tuf_repository.py DIR delegate PARENT NAME paths|prefixes VALUE[,VALUE...] [terminating]
 #   tuf_repository.py DIR target PATH SIZE|@FILE [ROLE]    (@FILE: that file's bytes)
 #   tuf_repository.py DIR rotate ROLE [KEYS]          (the new threshold is KEYS)
@@ -8,17 +8,12 @@
 #   tuf_repository.py DIR attack NAME
 # Metadata is served from DIR/metadata, targets from DIR/targets; keys and documents
 # stay in DIR/state.pickle. Every publish bumps every role but root.
-import datetime, hashlib, os, pickle, subprocess, sys, tempfile
+import datetime, hashlib, os, pickle, sys
 from cryptography.hazmat.primitives.serialization import load_pem_private_key
-from securesystemslib.formats import encode_canonical
-from securesystemslib.signer import CryptoSigner, Signature, Signer, SSlibKey
+from securesystemslib.signer import CryptoSigner
 from tuf.api.metadata import DelegatedRole, Delegations, Metadata, MetaFile, Root, Snapshot, TargetFile, Targets, Timestamp
 
 ONLINE = ("root", "snapshot", "timestamp")  # the roles a publish does not treat as targets
-
-
-def sh(args):
-    return subprocess.run(args, capture_output=True, check=True).stdout
 
 
 def put(path, data):
@@ -27,33 +22,12 @@ def put(path, data):
         out.write(data)
 
 
-class MlDsaSigner(Signer):
-    # python-tuf cannot sign ML-DSA: openssl signs "tuf", 1 and the SHA-512 of the payload.
-    public_key = from_priv_key_uri = None
-
-    def __init__(self, pem):
-        self.pem = pem
-        with tempfile.TemporaryDirectory() as d:  # openssl signs in one shot and wants files
-            put(d + "/key", pem)
-            value = {"keytype": "ml-dsa", "scheme": "ml-dsa-65/1", "keyval": {"public": sh(["openssl", "pkey", "-pubout", "-in", d + "/key"]).decode()}}
-        self.public_key = SSlibKey(hashlib.sha256(encode_canonical(value).encode()).hexdigest(), **value)
-
-    def sign(self, payload):
-        with tempfile.TemporaryDirectory() as d:
-            put(d + "/key", self.pem)
-            put(d + "/message", b"tuf\x01" + hashlib.sha512(payload).digest())
-            return Signature(self.public_key.keyid, sh(["openssl", "pkeyutl", "-sign", "-rawin", "-inkey", d + "/key", "-in", d + "/message"]).hex())
-
-
-def new_key(kind):
-    if kind == "ml-dsa":
-        return kind, sh(["openssl", "genpkey", "-algorithm", "ML-DSA-65"])
-    make = {"ed25519": CryptoSigner.generate_ed25519, "ecdsa": CryptoSigner.generate_ecdsa, "rsa": lambda: CryptoSigner.generate_rsa(size=2048)}
-    return kind, make[kind]().private_bytes
+def new_key():
+    return CryptoSigner.generate_ed25519().private_bytes
 
 
 def signer(key):
-    return MlDsaSigner(key[1]) if key[0] == "ml-dsa" else CryptoSigner(load_pem_private_key(key[1], None))
+    return CryptoSigner(load_pem_private_key(key, None))
 
 
 def expiry(days=30):
@@ -89,14 +63,14 @@ def save(st):
 
 
 def grant(st, role, count):  # fresh keys for a top role, all of them needed
-    st["keys"][role] = [new_key(st["kind"]) for _ in range(int(count))]
+    st["keys"][role] = [new_key() for _ in range(int(count))]
     for key in st["keys"][role]:
         st["md"]["root"].signed.add_key(signer(key).public_key, role)
     st["md"]["root"].signed.roles[role].threshold = int(count)
 
 
 def delegate(st, parent, name, kind, values, terminating=""):
-    key, owner, values = new_key(st["kind"]), st["md"][parent].signed, values.split(",")
+    key, owner, values = new_key(), st["md"][parent].signed, values.split(",")
     owner.delegations = owner.delegations or Delegations({}, {})
     owner.delegations.roles[name] = DelegatedRole(name, [], 1, terminating == "terminating", values if kind == "paths" else None, values if kind == "prefixes" else None)
     owner.add_key(signer(key).public_key, name)
@@ -112,8 +86,8 @@ def add_target(st, path, size, role="targets"):
     os.link(local, f"{head}/{info.hashes['sha256']}.{tail}")
 
 
-def build(st, keys="ed25519", threshold="1", roles="0", targets="0", consistent="0"):
-    st.update(kind=keys, keys={}, revoked={}, md={"root": Metadata(Root(expires=expiry(), consistent_snapshot=consistent == "1"))})
+def build(st, threshold="1", roles="0", targets="0", consistent="0"):
+    st.update(keys={}, revoked={}, md={"root": Metadata(Root(expires=expiry(), consistent_snapshot=consistent == "1"))})
     st["md"].update({"timestamp": Metadata(Timestamp(expires=expiry())), "snapshot": Metadata(Snapshot(expires=expiry())), "targets": Metadata(Targets(expires=expiry()))})
     for role in ONLINE + ("targets",):
         grant(st, role, threshold)
@@ -154,11 +128,7 @@ def attack(st, name):  # the timestamp changes in every attack, signed by the ri
         stamp.snapshot_meta = MetaFile(stamp.snapshot_meta.version - 1)
     if name == "freeze":
         stamp.expires = expiry(-1)
-    keys = {"revoked-key": st["revoked"].get("timestamp"), "duplicate-signature": st["keys"]["timestamp"][:1]}.get(name)
-    sign(st, "timestamp", keys, ["timestamp.json"])
-    if name == "duplicate-signature":
-        doc = md["timestamp"].to_dict()
-        put(st["dir"] + "/metadata/timestamp.json", encode_canonical(dict(doc, signatures=doc["signatures"] * 2)).encode())
+    sign(st, "timestamp", st["revoked"].get("timestamp") if name == "revoked-key" else None, ["timestamp.json"])
 
 
 def main(folder, command, *args):

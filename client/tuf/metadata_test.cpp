@@ -1,7 +1,5 @@
 #include "client/tuf/metadata.hpp"
 
-#include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <string>
 #include <tuple>
@@ -97,21 +95,16 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
                        {{"keyids", ids}, {"threshold", threshold}});
     };
   };
-  std::string upper = a;
-  std::ranges::transform(upper, upper.begin(), ::toupper);
   const testing::TempDir directory;
   testing::write_text(directory / "t", "hello");
   std::filesystem::create_symlink(directory / "t", directory / "link");
-  std::string upper_hash = digest("hello", "sha256");
-  std::ranges::transform(upper_hash, upper_hash.begin(), ::toupper);
   const auto target = [&](const std::string& name, const std::string& at, const json& value) {
     json described = {{"length", 5},
                       {"hashes", {{"sha256", digest("hello", "sha256")}, {"sha512", digest("hello", "sha512")}}}};
     if (!at.empty()) described[json::json_pointer(at)] = value;
     return [=, &directory] { verify_target_file(directory / name, described, Progress()); };
   };
-  const std::string calendar = "invalid_expiry: Invalid UTC calendar time",
-                    layout = "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp";
+  const std::string calendar = "invalid_expiry: Invalid UTC calendar time";
   const std::string short_of = "signature_threshold: Metadata does not meet its authorized signature threshold";
   // clang-format off
   expect_outcomes({
@@ -134,20 +127,16 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
       {shaped("targets", file + "hashes/sha256", 1), "invalid_hashes: Hash must be a hexadecimal string"},
       {shaped("targets", file + "hashes/sha512", h64), "invalid_hashes: Hash has an invalid length or hexadecimal encoding"},
       {shaped("targets", paths + "name", ""), "size_limit: Delegated role name exceeds its bound"},
-      {shaped("targets", paths + "name", "targets"), "invalid_metadata: Delegated role names must be unique and non-top-level"},
       {shaped("targets", bins + "name", "project"), "invalid_metadata: Delegated role names must be unique and non-top-level"},
       {shaped("targets", paths + "path_hash_prefixes", none), "invalid_metadata: Delegation needs exactly one path selector and a terminating boolean"},
-      {shaped("targets", bins + "terminating", 0), "invalid_metadata: Delegation needs exactly one path selector and a terminating boolean"},
       {shaped("targets", paths + "paths/0", std::string(4097, '*')), "size_limit: Delegation pattern exceeds path limit"},
       {shaped("targets", bins + "path_hash_prefixes/0", "0A"), "invalid_metadata: Invalid delegation hash prefix"},
       {timed("2023-02-29T00:00:00Z"), calendar},
       {timed("1900-02-29T00:00:00Z"), calendar},
-      {timed("2030-02-30T00:00:00Z"), calendar},
       {timed("2030-01-01T00:00:60Z"), calendar},
       {timed("2030-01-01T24:00:00Z"), calendar},
       {timed("2030-01-01T00:60:00Z"), calendar},
-      {timed("2030-01-01T00:00:00.Z"), layout},
-      {timed("2030-01-01T00:00:00.1234567890Z"), layout},
+      {timed("2030-01-01T00:00:00.1234567890Z"), "invalid_expiry: Expiry must use a UTC ISO-8601 timestamp"},
       {timed("2030-01-01T00:00:0aZ"), "invalid_expiry: Timestamp fields must contain decimal digits"},
       {timed("2030-01-01T00:00:00.12a4Z"), "invalid_expiry: Invalid fractional second"},
       {[] { unexpired(valid("root"), 1893456000000000); }, "expired_metadata: Repository metadata has expired; previously installed games remain playable"},
@@ -156,14 +145,11 @@ TEST(Metadata, RefusesEachFaultWithItsCodeAndMessage) {
       {signatures({sigs[0], sigs[1], forged}, {a, b, c}, 3, keys), short_of},
       {signatures({sigs[0], sigs[0]}, {a, b, c}, 2, keys), short_of},
       {signatures({sigs[0], sigs[1]}, {a, a}, 2, keys), "invalid_threshold: Signing threshold exceeds unique authorized keys"},
-      {signatures({sigs[0]}, {upper}, 1, {{upper, keys[a.get<std::string>()]}}), "keyid_mismatch: Signing key ID does not identify its canonical key"},
       {target("t", "", nullptr), "ok"},
       {target("t", "/length", 6), "length_mismatch: Target length does not match signed metadata"},
       {target("t", "/hashes/sha512", digest("hellO", "sha512")), "hash_mismatch: Target hash does not match signed metadata"},
-      {target("t", "/hashes/sha256", upper_hash), "hash_mismatch: Target hash does not match signed metadata"},
       {target("t", "/hashes", json::object()), "invalid_hashes: Target has no authenticated hashes"},
       {target("link", "", nullptr), "unsafe_path: Target is not an ordinary file"},
-      {target("", "", nullptr), "unsafe_path: Target is not an ordinary file"},
   });
   // clang-format on
 }

@@ -17,17 +17,9 @@ std::map<std::string, std::string> stored(const std::filesystem::path& trust, bo
   return files;
 }
 
-TEST(TufClient, FindsTargetsThroughDelegationsWithEveryKeyType) {
-  for (const std::string keys : {"ed25519", "rsa", "ecdsa", "ml-dsa"}) {
-    TufRepository repository("threshold=2 roles=2 targets=4 keys=" + keys + (keys == "rsa" ? "" : " consistent=1"));
-    const json file = repository.client().target("set1/file3.bin");
-    EXPECT_EQ(file.at("hashes").at("sha256"), digest(read_text(repository.repo / "targets/set1/file3.bin"), "sha256"));
-    EXPECT_TRUE(std::filesystem::exists(role_cache(repository.trust, "role1"))) << keys;
-  }
-}
-
+// Two signatures a role, and roles fetched by their versioned names.
 TEST(TufClient, DelegationSearchFollowsLevelsAndStopsAtTerminatingRoles) {
-  TufRepository repository;
+  TufRepository repository("threshold=2 consistent=1");
   for (const std::string& command : std::vector<std::string>{
            "delegate targets a paths x/* terminating", "delegate targets c paths */*", "target x/other.bin 8 c",
            "target y/stray.bin 8 a", "target y/c.bin 8 c",
@@ -36,6 +28,7 @@ TEST(TufClient, DelegationSearchFollowsLevelsAndStopsAtTerminatingRoles) {
   TufClient client = repository.client();
   EXPECT_EQ(client.target("x/deep.bin").at("length"), 8);
   EXPECT_EQ(client.target("y/c.bin").at("length"), 8);
+  EXPECT_TRUE(std::filesystem::exists(role_cache(repository.trust, "b")));
   // "a" is terminating and claims x/*, so "c" is never asked; "a" lists y/stray.bin outside its paths.
   for (const std::string path : {"x/other.bin", "y/stray.bin"})
     EXPECT_EQ(outcome([&] { client.target(path); }),
@@ -50,7 +43,6 @@ TEST(TufClient, AttacksAreRefusedWithNothingNewTrusted) {
            {"rollback-targets", "rollback: Snapshot removed or rolled back a known targets role"},
            {"freeze", "expired_metadata: Repository metadata has expired; previously installed games remain playable"},
            {"mix-and-match", "length_mismatch: Metadata length does not match its parent"},
-           {"duplicate-signature", "invalid_metadata: Metadata repeats a signature key ID"},
            {"revoked-key", "signature_threshold: Metadata does not meet its authorized signature threshold"}}) {
     // clang-format on
     TufRepository repository("threshold=2");
@@ -65,7 +57,7 @@ TEST(TufClient, AttacksAreRefusedWithNothingNewTrusted) {
   }
 }
 
-TEST(TufClient, RootRotationsKeepOrClearOnlineStateAndResumeAfterACrash) {
+TEST(TufClient, RootRotationsKeepOrClearOnlineStateAndResumeAfterACrashInADurableOrder) {
   TufRepository repository("targets=1");
   repository.client().refresh();
   const auto inode = [&] {
@@ -90,14 +82,9 @@ TEST(TufClient, RootRotationsKeepOrClearOnlineStateAndResumeAfterACrash) {
       EXPECT_FALSE(std::filesystem::exists(repository.trust / name)) << name;
     EXPECT_EQ(client.target("file0.bin").at("length"), 64) << root;
   }
-}
-
-// After a root rotation a crash may come at any step: the online roles'
-// documents go, and are flushed away, before the marker that says they must.
-TEST(TufClient, ForgetsRotatedStateInADurableOrder) {
-  TufRepository repository("targets=1");
-  repository.client().refresh();
-  atomic_write(repository.trust / "root-invalidation.json", R"({"version":1})");
+  // The online roles' documents go, and are flushed away, before the marker
+  // that says they must: a crash may come at any step.
+  atomic_write(repository.trust / "root-invalidation.json", R"({"version":7})");
   const TracedRun traced = run_traced(repository.fetch_command("file0.bin"), "fsync,unlink,unlinkat");
   ASSERT_EQ(traced.result.out, "complete\n") << traced.result.err;
   std::string steps;  // each call on the trust folder or a name in it: "unlink timestamp.json"
@@ -127,10 +114,9 @@ TEST(TufClient, Failures) {
     client.target("set0/file0.bin");
     std::set<std::string> visited;
     bool stop = false;
-    const json role = {{"name", "ghost"}, {"paths", {"*"}}, {"terminating", false}};
-    const json delegations = {{"keys", json::object()}, {"roles", json::array({role})}};
-    client.visit("p", "targets", {{"signed", {{"targets", json::object()}, {"delegations", delegations}}}}, visited,
-                 stop);
+    client.visit("p", "targets", R"({"signed": {"targets": {}, "delegations": {"keys": {},
+        "roles": [{"name": "ghost", "paths": ["*"], "terminating": false}]}}})"_json,
+                 visited, stop);
   };
   const auto replay_root = [&] {
     for (int round = 0; round < 2; ++round) repository.run("rotate timestamp");

@@ -8,12 +8,9 @@
 int main(int argc, char** argv) {
   if (argc < 4) return 2;
   durable_kill::from_environment();
-  try {
+  return program::reporting(std::cerr, "zorvi: ", [&] {
     const zorvi::NativeFileLock lifetime(std::filesystem::path(argv[1]) / ".native-bootstrap.lock", true,
                                          zorvi::NativeLockSharing::exclusive_install, zorvi::LockMode::shared);
     return zorvi::run_launcher_bootstrap(argv[1], argv[2], {argv + 4, argv + argc}, std::stoll(argv[3]), lifetime);
-  } catch (const zorvi::Error& error) {
-    std::cerr << "zorvi: " << error.code << ": " << error.what() << std::endl;
-    return 1;
-  }
+  });
 }

@@ -5,7 +5,6 @@
 //   files_probe commit|exchange FIRST SECOND
 //   files_probe hold_lock|hold_native_lock PATH exclusive|shared
 //                                    prints "locked" and holds the lock until killed
-//   files_probe loop TARGET TEXT     prints "ready", then atomic_write forever
 // Prints "ok" or "CODE|MESSAGE". ZORVI_TEST_KILL_AT_STEP kills it after a durable step.
 #include <map>
 
@@ -45,10 +44,6 @@ int main(int argc, char** argv) {
       {"hold_lock", [](auto& path, auto& mode) { hold(FileLock(path, false, lock_mode(mode))); }},
       {"hold_native_lock", [](auto& path, auto& mode) { hold(NativeFileLock(path, true, {}, lock_mode(mode))); }},
   };
-  if (args.size() == 3 && args[0] == "loop") {
-    std::cout << "ready" << std::endl;
-    for (;;) atomic_write(args[1], args[2]);
-  }
   if (args.size() < 2 || args.size() > 3 || !operations.contains(args[0])) return 2;
   try {
     operations.at(args[0])(args[1], args.size() == 3 ? args[2] : "");

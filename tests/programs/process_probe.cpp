@@ -1,7 +1,5 @@
 // A child for the process tests: reports what it inherited, waits for its
 // parent's interrupt, or replaces itself.
-#include <dirent.h>
-
 #include <cstdio>
 
 #include "client/platform/interrupt.hpp"
@@ -12,20 +10,12 @@ namespace {
 
 using zorvi::json;
 
-constexpr auto step = std::chrono::milliseconds(5);
-constexpr int patience_steps = 4000;  // 20 seconds, then give up
-
+// Every open descriptor but the one listing them, which names the listed folder.
 json open_descriptors() {
   json list = json::array();
-  DIR* directory = ::opendir("/proc/self/fd");
-  if (directory == nullptr) return list;
-  const int own = ::dirfd(directory);
-  while (const dirent* entry = ::readdir(directory)) {
-    if (entry->d_name[0] == '.') continue;
-    const int descriptor = std::atoi(entry->d_name);
-    if (descriptor != own) list.push_back(descriptor);
-  }
-  ::closedir(directory);
+  const std::filesystem::path own = "/proc/" + std::to_string(::getpid()) + "/fd";
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    if (std::filesystem::read_symlink(entry.path()) != own) list.push_back(std::stoi(entry.path().filename()));
   return list;
 }
 
@@ -60,10 +50,10 @@ int report(const char* path) {
 int interruptible() {
   zorvi::ConsoleInterrupt console(true);
   if (!zorvi::ConsoleInterrupt::parent_reader_attached()) return 5;
-  for (int i = 0; i < patience_steps; ++i) {
+  for (int i = 0; i < 4000; ++i) {  // 20 seconds, then give up
     if (console.requested()) return 0;
     if (!zorvi::ConsoleInterrupt::parent_reader_attached()) return 3;
-    std::this_thread::sleep_for(step);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return 4;
 }

@@ -11,6 +11,7 @@
 #include <functional>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -19,15 +20,16 @@
 
 namespace program {
 
-// Runs the program's work; an Error it raises is printed to standard output
-// as "CODE: MESSAGE" and ends the program with status 1.
-inline int reporting(const std::function<int()>& work) {
+// Runs the program's work; an Error it raises is printed to `to` as
+// "PREFIX CODE: MESSAGE" and ends the program with status 1.
+inline int reporting(std::ostream& to, std::string_view prefix, const std::function<int()>& work) {
   try {
     return work();
   } catch (const zorvi::Error& error) {
-    std::cout << error.code << ": " << error.what() << std::endl;
+    to << prefix << error.code << ": " << error.what() << std::endl;
     return 1;
   }
 }
+inline int reporting(const std::function<int()>& work) { return reporting(std::cout, "", work); }
 
 }  // namespace program

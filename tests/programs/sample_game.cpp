@@ -1,23 +1,17 @@
-// A stand-in game: writes its SDK session record ("session.json" in its
-// working directory unless ZORVI_SAMPLE_GAME_RECORD names another path) under
-// its own pid through "starting", "ready" and "clean_exit", each one an atomic
-// replacement. ZORVI_SAMPLE_GAME_SESSION sets the session id ("session"); the
-// nonce, game and build are "nonce", "sample-game" and "1.0.0".
-// It leaves one breadcrumb and one log attachment and exits with 0; with
-// ZORVI_SAMPLE_GAME_LOG set it first appends "<pid> <session> 0" to that file.
+// A stand-in game: writes its SDK session record "session.json" in its
+// working directory under its own pid through "starting", "ready" and
+// "clean_exit", each one an atomic replacement. ZORVI_SAMPLE_GAME_SESSION
+// sets the session id ("session"); the nonce, game and build are "nonce",
+// "sample-game" and "1.0.0". It leaves one breadcrumb and one log attachment
+// and exits with 0.
 
 #include "client/platform/files.hpp"
 #include "tests/programs/program.hpp"
 
-static std::string setting(const char* name, const char* fallback) {
-  const char* value = std::getenv(name);
-  return value != nullptr ? value : fallback;
-}
-
 int main() {
-  const std::string session = setting("ZORVI_SAMPLE_GAME_SESSION", "session");
+  const char* session = std::getenv("ZORVI_SAMPLE_GAME_SESSION");
   zorvi::json record = {{"schema_version", 1},
-                        {"session_id", session},
+                        {"session_id", session != nullptr ? session : "session"},
                         {"nonce", "nonce"},
                         {"game_id", "sample-game"},
                         {"build_id", "1.0.0"},
@@ -28,9 +22,7 @@ int main() {
   for (const std::string state : {"starting", "ready", "clean_exit"}) {
     record.update({{"sequence", ++sequence}, {"state", state}, {"ready_seen", state != "starting"}});
     if (state == "clean_exit") record["exit_code"] = 0;
-    zorvi::atomic_write(setting("ZORVI_SAMPLE_GAME_RECORD", "session.json"), record.dump());
+    zorvi::atomic_write("session.json", record.dump());
   }
-  if (const std::string log = setting("ZORVI_SAMPLE_GAME_LOG", ""); !log.empty())
-    std::ofstream(log, std::ios::app) << ::getpid() << ' ' << session << " 0\n";
   return 0;
 }

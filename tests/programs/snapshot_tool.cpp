@@ -5,7 +5,8 @@
 //   snapshot_tool reserve MANIFEST ROOT
 //   snapshot_tool extract MANIFEST ARCHIVE STAGING [--reserve]
 //
-// Prints "ok" and facts on success, or "error CODE: MESSAGE" with status 1.
+// Prints "ok" and facts on success, or "error CODE: MESSAGE" with status 1; an unknown
+// command ends with status 2.
 #include <optional>
 
 #include "client/domain/crypto.hpp"
@@ -24,7 +25,7 @@ int main(int argc, char** argv) {
     constexpr std::uint64_t limit = 64u << 20;
     return SnapshotManifest::parse(parse_json(read_file(args.at(0), limit), limit));
   };
-  try {
+  return program::reporting(std::cout, "error ", [&] {
     initialize_client_runtime();
     if (command == "allocate") {
       AllocatedFile file(args.at(0), std::stoull(args.at(1)), ReservationObserver());
@@ -40,16 +41,9 @@ int main(int argc, char** argv) {
       if (args.size() > 3 && args[3] == "--reserve") tree.emplace(parsed, args.at(2), Progress(), RootObserver());
       extract_snapshot(parsed, args.at(1), args.at(2), Progress(), tree ? &*tree : nullptr);
     } else {
-      std::cerr << "usage: snapshot_tool allocate|reserve|extract ARGS...\n";
       return 2;
     }
     std::cout << "ok\n";
     return 0;
-  } catch (const Error& error) {
-    std::cout << "error " << error.code << ": " << error.what() << "\n";
-    return 1;
-  } catch (const std::exception& error) {
-    std::cout << "failure: " << error.what() << "\n";
-    return 3;
-  }
+  });
 }

@@ -25,13 +25,6 @@ HelperInstall::HelperInstall(const char* built, const char* launcher) {
   store.save(state);
 }
 
-fs::path HelperInstall::root() const { return folder() / "Zorvi Data"; }
-fs::path HelperInstall::bin() const { return root() / "native/bootstrap/bin"; }
-fs::path HelperInstall::helper() const { return bin() / "ZorviShortcut.app/Contents/MacOS/zorvi-shortcut"; }
-fs::path HelperInstall::bootstrap() const { return bin() / "zorvi-bootstrap"; }
-fs::path HelperInstall::records() const { return folder() / "records"; }
-fs::path HelperInstall::hold() const { return folder() / "hold"; }
-
 fs::path HelperInstall::document(const std::string& name, const std::string& game, const fs::path& data_root) const {
   const DesktopShortcut shortcut{bootstrap(), data_root.empty() ? root() : data_root, game, "Star Harbor"};
   const fs::path path = folder() / "documents" / name;
@@ -66,10 +59,8 @@ HelperProcess::HelperProcess(const fs::path& program, const std::vector<std::str
 }
 
 HelperProcess::~HelperProcess() {
-  if (running()) {
-    ::kill(pid_, SIGKILL);
-    wait();
-  }
+  if (running()) signal(SIGKILL);
+  wait();
 }
 
 bool HelperProcess::running() {

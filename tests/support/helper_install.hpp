@@ -24,12 +24,12 @@ class HelperInstall {
   explicit HelperInstall(const char* built = "zorvi-shortcut", const char* launcher = "active");
 
   const std::filesystem::path& folder() const { return dir_.path(); }
-  std::filesystem::path root() const;       // the data folder
-  std::filesystem::path bin() const;        // native/bootstrap/bin
-  std::filesystem::path helper() const;     // the helper image in its bundle
-  std::filesystem::path bootstrap() const;  // the stand-in
-  std::filesystem::path records() const;    // where stand-ins record their runs
-  std::filesystem::path hold() const;       // stand-ins started with it wait while it exists
+  std::filesystem::path root() const { return folder() / "Zorvi Data"; }
+  std::filesystem::path bin() const { return root() / "native/bootstrap/bin"; }
+  std::filesystem::path helper() const { return bin() / "ZorviShortcut.app/Contents/MacOS/zorvi-shortcut"; }
+  std::filesystem::path bootstrap() const { return bin() / "zorvi-bootstrap"; }  // the stand-in
+  std::filesystem::path records() const { return folder() / "records"; }         // where stand-ins record their runs
+  std::filesystem::path hold() const { return folder() / "hold"; }  // stand-ins started with it wait while it exists
 
   // A private launch document in <dir>/documents for `data_root` (the
   // installation's own by default); `game` may be empty.

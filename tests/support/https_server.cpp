@@ -37,23 +37,19 @@ pid_t start(const std::vector<std::string>& argv, const fs::path& log, int port,
   throw std::runtime_error(argv[0] + " never accepted a connection: " + read_text(log));
 }
 
-// nginx in the foreground, all its paths in the server's folder.
+// nginx in the foreground, all its paths relative to its prefix, the server's folder.
 constexpr const char* nginx_config = R"(daemon off; master_process off; user root; worker_processes 1;
-pid $P/nginx.pid; error_log $P/error.log; events { worker_connections 64; }
-http { access_log off; default_type application/octet-stream; client_body_temp_path $P/temp;
-  proxy_temp_path $P/temp; fastcgi_temp_path $P/temp; uwsgi_temp_path $P/temp; scgi_temp_path $P/temp;
+pid nginx.pid; error_log error.log; events { worker_connections 64; }
+http { access_log off; default_type application/octet-stream; client_body_temp_path temp; proxy_temp_path temp;
+  fastcgi_temp_path temp; uwsgi_temp_path temp; scgi_temp_path temp;
 )";
 
 pid_t start_nginx(const TempDir& dir, const fs::path& root, int port, const std::string& listen_options,
                   const std::string& server_config, const fs::path& ca) {
-  const std::string prefix = dir.path().string();
-  std::string config = nginx_config;
-  for (auto at = config.find("$P"); at != std::string::npos; at = config.find("$P", at + prefix.size()))
-    config.replace(at, 2, prefix);
-  fs::create_directory(dir / "temp");
-  write_text(dir / "nginx.conf", config + "  server { listen 127.0.0.1:" + std::to_string(port) + listen_options +
-                                     "; root " + root.string() + ";\n    " + server_config + "\n  }\n}\n");
-  return start({"/usr/sbin/nginx", "-p", prefix, "-c", prefix + "/nginx.conf", "-e", prefix + "/error.log"},
+  const std::string server = "  server { listen 127.0.0.1:" + std::to_string(port) + listen_options + "; root " +
+                             root.string() + ";\n    " + server_config + "\n  }\n}\n";
+  write_text(dir / "nginx.conf", nginx_config + server);
+  return start({"/usr/sbin/nginx", "-p", dir.path().string() + "/", "-c", "nginx.conf", "-e", "error.log"},
                dir / "nginx.out", port, ca);
 }
 

@@ -17,7 +17,6 @@ class LoopbackServer {
  public:
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
-  int pid() const { return pid_; }
 
  protected:
   LoopbackServer();

@@ -51,13 +51,11 @@ SampleRelease::SampleRelease(const fs::path& folder, const std::string& build_id
                {{"path", "bin/zorvi-maintenance-gui"}, {"role", "maintenance-gui"}, {"lease_abi", 1}}};
   }
   write_text(tree / "build-id", build + "\n");
-  if (padding > 0) {
-    fs::create_directories(tree / "data");
+  if (padding > 0)
     run_python(
-        "import os, sys\nfor i in range(int(sys.argv[2])):\n"
+        "import os, sys\nos.mkdir(sys.argv[1])\nfor i in range(int(sys.argv[2])):\n"
         "    open(os.path.join(sys.argv[1], 'data%04d' % i), 'wb').write(os.urandom(int(sys.argv[3])))",
         {(tree / "data").string(), std::to_string(padding), std::to_string(padding_bytes / padding)});
-  }
   manifest = release_manifest(tree, archive, launcher_release_fields(build, helpers), "launcher-" + build + ".tar.zst");
   reference = launcher_reference(digest(manifest, "sha256"), build);
 }
@@ -76,8 +74,7 @@ SampleBootstrapRelease::SampleBootstrapRelease(const fs::path& folder, const std
   strip(image, tree / bootstrap_executable_posix);
   write_text(tree / ("build-" + build), build + "\n");
   strip("zorvi-shortcut", shortcut);
-  fs::permissions(shortcut,
-                  fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read | fs::perms::others_read);
+  fs::permissions(shortcut, fs::perms(0644));
   // The bundle's metadata, without which no shortcut to the installation is made.
   write_text(tree / bootstrap_shortcut_info_plist, "<plist version=\"1.0\"><dict/></plist>\n");
   json fields =

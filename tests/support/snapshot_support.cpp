@@ -1,18 +1,13 @@
 #include "tests/support/snapshot_support.hpp"
 
-#include <sys/stat.h>
-
 namespace zorvi::testing {
 namespace {
 
-std::string quoted(const std::filesystem::path& path) {
-  std::string text = "'";
-  for (char c : path.string()) text += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return text + "'";
-}
-
-void run_shell(const std::string& script) {
-  if (const CommandResult result = run_command({"sh", "-c", script}); result.status != 0)
+// `sh -c script sh args...`, which names its arguments "$1" and on.
+void run_shell(const std::string& script, const std::vector<std::string>& args) {
+  std::vector<std::string> argv{"sh", "-c", script, "sh"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  if (const CommandResult result = run_command(argv); result.status != 0)
     throw std::runtime_error(script + ": " + result.err);
 }
 
@@ -20,8 +15,7 @@ constexpr const char* manifest_script = R"PY(
 import hashlib, json, os, sys
 root, archive = sys.argv[1], sys.argv[2]
 def sha256(path):
-    with open(path, 'rb') as stream:
-        return hashlib.file_digest(stream, 'sha256').hexdigest()
+    return hashlib.file_digest(open(path, 'rb'), 'sha256').hexdigest()
 files = []
 for folder, _, names in os.walk(root):
     for name in names:
@@ -41,29 +35,20 @@ print(json.dumps({
 constexpr const char* craft_script = R"PY(
 import io, json, sys, tarfile
 entries = json.loads(sys.argv[2])
-pax = any(entry.get('xattr') for entry in entries)
-class BareInfo(tarfile.TarInfo):
-    # tarfile always ends a directory's name with '/'; this one keeps it bare.
-    def get_info(self):
-        info = super().get_info()
-        info['name'] = info['name'].rstrip('/')
-        return info
 kinds = {'file': tarfile.REGTYPE, 'dir': tarfile.DIRTYPE, 'symlink': tarfile.SYMTYPE, 'hardlink': tarfile.LNKTYPE}
+pax = any(entry.get('xattr') for entry in entries)
 with tarfile.open(sys.argv[1], 'w', format=tarfile.PAX_FORMAT if pax else tarfile.GNU_FORMAT,
                   encoding='utf-8', errors='surrogateescape') as archive:
     for entry in entries:
-        name = entry.get('name')
-        if 'raw_name_hex' in entry:
-            name = bytes.fromhex(entry['raw_name_hex']).decode('utf-8', 'surrogateescape')
-        info = (BareInfo if entry.get('bare') else tarfile.TarInfo)(name)
+        raw = bytes.fromhex(entry.get('raw_name_hex', ''))
+        info = tarfile.TarInfo(raw.decode('utf-8', 'surrogateescape') if raw else entry['name'])
         info.type = kinds[entry.get('type', 'file')]
         info.mode = entry.get('mode', 0o755 if info.type == tarfile.DIRTYPE else 0o644)
         info.linkname = entry.get('link', '')
-        if entry.get('xattr'):
-            info.pax_headers = {'SCHILY.xattr.user.origin': 'elsewhere'}
-        content = entry.get('content', '').encode()
-        info.size = len(content) if info.type == tarfile.REGTYPE else 0
-        archive.addfile(info, io.BytesIO(content) if info.type == tarfile.REGTYPE else None)
+        info.pax_headers = {'SCHILY.xattr.user.origin': 'elsewhere'} if entry.get('xattr') else {}
+        content = entry.get('content', '').encode() if info.type == tarfile.REGTYPE else b''
+        info.size = len(content)
+        archive.addfile(info, io.BytesIO(content))
 )PY";
 
 }  // namespace
@@ -73,21 +58,21 @@ void write_tree(const std::filesystem::path& root, const std::vector<TreeFile>& 
     const std::filesystem::path path = root / file.path;
     std::filesystem::create_directories(path.parent_path());
     write_text(path, file.content);
-    if (::chmod(path.c_str(), file.executable ? 0755 : 0644) != 0) throw std::runtime_error("chmod failed");
+    std::filesystem::permissions(path, std::filesystem::perms(file.executable ? 0755 : 0644));
   }
 }
 
 void pack_tree(const std::filesystem::path& root, const std::filesystem::path& archive, const std::string& zstd_options,
                const std::string& tar_options) {
-  run_shell("cd " + quoted(root) +
-            " && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../.files && tar --format=gnu --owner=0 --group=0 "
-            "--numeric-owner --no-recursion " +
-            tar_options + " -cf - -T ../.files | zstd -q -c " + zstd_options + " > " + quoted(archive) +
-            " && rm ../.files");
+  // The options split into words; the paths stay whole.
+  run_shell(
+      "cd \"$1\" && find . -type f -printf '%P\\n' | LC_ALL=C sort > ../.files && tar --format=gnu --owner=0 "
+      "--group=0 --numeric-owner --no-recursion $3 -cf - -T ../.files | zstd -q -c $2 > \"$4\" && rm ../.files",
+      {root, zstd_options, tar_options, archive});
 }
 
 void compress(const std::filesystem::path& tar, const std::filesystem::path& archive, const std::string& zstd_options) {
-  run_shell("zstd -q -c " + zstd_options + " < " + quoted(tar) + " > " + quoted(archive));
+  run_shell("zstd -q -c $2 < \"$1\" > \"$3\"", {tar, zstd_options, archive});
 }
 
 json python_manifest(const std::filesystem::path& root, const std::filesystem::path& archive) {
@@ -117,11 +102,9 @@ void craft_tar(const std::filesystem::path& tar, const json& entries) {
 }
 
 CommandResult run_in_private_mounts(const std::string& script) {
-  return run_command({"unshare", "--mount", "--propagation", "private", "env", "TOOL=" + snapshot_tool().string(), "sh",
-                      "-c", script});
+  return run_command({"unshare", "--mount", "--propagation", "private", "env",
+                      "TOOL=" + (binary_dir() / "snapshot_tool").string(), "sh", "-c", script});
 }
-
-std::filesystem::path snapshot_tool() { return binary_dir() / "snapshot_tool"; }
 
 json launcher_release_fields(const std::string& build, const json& helpers) {
   json fields = R"({"kind": "zorvi-launcher-release", "bootstrap_abi": 1, "health_abi": 1, "staging_abi": 1,

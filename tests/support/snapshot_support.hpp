@@ -41,13 +41,12 @@ SnapshotManifest manifest_of_lengths(const std::vector<std::pair<std::string, st
 
 // Crafts a tar file with Python's tarfile from a JSON list of entries:
 // {"name", "type": "file"|"dir"|"symlink"|"hardlink", "content", "mode",
-//  "link", "xattr": true, "raw_name_hex", "bare": true (a directory name without its final slash)}.
+//  "link", "xattr": true, "raw_name_hex"}.
 void craft_tar(const std::filesystem::path& tar, const json& entries);
 
 // Runs `sh -c script` in a private mount namespace, so that it may mount
 // small file systems that nobody else sees. `$TOOL` in the script names the
 // snapshot tool program.
 CommandResult run_in_private_mounts(const std::string& script);
-std::filesystem::path snapshot_tool();
 
 }  // namespace zorvi::testing

@@ -25,10 +25,9 @@ TempDir::~TempDir() {
   std::error_code ignored;
   fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ignored);
   for (auto it = fs::recursive_directory_iterator(path_, ignored); it != fs::recursive_directory_iterator();
-       it.increment(ignored)) {
+       it.increment(ignored))
     if (it->is_directory(ignored) && !it->is_symlink(ignored))
       fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-  }
   fs::remove_all(path_, ignored);
 }
 
@@ -109,9 +108,8 @@ std::string run_python(std::string_view script, const std::vector<std::string>& 
 }
 
 std::string read_text(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 void write_text(const fs::path& path, std::string_view text) {
@@ -145,9 +143,7 @@ Error caught(const std::function<void()>& action) {
 }
 
 void expect_error(const std::function<void()>& action, const std::string& code, const std::string& message) {
-  const Error error = caught(action);
-  EXPECT_EQ(error.code, code);
-  EXPECT_EQ(std::string(error.what()), message);
+  EXPECT_EQ(outcome(action), code + ": " + message);
 }
 
 fs::path source_dir() { return ZORVI_SOURCE_DIR; }

@@ -21,9 +21,6 @@ void TufRepository::run(const std::string& command) const {
 }
 
 void TufRepository::serve(const std::string& nginx) {
-  metadata.reset();
-  targets.reset();
-  server.reset();
   server.emplace(repo, nginx);
   metadata.emplace(server->base_url() + "metadata/", server->ca_bundle(), 0, nullptr);
   targets.emplace(server->base_url() + "targets/", server->ca_bundle(), 0, nullptr);
