@@ -79,7 +79,7 @@ TEST(PrivateStorage, FailureTable) {
        {file(dir / "user-rule"), grants},
        {file("relative"), "unsafe_path: macOS private storage needs a bounded absolute path"},
        {file(dir / "symlink"), "permissions: Cannot open ordinary macOS private storage"},
-       {[=] { posix_files::require_private_path(dir / "open", true); }, not_private},
+       {[&] { posix_files::require_private_path(dir / "open", true); }, not_private},
        {existing(foreign), not_private},
        {existing(inheriting), grants},
        {existing(dir / "user" / "other"), "unsafe_path: macOS directory ancestry is missing or linked"},
