@@ -71,17 +71,14 @@ TEST(GameManifest, ParsesEveryPartWithTheFilesInPathOrder) {
   document["files"][1]["length"] = static_cast<std::int64_t>(5);  // a signed length is as good
   document["future"] = {{"x", 1}};                                // unknown keys are ignored
   const GameManifest manifest = GameManifest::parse(document);
-  const SnapshotManifest& snapshot = manifest.snapshot;
-  EXPECT_EQ(snapshot.build_id + " " + snapshot.platform + " " + snapshot.executable + " " + snapshot.archive_target,
-            "build-7 linux-x86_64 bin/game builds/7.tar.zst");
-  EXPECT_TRUE(snapshot.archive_length == 1 && snapshot.expanded_length == 8 && snapshot.document == document);
-  std::string order;
-  for (const auto& [path, file] : snapshot.files) order += path + (file.executable ? "*" : "") + " ";
-  EXPECT_EQ(order, "README bin/game* data/level.pak ");
-  EXPECT_EQ(snapshot.files.at("data/level.pak").length, 5u);
-  EXPECT_TRUE(manifest.sdk_required);
-  EXPECT_EQ(manifest.encrypted->key.target, "keys/fox");
-  EXPECT_EQ(manifest.patches.at(1).source_build_id, "build-5");
+  const SnapshotManifest& s = manifest.snapshot;
+  std::string seen = s.build_id + " " + s.platform + " " + s.executable + " " + s.archive_target + " " +
+                     std::to_string(s.archive_length) + " " + std::to_string(s.expanded_length);
+  for (const auto& [path, file] : s.files)
+    seen += " " + path + (file.executable ? "*" : "") + std::to_string(file.length);
+  EXPECT_EQ(seen, "build-7 linux-x86_64 bin/game builds/7.tar.zst 1 8 README0 bin/game*3 data/level.pak5");
+  EXPECT_TRUE(s.document == document && manifest.sdk_required && manifest.encrypted->key.target == "keys/fox" &&
+              manifest.patches.at(1).source_build_id == "build-5");
   EXPECT_EQ(SnapshotManifest::parse(document_of({"bin/game", "a/b/c/d/e/f/g"})).longest_native_path(), 13u);
 }
 
@@ -96,11 +93,8 @@ json many_files(std::size_t count) {
 json changed(json document, const json& changes) {
   for (const auto& [pointer, value] : changes.items()) {
     const json::json_pointer at(pointer);
-    if (value.is_null()) {
-      document[at.parent_pointer()].erase(at.back());
-    } else {
-      document[at] = value;
-    }
+    if (value.is_null()) document[at.parent_pointer()].erase(at.back());
+    else document[at] = value;
   }
   return document;
 }
