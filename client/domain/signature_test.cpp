@@ -100,11 +100,16 @@ Material make_material() {
   // ML-DSA signs "tuf", a version byte and SHA-512 of the message.
   const std::string prehash = std::string("tuf\x01", 4) + openssl({"dgst", "-sha512", "-binary"}, message);
   const std::string ml_dsa = generate("ml", {"-algorithm", "ML-DSA-65"});
-  accepted["openssl ml-dsa"] = {tuf_key("ml-dsa", "ml-dsa-65/1", ml_dsa), sign_raw("ml", prehash)};
+  // The PEM bound counts the whole text, trailing line ends included: this one is at it.
+  std::string longest_pem = ml_dsa;
+  longest_pem.resize(16384, '\n');
+  accepted["openssl ml-dsa"] = {tuf_key("ml-dsa", "ml-dsa-65/1", longest_pem), sign_raw("ml", prehash)};
   testing::write_text(directory / "message", message);
   const json python = json::parse(testing::run_python(python_peer, {(directory / "message").string()}));
   for (const json& row : python["rows"])
     accepted["python " + row[1].get<std::string>()] = {tuf_key(row[0], row[1], row[2]), row[3]};
+  // Members beyond the known ones are no reason to refuse.
+  accepted["python ed25519"].key["keyval"]["private"] = "";
 
   const std::string rsa_signature = accepted.at("openssl rsa").signature;
   const auto refuse = [&](std::string label, json key, std::string signature) {
@@ -120,6 +125,8 @@ Material make_material() {
   refuse("ml-dsa-65 key under ml-dsa-44/1", tuf_key("ml-dsa", "ml-dsa-44/1", ml_dsa),
          accepted.at("openssl ml-dsa").signature);
   refuse("ml-dsa over the plain message", tuf_key("ml-dsa", "ml-dsa-65/1", ml_dsa), sign_raw("ml", message));
+  refuse("pem a byte past its bound", tuf_key("ml-dsa", "ml-dsa-65/1", longest_pem + "\n"),
+         accepted.at("openssl ml-dsa").signature);
   encrypted_pem = openssl({"rsa", "-in", key_file("rsa"), "-traditional", "-aes128", "-passout", "pass:secret"});
   refuse("encrypted pem", tuf_key("rsa", "rsassa-pss-sha512", encrypted_pem), rsa_signature);
   return material;
@@ -146,11 +153,10 @@ TEST(Signature, EachFamilyAcceptsBothPeersAndRefusesAnyOtherSignatureQuietly) {
     EXPECT_FALSE(verify_signature(c.key, message, signature)) << label;
     EXPECT_FALSE(verify_signature(c.key, changed, c.signature)) << label;
   }
-  ASSERT_EQ(material().refused.size(), 8u);
   for (const auto& [label, c] : material().refused)
     EXPECT_FALSE(verify_signature(c.key, message, c.signature)) << label;
   // Malformed and out-of-bound texts and keys are a plain refusal, never an
-  // exception; members beyond the known ones are no reason to refuse.
+  // exception.
   const Signed ed = material().accepted.at("python ed25519");
   const std::string sig = ed.signature, pub = ed.key["keyval"]["public"];
   const std::vector<std::pair<json, std::string>> malformed{
@@ -163,15 +169,6 @@ TEST(Signature, EachFamilyAcceptsBothPeersAndRefusesAnyOtherSignatureQuietly) {
   };
   for (const auto& [key, signature] : malformed)
     EXPECT_FALSE(verify_signature(key, message, signature)) << key.dump() << " " << signature.size();
-  json extended = ed.key;
-  extended["keyval"]["private"] = "";
-  EXPECT_TRUE(verify_signature(extended, message, sig));
-  // The PEM bound counts the whole text, trailing line ends included.
-  const Signed ml = material().accepted.at("openssl ml-dsa");
-  std::string pem = ml.key["keyval"]["public"];
-  pem.resize(16384, '\n');
-  EXPECT_TRUE(verify_signature(tuf_key("ml-dsa", "ml-dsa-65/1", pem), message, ml.signature));
-  EXPECT_FALSE(verify_signature(tuf_key("ml-dsa", "ml-dsa-65/1", pem + "\n"), message, ml.signature));
   // Failed checks must not leave entries on OpenSSL's error queue either: a
   // later TLS call would take them for its own.
   EXPECT_EQ(ERR_peek_error(), 0u);
