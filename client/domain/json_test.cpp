@@ -107,10 +107,8 @@ TEST(ParseJson, DirectReaderAndLibraryGiveOneAnswer) {
     for (auto edits = 1 + random() % 3; edits > 0 && !text.empty(); --edits) {
       const std::size_t at = random() % text.size();
       const char byte = bytes[random() % bytes.size()];
-      const auto kind = random() % 3;
-      if (kind == 0) text[at] = byte;
-      if (kind == 1) text.insert(at, 1, byte);
-      if (kind == 2) text.erase(at, 1);
+      const auto kind = random() % 3;  // replace, insert or erase a byte
+      text.replace(at, kind == 1 ? 0 : 1, kind == 2 ? 0 : 1, byte);
     }
     const std::string direct = typed_outcome([&] { return parse_json(text, big); });
     ASSERT_EQ(direct, typed_outcome([&] { return read_json_with_library(text); })) << ::testing::PrintToString(text);
