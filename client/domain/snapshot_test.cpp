@@ -151,16 +151,6 @@ Action damaged(const std::function<void(const fs::path&)>& damage) {
 }
 void remove_exec(const fs::path& file) { fs::permissions(file, fs::perms::owner_exec, fs::perm_options::remove); }
 
-// Every path below `out` that is not inside staging.
-std::vector<std::string> outside_staging(const fs::path& out) {
-  std::vector<std::string> found;
-  for (const auto& entry : fs::recursive_directory_iterator(out)) {
-    const std::string relative = entry.path().lexically_relative(out).string();
-    if (relative != "staging" && !relative.starts_with("staging/")) found.push_back(relative);
-  }
-  return found;
-}
-
 // One row per refusal the extraction or the verification makes itself.
 TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
   const json game = file_entry("bin/game", "#!/bin/sh\n", 0755);
@@ -227,7 +217,8 @@ TEST(Snapshot, EachFailureHasItsCodeAndMessageAndWritesNothingOutsideStaging) {
     SCOPED_TRACE(expected);
     Packed packed(listed);
     EXPECT_EQ(outcome([&] { action(packed); }), expected);
-    EXPECT_EQ(outside_staging(packed.dir / "out"), std::vector<std::string>{});
+    // Nothing beside staging in its folder.
+    EXPECT_EQ(std::distance(fs::directory_iterator(packed.dir / "out"), {}), fs::exists(packed.staging) ? 1 : 0);
     EXPECT_FALSE(fs::exists(packed.dir / "x"));
   }
 }
