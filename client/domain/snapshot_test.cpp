@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <functional>
 #include <random>
 #include <set>
@@ -26,9 +25,8 @@ using namespace testing;
 namespace fs = std::filesystem;
 
 std::string random_bytes(std::size_t count, unsigned seed) {
-  std::mt19937 generator(seed);
   std::string bytes(count, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(generator() & 0xff);
+  std::ranges::generate(bytes, [generator = std::mt19937(seed)]() mutable { return static_cast<char>(generator()); });
   return bytes;
 }
 
@@ -81,9 +79,10 @@ TEST(SnapshotExtraction, ArchiveExchangedAtAnyMomentYieldsOnlyTheAuthenticatedBy
   const std::vector<TreeFile> files{{"bin/game", "#!/bin/sh\n", true}, {"data/a", random_bytes(300000, 12)}};
   Packed authentic(files);
   Packed other({files[0], {"data/a", random_bytes(300000, 22)}});
-  std::atomic<bool> stop = false;
-  std::thread exchanger([&] {
-    while (!stop) ::renameat2(AT_FDCWD, authentic.archive.c_str(), AT_FDCWD, other.archive.c_str(), RENAME_EXCHANGE);
+  // Stopped and joined as it goes out of scope, before either archive.
+  const std::jthread exchanger([&](const std::stop_token& stop) {
+    while (!stop.stop_requested())
+      ::renameat2(AT_FDCWD, authentic.archive.c_str(), AT_FDCWD, other.archive.c_str(), RENAME_EXCHANGE);
   });
   for (int round = 0; round < 40; ++round) {
     fs::remove_all(authentic.staging);
@@ -95,8 +94,6 @@ TEST(SnapshotExtraction, ArchiveExchangedAtAnyMomentYieldsOnlyTheAuthenticatedBy
                           !fs::exists(authentic.staging))
         << result;
   }
-  stop = true;
-  exchanger.join();
 }
 
 // On a small file system mounted where nobody else sees it. The big file
