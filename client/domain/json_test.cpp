@@ -20,11 +20,10 @@ std::string nested(int count, std::string_view inner = "") {
 }
 
 TEST(ParseJson, RefusesWhatCouldMeanTwoThingsAndWhatIsTooLarge) {
-  const std::string duplicate = "duplicate_key: JSON contains a duplicate object key";
   const std::string floating = "invalid_number: Floating point numbers are not allowed in protocol data";
   const std::string depth = "depth_limit: JSON nesting exceeds 64 levels";
   const std::vector<std::pair<std::string, std::string>> rows = {
-      {R"({"a":1,"\u0061":2})", duplicate},
+      {R"({"a":1,"\u0061":2})", "duplicate_key: JSON contains a duplicate object key"},
       {R"({"a":{"k":1},"b":{"k":1}})", "ok"},
       {"18446744073709551615", "ok"},
       {"18446744073709551616", floating},
