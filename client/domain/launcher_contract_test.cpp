@@ -74,14 +74,12 @@ TEST(LauncherManifest, EachRuleAndBound) {
 TEST(LauncherManifest, RealReleaseHealthMatchesOnlyItsExactDocument) {
   const LauncherManifest m = LauncherManifest::parse(release());
   EXPECT_EQ(m.helpers, (std::map<std::string, std::string>{{"libexec/crash", "crash-handler"}}));
-  const json attempt = {{"nonce", std::string(32, 'c')},
-                        {"reference", {{"manifest_sha256", std::string(64, 'd')}, {"build_id", "test-build"}}}};
+  const std::string nonce(32, 'c'), sha(64, 'd');
+  const json attempt = {{"nonce", nonce}, {"reference", {{"manifest_sha256", sha}, {"build_id", "test-build"}}}};
   const json cli = m.startup_health(attempt, 42, "cli", true);
-  EXPECT_EQ(
-      cli.dump(),
-      R"({"application_schema":1,"build_id":"test-build","console_interrupt_abi":1,"health_abi":1,"interface":"cli","manifest_sha256":")" +
-          std::string(64, 'd') + R"(","nonce":")" + std::string(32, 'c') +
-          R"(","pid":42,"schema_version":1,"state":"ready"})");
+  EXPECT_EQ(cli.dump(), R"({"application_schema":1,"build_id":"test-build","console_interrupt_abi":1,"health_abi":1,)"
+                        R"("interface":"cli","manifest_sha256":")" +
+                            sha + R"(","nonce":")" + nonce + R"(","pid":42,"schema_version":1,"state":"ready"})");
   EXPECT_TRUE(m.matches_startup_health(parse_json(cli.dump(), 4096), attempt, 42, "cli", true));
   EXPECT_FALSE(m.matches_startup_health(cli, attempt, 42, "cli", false));  // one field too many
   EXPECT_FALSE(m.matches_startup_health(cli, attempt, 43, "cli", true));
