@@ -1,7 +1,7 @@
-#include <fcntl.h>
-#include <stdlib.h>
+#include <pty.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <string>
@@ -178,24 +178,18 @@ TEST(Signature, EachFamilyAcceptsBothPeersAndRefusesAnyOtherSignatureQuietly) {
 // encryption header unless told otherwise; a repository's key must never make
 // the client wait on such a prompt.
 TEST(Signature, EncryptedPemAsksForNothingOnTheTerminal) {
-  const int master = ::posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_TRUE(master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0);
-  const std::string terminal = ::ptsname(master);
   const json key = tuf_key("rsa", "rsassa-pss-sha256", material().encrypted_pem);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::setsid();
-    const int slave = ::open(terminal.c_str(), O_RDWR);  // becomes the controlling terminal
-    for (int fd = 0; fd < 3; ++fd) ::dup2(slave, fd);
-    ::_exit(slave >= 0 && !verify_signature(key, message, std::string(512, '0')) ? 0 : 1);
-  }
+  int master = -1;
+  const pid_t pid = ::forkpty(&master, nullptr, nullptr, nullptr);  // the pty becomes the child's controlling terminal
+  if (pid == 0) ::_exit(verify_signature(key, message, std::string(512, '0')) ? 1 : 0);
   ASSERT_GT(pid, 0);
   std::string shown;
   char buffer[256];
   for (ssize_t n = 0; (n = ::read(master, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);) {
-    if (n > 0) shown.append(buffer, static_cast<std::size_t>(n));
-    // Answer a prompt, so that a failing child ends instead of hanging.
-    if (shown.find("phrase") != std::string::npos) (void)!::write(master, "secret\n", 7);
+    const std::string_view read(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0)));  // none on EINTR
+    shown += read;
+    // Answer each prompt, so that a failing child ends instead of hanging.
+    if (read.find("phrase") != std::string_view::npos) (void)!::write(master, "secret\n", 7);
   }  // ends with EIO once the child has gone
   ::close(master);
   EXPECT_EQ(std::to_string(testing::wait_status(pid)) + shown, "0");
