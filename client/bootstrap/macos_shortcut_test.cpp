@@ -50,9 +50,9 @@ std::string ended(const HelperRun& run) {
 // bound shows the storage check is made.
 TEST(ShortcutHelper, RefusesArgumentsDocumentsAndImagesWithoutStartingAChild) {
   HelperInstall install;
+  const std::string document = install.document("g.zorvi-launch", "g");
   // A video driver that does not exist proves that SDL is never asked.
-  const auto usage =
-      run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {install.document("g.zorvi-launch", "g")});
+  const auto usage = run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {document});
   EXPECT_EQ(std::to_string(usage.status) + " " + usage.err, "2 Open a Zorvi launch document with this helper.\n");
   EXPECT_EQ(ended(run_helper(install, {})), "1 | No launch document arrived");  // after five seconds
   const HelperInstall rollback_only("zorvi-shortcut", "rollback");
@@ -64,10 +64,9 @@ TEST(ShortcutHelper, RefusesArgumentsDocumentsAndImagesWithoutStartingAChild) {
       {install.document("rollback.zorvi-launch", "g", rollback_only.root()), "Install a verified launcher in this profile before opening its shortcut"},
   };
   // clang-format on
-  for (const auto& [document, message] : cases)
-    EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}})), "1 | " + message) << document;
+  for (const auto& [path, message] : cases)
+    EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", path}})), "1 | " + message) << path;
   // The bootstrap's own image passes the installation check, not the bundle check.
-  const std::string document = install.document("g.zorvi-launch", "g");
   fs::rename(install.bootstrap(), install.bin() / "real-bootstrap");
   fs::copy_file(install.helper(), install.bootstrap());
   EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}}, {}, install.bootstrap())),
