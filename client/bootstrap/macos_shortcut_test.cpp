@@ -8,8 +8,8 @@
 
 #include <cstdlib>
 #include <functional>
+#include <regex>
 #include <set>
-#include <sstream>
 
 #include "client/domain/error.hpp"
 #include "client/platform/native_lock.hpp"
@@ -50,27 +50,24 @@ std::string ended(const HelperRun& run) {
 // bound shows the storage check is made.
 TEST(ShortcutHelper, RefusesArgumentsDocumentsAndImagesWithoutStartingAChild) {
   HelperInstall install;
+  const std::string document = install.document("g.zorvi-launch", "g");
   // A video driver that does not exist proves that SDL is never asked.
-  const auto usage =
-      run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {install.document("g.zorvi-launch", "g")});
+  const auto usage = run_helper(install, {{"SDL_VIDEODRIVER", "no-such-driver"}}, {document});
   EXPECT_EQ(std::to_string(usage.status) + " " + usage.err, "2 Open a Zorvi launch document with this helper.\n");
   EXPECT_EQ(ended(run_helper(install, {})), "1 | No launch document arrived");  // after five seconds
-  const fs::path folder = install.folder();
   const HelperInstall rollback_only("zorvi-shortcut", "rollback");
   // 4096 bytes pass the length check; that file does not exist.
   // clang-format off
   const std::pair<std::string, std::string> cases[] = {
-      {path_of_length(folder, 4097, ".zorvi-launch"), "Launch-document path exceeds its bound"},
-      {path_of_length(folder, 4096, ".zorvi-launch"), "Cannot open ordinary macOS private storage"},
+      {path_of_length(install.folder(), 4097, ".zorvi-launch"), "Launch-document path exceeds its bound"},
+      {path_of_length(install.folder(), 4096, ".zorvi-launch"), "Cannot open ordinary macOS private storage"},
       {install.document("rollback.zorvi-launch", "g", rollback_only.root()), "Install a verified launcher in this profile before opening its shortcut"},
   };
   // clang-format on
-  for (const auto& [document, message] : cases)
-    EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}})), "1 | " + message) << document;
+  for (const auto& [path, message] : cases)
+    EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", path}})), "1 | " + message) << path;
   // The bootstrap's own image passes the installation check, not the bundle check.
-  const std::string document = install.document("g.zorvi-launch", "g");
-  fs::copy_file(install.bootstrap(), install.bin() / "real-bootstrap");
-  fs::remove(install.bootstrap());
+  fs::rename(install.bootstrap(), install.bin() / "real-bootstrap");
   fs::copy_file(install.helper(), install.bootstrap());
   EXPECT_EQ(ended(run_helper(install, {{"ZORVI_LAUNCH_DOCUMENT", document}}, {}, install.bootstrap())),
             "1 | Launch-document handler needs its installed app bundle");
@@ -101,11 +98,12 @@ TEST(ShortcutHelper, RunsSixteenLaunchesRefusesTheSeventeenthAndOutlivesQuitUnti
   ASSERT_TRUE(eventually([&] { return install.runs().size() == 16 && shown_lines(helper.err()) == shown; }))
       << helper.err();
   std::set<json> arguments;
+  // Each bootstrap runs in the root, leads a process group of its own and sees none of the helper's own variables.
   for (const json& run : install.runs()) {
     arguments.insert(run["arguments"]);
-    EXPECT_EQ(run["directory"], root);
-    EXPECT_EQ(run["group"], run["pid"]) << "each bootstrap leads a process group of its own";
-    EXPECT_FALSE(run["environment"].contains("LD_ZORVI_PROBE") || run["environment"].contains("ZORVI_LAUNCH_DOCUMENT"));
+    EXPECT_TRUE(run["directory"] == root && run["group"] == run["pid"] &&
+                !run["environment"].contains("LD_ZORVI_PROBE") && !run["environment"].contains("ZORVI_LAUNCH_DOCUMENT"))
+        << run.dump();
   }
   EXPECT_EQ(arguments,
             (std::set<json>{json({"--data-dir", root, "--gui"}), json({"--data-dir", root, "--gui", "--game", "g"})}));
@@ -130,13 +128,11 @@ TEST(ShortcutHelper, ShowsItsBoxOnARealDisplay) {
   // Xvfb picks a free display and tells its number on the descriptor given.
   HelperProcess server("/usr/bin/Xvfb", {"-displayfd", "1", "-screen", "0", "800x600x24", "-nolisten", "tcp"},
                        {{"PATH", "/usr/bin:/bin"}});
-  std::string display;
-  ASSERT_TRUE(eventually([&] {
-    std::istringstream out(server.err());
-    for (std::string line; std::getline(out, line) && !out.eof();)
-      if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) display = ":" + line;
-    return !display.empty();
-  })) << server.err();
+  std::string out;
+  std::smatch number;  // a whole line of digits
+  ASSERT_TRUE(eventually([&] { return std::regex_search(out = server.err(), number, std::regex("(^|\n)([0-9]+)\n")); }))
+      << out;
+  const std::string display = ":" + number[2].str();
   HelperProcess helper(install.helper(), {},
                        install.environment({{"ZORVI_LAUNCH_DOCUMENT", install.document("g.zorvi-launch", "g")},
                                             {"SDL_VIDEODRIVER", "x11"},

@@ -51,11 +51,10 @@ TEST(BootstrapContract, EachRuleOfTheStableEntry) {
       {[](json& d) { d["files"][1]["mode"] = 493; },
        "invalid_native_package: Initial bootstrap snapshot contains an undeclared executable helper"},
   };
-  for (const auto& [change, expected] : rows) {
-    json d = release();
-    change(d);
-    EXPECT_EQ(outcome([&] { validate_bootstrap_contract(SnapshotManifest::parse(d)); }), expected) << expected;
-  }
+  for (const auto& [change, expected] : rows)
+    EXPECT_EQ(
+        outcome([&, d = release()]() mutable { change(d), validate_bootstrap_contract(SnapshotManifest::parse(d)); }),
+        expected);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "client/domain/crypto.hpp"
 
-#include <algorithm>
-#include <cctype>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,14 +12,12 @@
 namespace zorvi {
 namespace {
 
-using testing::expect_outcomes;
-using testing::outcome;
+using namespace testing;
+
 using Calls = std::vector<std::pair<std::uint64_t, std::uint64_t>>;
 
-class CryptoRuntime : public ::testing::Environment {
-  void SetUp() override { initialize_client_runtime(); }
-};
-const auto* const runtime = ::testing::AddGlobalTestEnvironment(new CryptoRuntime);
+// OpenSSL set up as the client sets it up, before any test.
+[[maybe_unused]] const bool runtime = (initialize_client_runtime(), true);
 
 std::string pattern(std::size_t size) {
   std::string bytes(size, '\0');
@@ -34,21 +30,17 @@ std::string pattern(std::size_t size) {
 TEST(Hex, ReadsEitherCaseWritesLowerCaseAsPythonDoesAndMakesFreshIds) {
   std::vector<std::uint8_t> bytes(256);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(i);
-  const std::string lower = hex(bytes);
-  EXPECT_EQ(lower + " " + digest(std::string(bytes.begin(), bytes.end()), "sha256"),
-            testing::run_python(
-                "import hashlib\nb = bytes(range(256))\nprint(b.hex(), hashlib.sha256(b).hexdigest(), end='')"));
-  std::string upper = lower;
-  std::ranges::transform(upper, upper.begin(), ::toupper);
-  EXPECT_EQ(unhex(upper, 512), bytes);
+  EXPECT_EQ(hex(bytes) + " " + digest(std::string(bytes.begin(), bytes.end()), "sha256"),
+            run_python("import hashlib\nb = bytes(range(256))\nprint(b.hex(), hashlib.sha256(b).hexdigest(), end='')"));
+  EXPECT_EQ(hex(unhex("09AFaf", 6)), "09afaf");  // each end of each range
   const std::string id = random_id();
   EXPECT_TRUE(id.size() == 32 && hex(unhex(id, 32)) == id && random_id() != id) << id;
 }
 
 TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
-  const testing::TempDir directory;
+  const TempDir directory;
   const auto file = directory / "file";
-  testing::write_text(file, pattern(2 * 65536 + 1));
+  write_text(file, pattern(2 * 65536 + 1));
   expect_outcomes({
       {[] { unhex("ABcd", 3); }, "invalid_hex: Invalid hexadecimal data"},  // the bound counts characters
       {[&] { digest_file(directory / "absent", "sha256"); },
@@ -68,7 +60,7 @@ TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
   // A file that grows past its size at the start is a mismatch once the reads pass that size.
   Calls seen;
   const auto grow = [&](std::uint64_t done, std::uint64_t total) {
-    if (seen.empty()) testing::write_text(file, pattern(2 * 65536 + 2));
+    if (seen.empty()) write_text(file, pattern(2 * 65536 + 2));
     return seen.emplace_back(done, total), true;
   };
   EXPECT_EQ(outcome([&] { digest_file_progress(file, "sha256", grow); }),
@@ -81,17 +73,16 @@ TEST(Crypto, FailuresCarryTheirCodeAndMessage) {
 // tests); the callback runs before the first read and after every read, the
 // empty read at the end included.
 TEST(Digest, FilesAndStepsMatchMemoryWithTheCallbackAtEveryRead) {
-  const testing::TempDir directory;
+  const TempDir directory;
   const std::vector<std::pair<std::uint64_t, Calls>> cases = {
       {0, {{0, 0}, {0, 0}}},
-      {65535, {{0, 65535}, {65535, 65535}}},
       {65536, {{0, 65536}, {65536, 65536}, {65536, 65536}}},
       {65537, {{0, 65537}, {65536, 65537}, {65537, 65537}}},
   };
   for (const auto& [size, expected] : cases) {
     const auto path = directory / std::to_string(size);
     const std::string content = pattern(size);
-    testing::write_text(path, content);
+    write_text(path, content);
     for (const std::string name : {"sha256", "sha512"}) {
       Calls calls;
       const auto record = [&](std::uint64_t done, std::uint64_t total) {
@@ -108,7 +99,7 @@ TEST(Digest, FilesAndStepsMatchMemoryWithTheCallbackAtEveryRead) {
     }
   }
   // Files of /proc claim a size of 0: without a callback nothing bounds the read.
-  EXPECT_EQ(digest_file("/proc/version", "sha512"), digest(testing::read_text("/proc/version"), "sha512"));
+  EXPECT_EQ(digest_file("/proc/version", "sha512"), digest(read_text("/proc/version"), "sha512"));
 }
 
 }  // namespace

@@ -25,13 +25,13 @@ json release() {
   return document;
 }
 
+const std::string digest_a(64, 'a');
+
 // Empty files keep the expanded length right.
 void add_files(json& d, const std::string& stem, int count, bool executable) {
   for (int i = 0; i < count; ++i)
-    d["files"].push_back({{"path", stem + std::to_string(i)},
-                          {"length", 0},
-                          {"mode", executable ? 493 : 420},
-                          {"sha256", std::string(64, 'a')}});
+    d["files"].push_back(
+        {{"path", stem + std::to_string(i)}, {"length", 0}, {"mode", executable ? 493 : 420}, {"sha256", digest_a}});
 }
 // Fills the helper list to its bound: the crash handler and 15 more.
 void sixteen_helpers(json& d) {
@@ -41,52 +41,45 @@ void sixteen_helpers(json& d) {
 }
 
 TEST(LauncherManifest, EachRuleAndBound) {
+  const std::string no = "launcher_incompatible: ", bad = "invalid_manifest: ";
   const std::vector<std::tuple<std::function<void(json&)>, std::string>> rows{
       {[](json& d) { sixteen_helpers(d), add_files(d, "s/", 4096 - 18, false); }, "ok"},
       {[](json& d) { d["schema_version"] = "1"; },
        "unsupported_schema: Unsupported launcher manifest; existing installation was preserved"},
-      {[](json& d) { d["health_abi"] = 2; }, "launcher_incompatible: This launcher needs another native bootstrap ABI"},
-      {[](json& d) { d["bootstrap_abi"] = "1"; },
-       "invalid_manifest: Launcher manifest has missing or malformed fields"},
+      {[](json& d) { d["health_abi"] = 2; }, no + "This launcher needs another native bootstrap ABI"},
+      {[](json& d) { d["bootstrap_abi"] = "1"; }, bad + "Launcher manifest has missing or malformed fields"},
       {[](json& d) { d["application_schema"]["minimum"] = 2; },
-       "launcher_incompatible: This launcher cannot preserve the current application data schema"},
-      {[](json& d) { d["runtime_lease_abi"] = 1; }, "launcher_incompatible: Unsupported launcher runtime contract"},
-      {[](json& d) { d.erase("staging_abi"); }, "launcher_incompatible: Launcher manifest lacks its runtime contract"},
+       no + "This launcher cannot preserve the current application data schema"},
+      {[](json& d) { d["runtime_lease_abi"] = 1; }, no + "Unsupported launcher runtime contract"},
+      {[](json& d) { d.erase("staging_abi"); }, no + "Launcher manifest lacks its runtime contract"},
       {[](json& d) { add_files(d, "s/", 4094, false); },
        "size_limit: Launcher payload exceeds bounded native package limits"},
       {[](json& d) { d["gui_executable"] = "bin/../bin/zorvi-gui"; },
-       "invalid_manifest: GUI launcher executable is missing or not executable"},
-      {[](json& d) { d["gui_executable"] = "bin/zorvi"; },
-       "invalid_manifest: GUI and CLI need separate native entry points"},
+       bad + "GUI launcher executable is missing or not executable"},
+      {[](json& d) { d["gui_executable"] = "bin/zorvi"; }, bad + "GUI and CLI need separate native entry points"},
       {[](json& d) { sixteen_helpers(d), d["runtime_helpers"].push_back(d["runtime_helpers"][1]); },
-       "launcher_incompatible: Native helper ownership must be a bounded list"},
-      {[](json& d) { d["runtime_helpers"][0]["note"] = 1; },
-       "launcher_incompatible: Native helper ownership fields are invalid"},
+       no + "Native helper ownership must be a bounded list"},
+      {[](json& d) { d["runtime_helpers"][0]["note"] = 1; }, no + "Native helper ownership fields are invalid"},
       {[](json& d) { d["runtime_helpers"][0]["role"] = "updater"; },
-       "launcher_incompatible: Unsupported native helper ownership contract"},
+       no + "Unsupported native helper ownership contract"},
       {[](json& d) { d["runtime_helpers"].push_back(d["runtime_helpers"][0]); },
-       "launcher_incompatible: Native helper is missing, repeated or overlaps a frontend"},
+       no + "Native helper is missing, repeated or overlaps a frontend"},
       {[](json& d) { d["runtime_helpers"] = json::array(); },
-       "launcher_incompatible: Every native helper needs declared lifetime ownership"},
+       no + "Every native helper needs declared lifetime ownership"},
   };
-  for (const auto& [change, expected] : rows) {
-    json d = release();
-    change(d);
-    EXPECT_EQ(outcome([&] { LauncherManifest::parse(d); }), expected) << d.dump().substr(0, 2000);
-  }
+  for (const auto& [change, expected] : rows)
+    EXPECT_EQ(outcome([&, d = release()]() mutable { change(d), LauncherManifest::parse(d); }), expected);
 }
 
 TEST(LauncherManifest, RealReleaseHealthMatchesOnlyItsExactDocument) {
   const LauncherManifest m = LauncherManifest::parse(release());
   EXPECT_EQ(m.helpers, (std::map<std::string, std::string>{{"libexec/crash", "crash-handler"}}));
-  const json attempt = {{"nonce", std::string(32, 'c')},
-                        {"reference", {{"manifest_sha256", std::string(64, 'd')}, {"build_id", "test-build"}}}};
+  const std::string nonce(32, 'c'), sha(64, 'd');
+  const json attempt = {{"nonce", nonce}, {"reference", {{"manifest_sha256", sha}, {"build_id", "test-build"}}}};
   const json cli = m.startup_health(attempt, 42, "cli", true);
-  EXPECT_EQ(
-      cli.dump(),
-      R"({"application_schema":1,"build_id":"test-build","console_interrupt_abi":1,"health_abi":1,"interface":"cli","manifest_sha256":")" +
-          std::string(64, 'd') + R"(","nonce":")" + std::string(32, 'c') +
-          R"(","pid":42,"schema_version":1,"state":"ready"})");
+  EXPECT_EQ(cli.dump(), R"({"application_schema":1,"build_id":"test-build","console_interrupt_abi":1,"health_abi":1,)"
+                        R"("interface":"cli","manifest_sha256":")" +
+                            sha + R"(","nonce":")" + nonce + R"(","pid":42,"schema_version":1,"state":"ready"})");
   EXPECT_TRUE(m.matches_startup_health(parse_json(cli.dump(), 4096), attempt, 42, "cli", true));
   EXPECT_FALSE(m.matches_startup_health(cli, attempt, 42, "cli", false));  // one field too many
   EXPECT_FALSE(m.matches_startup_health(cli, attempt, 43, "cli", true));

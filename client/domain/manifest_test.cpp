@@ -13,6 +13,10 @@ namespace {
 
 const std::string digest_a(64, 'a');
 
+json target(const std::string& path, std::uint64_t length) {
+  return {{"target", path}, {"length", length}, {"sha256", digest_a}};
+}
+
 json entry(const std::string& path, std::uint64_t length = 1, int mode = 420) {
   return {{"path", path}, {"length", length}, {"mode", mode}, {"sha256", digest_a}};
 }
@@ -23,13 +27,11 @@ json document_with(json files) {
   std::uint64_t total = 0;
   for (auto& file : files) total += file["length"].get<std::uint64_t>();
   files[0]["mode"] = 493;
-  return {{"schema_version", 1},
-          {"build_id", "build-7"},
-          {"platform", "linux-x86_64"},
-          {"executable", files[0]["path"]},
-          {"archive", {{"format", "tar.zst-v1"}, {"target", "builds/7.tar.zst"}, {"length", 1}, {"sha256", digest_a}}},
-          {"files", files},
-          {"expanded_length", total}};
+  json document = R"({"schema_version": 1, "build_id": "build-7", "platform": "linux-x86_64"})"_json;
+  document.update({{"executable", files[0]["path"]}, {"files", files}, {"expanded_length", total}});
+  document["archive"] = target("builds/7.tar.zst", 1);
+  document["archive"]["format"] = "tar.zst-v1";
+  return document;
 }
 
 json valid_document() { return document_with({entry("bin/game", 3), entry("data/level.pak", 5), entry("README", 0)}); }
@@ -40,23 +42,15 @@ json document_of(const std::vector<std::string>& paths) {
   return document_with(std::move(files));
 }
 
-json target(const std::string& path, std::uint64_t length) {
-  return {{"target", path}, {"length", length}, {"sha256", digest_a}};
-}
-
 // A game build with every optional part present.
 json game() {
   json document = valid_document();
-  document.update({{"minimum_launcher", 1},
-                   {"game_id", "fox-run"},
-                   {"display_name", "Fox Run"},
-                   {"presentation", {{"tagline", "Run"}}},
-                   {"release_notes", "Faster\r\n\tfoxes"},
-                   {"sdk", {{"required", true}, {"abi_version", 1}}},
-                   {"encrypted",
-                    {{"format", encrypted_archive_format},
-                     {"artifact", target("fox.zc", encrypted_archive_length(1))},
-                     {"key", target("keys/fox", 32)}}}});
+  document.update(R"({"minimum_launcher": 1, "game_id": "fox-run", "display_name": "Fox Run",
+                      "release_notes": "Faster\r\n\tfoxes", "presentation": {"tagline": "Run"},
+                      "sdk": {"required": true, "abi_version": 1}})"_json);
+  document["encrypted"] = {{"format", encrypted_archive_format},
+                           {"artifact", target("fox.zc", encrypted_archive_length(1))},
+                           {"key", target("keys/fox", 32)}};
   for (const std::string build : {"build-6", "build-5"}) {
     json source = target("builds/" + build + ".tar.zst", 9);
     source.update({{"format", "tar.zst-v1"}, {"build_id", build}});
@@ -71,18 +65,14 @@ TEST(GameManifest, ParsesEveryPartWithTheFilesInPathOrder) {
   document["files"][1]["length"] = static_cast<std::int64_t>(5);  // a signed length is as good
   document["future"] = {{"x", 1}};                                // unknown keys are ignored
   const GameManifest manifest = GameManifest::parse(document);
-  const SnapshotManifest& snapshot = manifest.snapshot;
-  EXPECT_EQ(snapshot.build_id + " " + snapshot.platform + " " + snapshot.executable + " " + snapshot.archive_target,
-            "build-7 linux-x86_64 bin/game builds/7.tar.zst");
-  EXPECT_TRUE(snapshot.archive_length == 1 && snapshot.expanded_length == 8 && snapshot.document == document);
-  std::string order;
-  for (const auto& [path, file] : snapshot.files) order += path + (file.executable ? "*" : "") + " ";
-  EXPECT_EQ(order, "README bin/game* data/level.pak ");
-  EXPECT_EQ(snapshot.files.at("data/level.pak").length, 5u);
-  EXPECT_TRUE(manifest.sdk_required);
-  EXPECT_EQ(manifest.encrypted->key.target, "keys/fox");
-  EXPECT_EQ(manifest.patches.at(1).source_build_id, "build-5");
-  EXPECT_EQ(SnapshotManifest::parse(document_of({"bin/game", "a/b/c/d/e/f/g"})).longest_native_path(), 13u);
+  const SnapshotManifest& s = manifest.snapshot;
+  std::string seen = s.build_id + " " + s.platform + " " + s.executable + " " + s.archive_target + " " +
+                     std::to_string(s.archive_length) + " " + std::to_string(s.expanded_length);
+  for (const auto& [path, file] : s.files)
+    seen += " " + path + (file.executable ? "*" : "") + std::to_string(file.length);
+  EXPECT_EQ(seen, "build-7 linux-x86_64 bin/game builds/7.tar.zst 1 8 README0 bin/game*3 data/level.pak5");
+  EXPECT_TRUE(s.document == document && s.longest_native_path() == 14 && manifest.sdk_required &&
+              manifest.encrypted->key.target == "keys/fox" && manifest.patches.at(1).source_build_id == "build-5");
 }
 
 json many_files(std::size_t count) {
@@ -96,11 +86,8 @@ json many_files(std::size_t count) {
 json changed(json document, const json& changes) {
   for (const auto& [pointer, value] : changes.items()) {
     const json::json_pointer at(pointer);
-    if (value.is_null()) {
-      document[at.parent_pointer()].erase(at.back());
-    } else {
-      document[at] = value;
-    }
+    if (value.is_null()) document[at.parent_pointer()].erase(at.back());
+    else document[at] = value;
   }
   return document;
 }
