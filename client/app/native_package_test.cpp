@@ -20,7 +20,7 @@ from cryptography.hazmat.primitives.serialization import load_pem_private_key
 from securesystemslib.signer import CryptoSigner
 st = pickle.load(open(sys.argv[1], 'rb')); root = st['md']['root']
 root.signed.expires = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) - datetime.timedelta(seconds=1); root.signatures.clear()
-for key in st['keys']['root']: root.sign(CryptoSigner(load_pem_private_key(key[1], None)), append=True)
+for key in st['keys']['root']: root.sign(CryptoSigner(load_pem_private_key(key, None)), append=True)
 open(sys.argv[2], 'wb').write(root.to_bytes())
 )";
 
