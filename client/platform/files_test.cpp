@@ -80,6 +80,8 @@ TEST(Files, FailureTable) {
        {[&] { read_file(dir / "fifo", 9); }, "unsafe_path: Expected an ordinary file: " + base.string() + "/fifo"},
        // A proc file claims size 0 and then delivers bytes: it grew while read.
        {[&] { read_file("/proc/self/stat", 1024); }, "file_read: File changed while reading"},
+       // A sysfs file claims a page and delivers a few bytes: it shrank while read.
+       {[&] { read_file("/sys/kernel/uevent_seqnum", 8192); }, "file_read: File changed while reading"},
        {[&] { read_file(base.string() + std::string("/file\0", 6), 9); },
         "unsafe_path: Native path contains a NUL byte"},
        {[&] { sync_file("/" + std::string(4096, 'a')); },

@@ -111,6 +111,7 @@ TEST(Storage, FailureTable) {
                     overflow = "size_limit: Peak storage calculation overflowed";
   for (const auto& [action, expected] : std::vector<std::pair<std::function<void()>, std::string>>{
            {budget(relative), geometry},
+           {[] { require_install_storage(json::array(), ""); }, geometry},
            {budget(volume_of(10, 5, 100, std::nullopt)), "volume_query: Storage file-entry counters are incomplete"},
            {budget(volume_of(10, 5, 100, 101)), "volume_query: Storage file-entry counters are invalid"},
            {[] { add(max, 1); }, overflow},
