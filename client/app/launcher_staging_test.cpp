@@ -67,6 +67,14 @@ TEST_F(LauncherStaging, ARepositoryReleaseBecomesTheCandidateAndBackgroundChecks
   set(store, {{"active", launcher_reference(std::string(64, 'e'), "0.1")}});
   EXPECT_EQ(stage(store, true), skipped("not_published"));
   const json first = publish("1.0.0");
+  // In a fresh folder the new tree's name in `versions` is flushed before its staging record goes.
+  const TracedRun run = run_traced({binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),
+                                    repository.server->ca_bundle(), dir / "traced"},
+                                   "renameat2,unlink,fsync");
+  std::string trace;
+  for (const std::string& call : run.calls) trace += call + "\n";
+  const std::size_t moved = trace.find("/launcher/versions/");
+  EXPECT_LT(trace.find("/launcher/versions>) = 0", moved), trace.find("/launcher/intents/", moved));
   EXPECT_EQ(stage(store, false), staged(first));
   EXPECT_EQ(phases, (std::vector<std::string>{"verifying", "downloading", "staging", "activating"}));
   EXPECT_EQ(store.load()["candidate"], first);

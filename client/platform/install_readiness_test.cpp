@@ -89,6 +89,18 @@ TEST_F(InstallReadiness, AKillAtEveryDurableStepIsCleanedUpAndTheRerunInstalls) 
   EXPECT_EQ(states, (std::set<std::string>{"000", "100", "110", "111", "011", "001", "unrecorded"}));
 }
 
+// A root that an earlier, killed cleanup already removed may not be durably
+// gone: its folder is flushed before the record that names it goes.
+TEST_F(InstallReadiness, ACleanupFlushesTheFolderOfAGoneRootBeforeItsRecordGoes) {
+  ASSERT_EQ(run(archive, "prepared").status, 0);
+  fs::remove_all(staging);
+  const auto traced = testing::run_traced({program, manifest_file, "cleanup", home, ""}, "unlink,unlinkat,fsync");
+  std::string trace;
+  for (const std::string& call : traced.calls) trace += call + "\n";
+  EXPECT_EQ(traced.result.out, "prepared\n");
+  EXPECT_LT(trace.find("<" + fs::canonical(staging.parent_path()).string() + ">) = 0"), trace.find("preparation.json"));
+}
+
 // One row per refusal: of the two documents, and of the cleanup of a changed tree.
 TEST_F(InstallReadiness, RefusalsPreserveWhatTheyCannotProve) {
   const SnapshotManifest small = testing::manifest_of_lengths({{"bin/game", 4}});
