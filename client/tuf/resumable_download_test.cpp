@@ -37,7 +37,16 @@ TEST(ResumableDownload, FlushesTheFolderAfterEachNameChangeAndFinishesPlainTarge
     TracedRun traced = run_traced(repository.fetch_command("file0.bin", "0", scope),
                                   "fsync,rename,renameat,renameat2,unlink,unlinkat");
     ASSERT_EQ(traced.result.out, "complete\n") << traced.result.err;
-    EXPECT_EQ(unflushed_name_changes(traced.calls, repository.out), std::vector<std::string>{}) << scope;
+    // Each change is flushed at once: the next call on the folder is its flush.
+    std::vector<std::string> steps;
+    std::copy_if(traced.calls.begin(), traced.calls.end(), std::back_inserter(steps),
+                 [&](const std::string& call) { return call.find(repository.out.string()) != std::string::npos; });
+    for (std::size_t at = 0; at < steps.size(); ++at) {
+      if (!steps[at].starts_with("rename") && !steps[at].starts_with("unlink")) continue;
+      EXPECT_TRUE(at + 1 < steps.size() && steps[at + 1].starts_with("fsync(") &&
+                  steps[at + 1].ends_with("<" + repository.out.string() + ">) = 0"))
+          << steps[at];
+    }
     // Without the flushes every change counts as unflushed: the trace saw them all.
     std::erase_if(traced.calls, [](const std::string& call) { return call.starts_with("fsync"); });
     EXPECT_EQ(unflushed_name_changes(traced.calls, repository.out).size(), expected) << scope;
