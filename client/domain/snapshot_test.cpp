@@ -284,6 +284,16 @@ Progress recorder(std::vector<std::uint64_t>& calls, std::uint64_t total, std::u
   };
 }
 
+// A reserved directory opened to others is narrowed again when a file is
+// written into it after one in a directory below it.
+TEST(Snapshot, ADirectoryEnteredAgainAsAParentIsMadePrivate) {
+  Packed packed({{"a/b/f", "1", true}, {"a/g", "2"}});
+  const ReservedTree tree(packed.manifest, packed.staging, Progress(), RootObserver());
+  fs::permissions(packed.staging / "a", fs::perms(0755));
+  extract_snapshot(packed.manifest, packed.archive, packed.staging, Progress(), &tree);
+  EXPECT_EQ(fs::status(packed.staging / "a").permissions(), fs::perms::owner_all);
+}
+
 std::size_t threads() { return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/task"), {})); }
 
 // Extracted from what real tools packed into a tree reserved beforehand, as an
