@@ -96,6 +96,25 @@ TEST(SnapshotExtraction, ArchiveExchangedAtAnyMomentYieldsOnlyTheAuthenticatedBy
   }
 }
 
+// The game exchanged, over and over, with a file of the same bytes that may
+// not be run: a check that catches the exchange between looking the file up
+// and opening it refuses the file rather than pass it on the other's mode.
+TEST(Snapshot, FileExchangedBetweenItsLookupAndItsOpeningIsRefused) {
+  Packed packed(one_game);
+  packed.extract();
+  const fs::path game = packed.staging / "bin/game", spare = packed.dir / "spare";
+  write_text(spare, one_game[0].content);
+  const std::string exchanged = "content_mismatch: Game content differs from the verified manifest: bin/game";
+  std::string result;
+  const std::jthread exchanger([&](const std::stop_token& stop) {
+    while (!stop.stop_requested())
+      ::renameat2(AT_FDCWD, game.c_str(), AT_FDCWD, spare.c_str(), RENAME_EXCHANGE);
+  });
+  for (int round = 0; round < 100000 && result != exchanged; ++round)
+    result = outcome([&] { verify_snapshot_tree(packed.manifest, packed.staging, {}); });
+  EXPECT_EQ(result, exchanged);
+}
+
 // On a small file system mounted where nobody else sees it. The big file
 // comes first in the tar, so a refusal there means no file data at all
 // reached the volume, whether extraction reserves itself or fills a reserved tree.
@@ -282,6 +301,16 @@ Progress recorder(std::vector<std::uint64_t>& calls, std::uint64_t total, std::u
     calls.push_back(std::this_thread::get_id() == caller && of == total ? done : ~0ULL);
     return done < limit;
   };
+}
+
+// A reserved directory opened to others is narrowed again when a file is
+// written into it after one in a directory below it.
+TEST(Snapshot, ADirectoryEnteredAgainAsAParentIsMadePrivate) {
+  Packed packed({{"a/b/f", "1", true}, {"a/g", "2"}});
+  const ReservedTree tree(packed.manifest, packed.staging, Progress(), RootObserver());
+  fs::permissions(packed.staging / "a", fs::perms(0755));
+  extract_snapshot(packed.manifest, packed.archive, packed.staging, Progress(), &tree);
+  EXPECT_EQ(fs::status(packed.staging / "a").permissions(), fs::perms::owner_all);
 }
 
 std::size_t threads() { return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/task"), {})); }

@@ -106,6 +106,16 @@ TEST(Shortcuts, EachRefusalLeavesEverythingAsItWas) {
   testing::expect_rows({{document(desk / "x.zorvi-launch"),
                          "shortcut_api: Cannot register the installed Zorvi launch-document handler"}},
                        home.dir.path());
+  // A cache tool that fails: the desktop would not know the handler.
+  fs::remove(home.dir / "share/applications");
+  const std::string search = std::getenv("PATH");
+  const fs::path tool = home.dir / "update-mime-database";
+  testing::write_text(tool, "#!/bin/sh\nexit 1\n");
+  fs::permissions(tool, fs::perms(0755));
+  ::setenv("PATH", home.dir.path().c_str(), 1);
+  testing::expect_error(document(desk / "x.zorvi-launch"), "shortcut_api",
+                        "Cannot register the installed Zorvi launch-document handler");
+  ::setenv("PATH", search.c_str(), 1);
   ::unsetenv("XDG_DATA_HOME");
   ::unsetenv("HOME");
   testing::expect_error([] { native_menu_directory(); }, "user_path", "Cannot locate the user's Desktop");
