@@ -113,8 +113,8 @@ TEST(TargetDownloads, ReceiptsFollowARealDownloadThroughCancelResumeAndRetiremen
   refused("Download retirement lost its immutable authority");
   fs::remove(store.dir / "download-intents" / (other + ".json"));
   // A retirement has flushed every removal by the time it returns.
-  const TracedRun traced = run_traced(
-      {binary_dir() / "download_retire", store.dir.path(), store.reference.dump()}, "unlink,unlinkat,fsync");
+  const TracedRun traced =
+      run_traced({binary_dir() / "download_retire", store.dir.path(), store.reference.dump()}, "unlink,unlinkat,fsync");
   EXPECT_EQ(traced.result.out, "ok\n");
   EXPECT_EQ(unflushed_name_changes(traced.calls, store.dir.path()), std::vector<std::string>{});
   retire();

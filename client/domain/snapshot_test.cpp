@@ -107,8 +107,7 @@ TEST(Snapshot, FileExchangedBetweenItsLookupAndItsOpeningIsRefused) {
   const std::string exchanged = "content_mismatch: Game content differs from the verified manifest: bin/game";
   std::string result;
   const std::jthread exchanger([&](const std::stop_token& stop) {
-    while (!stop.stop_requested())
-      ::renameat2(AT_FDCWD, game.c_str(), AT_FDCWD, spare.c_str(), RENAME_EXCHANGE);
+    while (!stop.stop_requested()) ::renameat2(AT_FDCWD, game.c_str(), AT_FDCWD, spare.c_str(), RENAME_EXCHANGE);
   });
   for (int round = 0; round < 100000 && result != exchanged; ++round)
     result = outcome([&] { verify_snapshot_tree(packed.manifest, packed.staging, {}); });
