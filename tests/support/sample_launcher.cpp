@@ -143,18 +143,13 @@ SamplePackage::SamplePackage(const std::string& build) {
 }
 
 CommandResult SamplePackage::build(const std::string& origin, const std::vector<std::string>& options) {
-  std::vector<std::string> all{"--ca-bundle", repository.server->ca_bundle().string()};
-  all.insert(all.end(), options.begin(), options.end());
-  const CommandResult built = package_builder(repository.repo, package, origin, all);
+  std::vector<std::string> argv{
+      source_dir() / "tools/zorvi-package", "build", repository.repo, package, "--origin", origin, "--ca-bundle",
+      repository.server->ca_bundle()};
+  argv.insert(argv.end(), options.begin(), options.end());
+  const CommandResult built = run_command(argv);
   if (built.status == 0) seal = built.out.substr(0, 64);
   return built;
-}
-
-CommandResult package_builder(const fs::path& repository, const fs::path& out, const std::string& origin,
-                              const std::vector<std::string>& options) {
-  std::vector<std::string> argv{source_dir() / "tools/zorvi-package", "build", repository, out, "--origin", origin};
-  argv.insert(argv.end(), options.begin(), options.end());
-  return run_command(argv);
 }
 
 }  // namespace zorvi::testing

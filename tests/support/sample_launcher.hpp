@@ -88,8 +88,4 @@ struct SamplePackage {
   std::string seal;
 };
 
-// `tools/zorvi-package build REPOSITORY OUT --origin ORIGIN OPTIONS...`
-CommandResult package_builder(const std::filesystem::path& repository, const std::filesystem::path& out,
-                              const std::string& origin, const std::vector<std::string>& options = {});
-
 }  // namespace zorvi::testing
