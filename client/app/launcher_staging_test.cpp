@@ -71,10 +71,8 @@ TEST_F(LauncherStaging, ARepositoryReleaseBecomesTheCandidateAndBackgroundChecks
   const TracedRun run = run_traced({binary_dir() / "launcher_stage", repository.trust, repository.server->base_url(),
                                     repository.server->ca_bundle(), dir / "traced"},
                                    "renameat2,unlink,fsync");
-  std::string trace;
-  for (const std::string& call : run.calls) trace += call + "\n";
-  const std::size_t moved = trace.find("/launcher/versions/");
-  EXPECT_LT(trace.find("/launcher/versions>) = 0", moved), trace.find("/launcher/intents/", moved));
+  EXPECT_TRUE(flushed_between(run.calls, fs::canonical(dir / "traced/launcher/versions"), "/launcher/versions/",
+                              "/launcher/intents/"));
   EXPECT_EQ(stage(store, false), staged(first));
   EXPECT_EQ(phases, (std::vector<std::string>{"verifying", "downloading", "staging", "activating"}));
   EXPECT_EQ(store.load()["candidate"], first);

@@ -43,14 +43,15 @@ class NativeInstall : public ::testing::Test {
     EXPECT_NO_THROW(client.refresh());
   }
   // The crash-test build of setup run with `words`, killed after its durable step `kill_at` (0: never); it
-  // counts its steps into dir/steps; `trace` keeps its renames, unlinks and flushes, one a line.
-  testing::CommandResult entry(int kill_at, std::vector<std::string> words, std::string* trace = nullptr) const {
+  // counts its steps into dir/steps; `calls` keeps its renames, unlinks and flushes.
+  testing::CommandResult entry(int kill_at, std::vector<std::string> words,
+                               std::vector<std::string>* calls = nullptr) const {
     words.insert(words.begin(),
                  {"env", "ZORVI_TEST_KILL_AT_STEP=" + std::to_string(kill_at),
                   "ZORVI_TEST_STEP_COUNT=" + (dir / "steps").string(), testing::binary_dir() / "install_entry"});
-    if (!trace) return testing::run_command(words);
-    const testing::TracedRun traced = testing::run_traced(words, "rename,renameat2,unlink,unlinkat,fsync");
-    for (const std::string& call : traced.calls) *trace += call + "\n";
+    if (!calls) return testing::run_command(words);
+    testing::TracedRun traced = testing::run_traced(words, "rename,renameat2,unlink,unlinkat,fsync");
+    *calls = std::move(traced.calls);
     return traced.result;
   }
 
@@ -122,10 +123,10 @@ TEST_F(NativeInstall, RefusedSetupsLeaveTheFolderAsTheyFoundIt) {
 // next setup always ends with a working installation, and the user's data
 // stays as it was. ZORVI_CRASH_ROUNDS repeats the campaign.
 TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheNextRepair) {
-  const auto setup = [&](const fs::path& folder, int kill_at, bool repair, std::string* trace = nullptr) {
+  const auto setup = [&](const fs::path& folder, int kill_at, bool repair, std::vector<std::string>* calls = nullptr) {
     std::vector<std::string> words{shared->seal, shared->package, folder};
     if (repair) words.emplace_back("--repair");
-    return entry(kill_at, words, trace);
+    return entry(kill_at, words, calls);
   };
   const fs::path folder = dir / "folder", saved = folder / "userdata/save.dat", damaged = dir / "damaged";
   // A complete installation with all three parts damaged, for the repair road.
@@ -143,14 +144,14 @@ TEST_F(NativeInstall, AKillAtEveryDurableStepOfAnInstallOrRepairIsFinishedByTheN
   for (int round = 0; round < (rounds ? std::atoi(rounds) : 1); ++round) {
     for (const bool repair : {false, true}) {
       fresh(repair);
-      std::string trace;
-      ASSERT_EQ(setup(folder, 0, repair, &trace).status, 0);
+      std::vector<std::string> calls;
+      ASSERT_EQ(setup(folder, 0, repair, &calls).status, 0);
       // A new tree's move out of staging, and the marker's removal, are flushed before the next step.
-      const std::string real = fs::canonical(folder).string(), moved = "/native/bootstrap\") = 0",
-                        marker = "unlink(\"" + real + "/.zorvi-setup-incomplete\")";
-      EXPECT_LT(trace.find("<" + real + "/native/staging>) = 0", trace.find(moved)),
-                trace.find("bootstrap.json", trace.find(moved)));
-      EXPECT_LT(trace.find("<" + real + ">) = 0", trace.find(marker)), trace.find("setup-status", trace.find(marker)));
+      const fs::path real = fs::canonical(folder);
+      EXPECT_TRUE(
+          testing::flushed_between(calls, real / "native/staging", "/native/bootstrap\") = 0", "bootstrap.json"));
+      EXPECT_TRUE(testing::flushed_between(calls, real, "unlink(\"" + real.string() + "/.zorvi-setup-incomplete\")",
+                                           "setup-status"));
       const int total = std::stoi(testing::read_text(dir / "steps"));
       ASSERT_GT(total, 20);
       RecordProperty(repair ? "repair_steps" : "install_steps", total);

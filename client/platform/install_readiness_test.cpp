@@ -95,10 +95,8 @@ TEST_F(InstallReadiness, ACleanupFlushesTheFolderOfAGoneRootBeforeItsRecordGoes)
   ASSERT_EQ(run(archive, "prepared").status, 0);
   fs::remove_all(staging);
   const auto traced = testing::run_traced({program, manifest_file, "cleanup", home, ""}, "unlink,unlinkat,fsync");
-  std::string trace;
-  for (const std::string& call : traced.calls) trace += call + "\n";
   EXPECT_EQ(traced.result.out, "prepared\n");
-  EXPECT_LT(trace.find("<" + fs::canonical(staging.parent_path()).string() + ">) = 0"), trace.find("preparation.json"));
+  EXPECT_TRUE(testing::flushed_between(traced.calls, fs::canonical(staging.parent_path()), "", "preparation.json"));
 }
 
 // One row per refusal: of the two documents, and of the cleanup of a changed tree.

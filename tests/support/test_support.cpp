@@ -99,6 +99,20 @@ std::vector<std::string> unflushed_name_changes(const std::vector<std::string>& 
   return unflushed;
 }
 
+bool flushed_between(const std::vector<std::string>& calls, const fs::path& folder, std::string_view after,
+                     std::string_view before) {
+  const auto names = [](std::string_view text) {
+    return [=](const std::string& call) { return call.find(text) != std::string::npos; };
+  };
+  auto call = after.empty() ? calls.begin() : std::find_if(calls.begin(), calls.end(), names(after));
+  const std::string flushed = "<" + folder.string() + ">) = 0";
+  for (; call != calls.end(); ++call) {
+    if (call->starts_with("fsync(") && call->ends_with(flushed)) return true;
+    if (names(before)(*call)) return false;
+  }
+  return false;
+}
+
 std::string run_python(std::string_view script, const std::vector<std::string>& args) {
   std::vector<std::string> argv{"python3", "-c", std::string(script)};
   argv.insert(argv.end(), args.begin(), args.end());

@@ -60,6 +60,12 @@ TracedRun run_traced(const std::vector<std::string>& argv, const std::string& ca
 std::vector<std::string> unflushed_name_changes(const std::vector<std::string>& calls,
                                                 const std::filesystem::path& folder);
 
+// Whether `folder` is flushed after the first traced call that names `after`
+// (from the first call when empty) and before the next call naming `before`:
+// a flush that a later step depends on.
+bool flushed_between(const std::vector<std::string>& calls, const std::filesystem::path& folder, std::string_view after,
+                     std::string_view before);
+
 // `python3 -c script args...`; fails the calling test on a non-zero status.
 std::string run_python(std::string_view script, const std::vector<std::string>& args = {});
 
